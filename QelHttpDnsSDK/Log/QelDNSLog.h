@@ -1,0 +1,18 @@
+// The SDK's console log switch: lines passed to `logWithStr` reach the console only while
+// the application has enabled logging (off at start). All operations are static and callable
+// from any thread; a change made on one thread is seen by the others without ordering.
+#pragma once
+
+#include <string>
+
+class QelDNSLog {
+public:
+    QelDNSLog() = delete;
+
+    static void enable();
+    static void disable();
+    static bool isEnable();
+
+    /// Prints `str` as it is (never as a format) when logging is enabled; else does nothing.
+    static void logWithStr(const std::string& str);
+};

@@ -1,0 +1,187 @@
+#include "QelHttpDnsSDK/Platform/EventLoop.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "QelHttpDnsSDK/Platform/Console.h"
+
+namespace qel::platform {
+
+namespace {
+constexpr uint64_t kWakeWatchId = 0;  // epoll data of the wake-up descriptor
+constexpr int kMaxEventsPerWait = 64;
+}  // namespace
+
+EventLoop::EventLoop() {
+    epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
+    wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (epollFd_ < 0 || wakeFd_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "platform event loop");
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeWatchId;
+    ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &event);
+    thread_ = std::thread([this] { run(); });
+}
+
+EventLoop::~EventLoop() {
+    stopping_.store(true, std::memory_order_release);
+    wake();
+    if (thread_.joinable()) {
+        if (isLoopThread()) {
+            thread_.detach();  // destroyed from its own task: the loop exits after it returns
+        } else {
+            thread_.join();
+        }
+    }
+    ::close(wakeFd_);
+    ::close(epollFd_);
+}
+
+EventLoop& EventLoop::shared() {
+    static EventLoop* loop = new EventLoop();
+    return *loop;
+}
+
+void EventLoop::post(Task task) {
+    {
+        std::lock_guard<std::mutex> lock(queueMutex_);
+        queue_.push_back(std::move(task));
+    }
+    wake();
+}
+
+bool EventLoop::isLoopThread() const {
+    return std::this_thread::get_id() == loopThreadId_.load(std::memory_order_acquire);
+}
+
+EventLoop::WatchId EventLoop::watchFd(int fd, uint32_t events, FdHandler handler) {
+    const WatchId id = nextId_++;
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return 0;
+    watches_.emplace(id, Watch{fd, std::move(handler)});
+    return id;
+}
+
+bool EventLoop::updateFd(WatchId id, uint32_t events) {
+    auto it = watches_.find(id);
+    if (it == watches_.end()) return false;
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    return ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, it->second.fd, &event) == 0;
+}
+
+void EventLoop::unwatchFd(WatchId id) {
+    auto it = watches_.find(id);
+    if (it == watches_.end()) return;
+    // The descriptor may already be closed by its owner; the kernel then dropped it itself.
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
+    watches_.erase(it);
+}
+
+EventLoop::TimerId EventLoop::runAfter(double seconds, Task task) {
+    const TimerId id = nextId_++;
+    const auto delay = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(std::isfinite(seconds) && seconds > 0 ? seconds : 0.0));
+    const TimePoint deadline = std::chrono::steady_clock::now() + delay;
+    timers_.emplace(std::make_pair(deadline, id), std::move(task));
+    timerDeadlines_.emplace(id, deadline);
+    return id;
+}
+
+void EventLoop::cancelTimer(TimerId id) {
+    auto it = timerDeadlines_.find(id);
+    if (it == timerDeadlines_.end()) return;
+    timers_.erase(std::make_pair(it->second, id));
+    timerDeadlines_.erase(it);
+}
+
+void EventLoop::wake() {
+    const uint64_t one = 1;
+    // EAGAIN means the counter is already non-zero: the loop is woken anyway.
+    [[maybe_unused]] ssize_t ignored = ::write(wakeFd_, &one, sizeof one);
+}
+
+void EventLoop::run() {
+    loopThreadId_.store(std::this_thread::get_id(), std::memory_order_release);
+    epoll_event events[kMaxEventsPerWait];
+    while (!stopping_.load(std::memory_order_acquire)) {
+        const int count = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, nextWaitMillis());
+        if (count < 0 && errno != EINTR) {
+            Console::log("platform event loop: epoll_wait failed: " + std::to_string(errno));
+            break;
+        }
+        if (count > 0) dispatchFdEvents(events, count);
+        runDueTimers();
+        runPostedTasks();
+    }
+}
+
+int EventLoop::nextWaitMillis() const {
+    if (timers_.empty()) return -1;
+    const auto left = timers_.begin()->first.first - std::chrono::steady_clock::now();
+    if (left <= std::chrono::steady_clock::duration::zero()) return 0;
+    // Round up so a timer is never run early and the loop never spins on a sub-millisecond wait.
+    const auto millis = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    return millis > 1000 * 60 * 60 ? 1000 * 60 * 60 : static_cast<int>(millis);
+}
+
+void EventLoop::dispatchFdEvents(const epoll_event* events, int count) {
+    for (int i = 0; i < count; ++i) {
+        const WatchId id = events[i].data.u64;
+        if (id == kWakeWatchId) {
+            uint64_t drained;
+            [[maybe_unused]] ssize_t ignored = ::read(wakeFd_, &drained, sizeof drained);
+            continue;
+        }
+        auto it = watches_.find(id);
+        if (it == watches_.end()) continue;  // removed by an earlier handler of this batch
+        FdHandler handler = it->second.handler;  // a handler may unwatch itself
+        runGuarded([&handler, &events, i] { handler(events[i].events); });
+    }
+}
+
+void EventLoop::runDueTimers() {
+    const TimePoint now = std::chrono::steady_clock::now();
+    while (!timers_.empty() && timers_.begin()->first.first <= now) {
+        auto first = timers_.begin();
+        Task task = std::move(first->second);
+        timerDeadlines_.erase(first->first.second);
+        timers_.erase(first);
+        runGuarded(task);
+    }
+}
+
+void EventLoop::runPostedTasks() {
+    std::deque<Task> ready;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex_);
+        ready.swap(queue_);
+    }
+    for (const Task& task : ready) runGuarded(task);
+}
+
+void EventLoop::runGuarded(const Task& task) {
+    // An exception escaping an application callback must not take the platform thread (and
+    // with it every later completion) down; it is reported and the loop goes on.
+    try {
+        if (task) task();
+    } catch (const std::exception& error) {
+        Console::log(std::string("platform event loop: a task threw: ") + error.what());
+    } catch (...) {
+        Console::log("platform event loop: a task threw a non-standard exception");
+    }
+}
+
+}  // namespace qel::platform

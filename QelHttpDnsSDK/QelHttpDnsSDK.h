@@ -1,0 +1,7 @@
+// Umbrella header for applications.
+#pragma once
+
+#include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Log/QelDNSLog.h"
+#include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the build, the tests and the tools need (only those missing).
+set -euo pipefail
+
+packages=(cmake g++ make pkg-config
+          libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libre2-dev
+          libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev iproute2)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+    missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "setup: installing ${missing[*]}"
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

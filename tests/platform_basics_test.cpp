@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <regex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "QelHttpDnsSDK/Platform/Clock.h"
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "support/CapturingConsole.h"
+#include "support/FakeClock.h"
+
+using qel::platform::Clock;
+using qel::platform::Console;
+using qel::platform::EventLoop;
+using qel::platform::Notification;
+using qel::platform::NotificationCenter;
+
+TEST(Console, DefaultLineHasTimeStampProgramAndProcessIdAndKeepsTheMessage) {
+    const std::string line = Console::formatLine("50% of %@ done");
+    const std::regex shape(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^\[\] ]+\[(\d+):\d+\] )"
+                           R"(50% of %@ done\n$)");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+    EXPECT_EQ(std::stoi(match[1]), getpid());
+}
+
+TEST(Console, SinkReceivesEachMessageOnceUntilRemoved) {
+    {
+        qel::test::CapturingConsole console;
+        Console::log("one");
+        Console::log(std::string("two\0three", 9));
+        EXPECT_EQ(console.lines(), (std::vector<std::string>{"one", std::string("two\0three", 9)}));
+    }
+    // The sink is gone: this goes to stderr, and the destroyed capture is not touched.
+    Console::log("to stderr");
+}
+
+TEST(Clock, InstalledClockReplacesTheSystemClockUntilRemoved) {
+    const double before = Clock::currentTime();
+    EXPECT_GT(before, 1.6e9);
+    {
+        qel::test::FakeClock fake(1000.5);
+        EXPECT_EQ(Clock::currentTime(), 1000.5);
+        fake.advance(2.25);
+        EXPECT_EQ(Clock::currentTime(), 1002.75);
+    }
+    EXPECT_GE(Clock::currentTime(), before);
+}
+
+TEST(NotificationCenter, DeliversByNameSynchronouslyOnThePostingThread) {
+    NotificationCenter center;
+    std::vector<std::string> seen;
+    std::thread::id deliveredOn;
+    center.addObserver("a", [&](const Notification& n) {
+        deliveredOn = std::this_thread::get_id();
+        seen.push_back("first:" + std::to_string(std::any_cast<int>(n.object)));
+    });
+    center.addObserver("a", [&](const Notification& n) { seen.push_back("second:" + n.name); });
+    center.addObserver("b", [&](const Notification&) { seen.push_back("b"); });
+
+    std::thread poster([&] { center.post("a", 7); });
+    const auto posterId = poster.get_id();
+    poster.join();
+    EXPECT_EQ(deliveredOn, posterId);
+    EXPECT_EQ(seen, (std::vector<std::string>{"first:7", "second:a"}));
+}
+
+TEST(NotificationCenter, RemovalByTokenAndReentrantBlocks) {
+    NotificationCenter center;
+    int calls = 0;
+    NotificationCenter::ObserverToken self = 0;
+    // A block that removes itself and posts again must neither deadlock nor run twice.
+    self = center.addObserver("n", [&](const Notification&) {
+        ++calls;
+        center.removeObserver(self);
+        center.post("n");
+    });
+    EXPECT_NE(self, 0u);
+    center.post("n");
+    center.post("n");
+    EXPECT_EQ(calls, 1);
+    center.removeObserver(12345);  // unknown tokens are ignored
+}
+
+TEST(EventLoop, RunsPostedTasksInOrderOnItsOwnThread) {
+    EventLoop loop;
+    std::vector<int> order;
+    std::promise<void> done;
+    std::atomic<bool> onLoop{true};
+    for (int i = 0; i < 100; ++i) {
+        loop.post([&, i] {
+            onLoop = onLoop && loop.isLoopThread();
+            order.push_back(i);
+            if (i == 99) done.set_value();
+        });
+    }
+    done.get_future().wait();
+    EXPECT_TRUE(onLoop);
+    EXPECT_FALSE(loop.isLoopThread());
+    ASSERT_EQ(order.size(), 100u);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(EventLoop, KeepsEachPostersOrderWithManyPosters) {
+    EventLoop loop;
+    constexpr int kThreads = 4, kPerThread = 500;
+    std::vector<std::vector<int>> seen(kThreads);
+    std::atomic<int> remaining{kThreads * kPerThread};
+    std::promise<void> done;
+    std::vector<std::thread> posters;
+    for (int t = 0; t < kThreads; ++t) {
+        posters.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                loop.post([&, t, i] {
+                    seen[t].push_back(i);
+                    if (--remaining == 0) done.set_value();
+                });
+            }
+        });
+    }
+    for (auto& poster : posters) poster.join();
+    done.get_future().wait();
+    for (int t = 0; t < kThreads; ++t) {
+        ASSERT_EQ(seen[t].size(), static_cast<size_t>(kPerThread));
+        for (int i = 0; i < kPerThread; ++i) ASSERT_EQ(seen[t][i], i);
+    }
+}
+
+TEST(EventLoop, TimersFireInDeadlineOrderAndCancelledOnesNever) {
+    EventLoop loop;
+    std::vector<std::string> fired;
+    std::promise<void> done;
+    loop.post([&] {
+        loop.runAfter(0.03, [&] { fired.push_back("late"); done.set_value(); });
+        loop.runAfter(0.01, [&] { fired.push_back("early"); });
+        const auto cancelled = loop.runAfter(0.02, [&] { fired.push_back("cancelled"); });
+        loop.runAfter(0.0, [&] { fired.push_back("now"); });
+        loop.cancelTimer(cancelled);
+        loop.cancelTimer(cancelled);
+    });
+    done.get_future().wait();
+    EXPECT_EQ(fired, (std::vector<std::string>{"now", "early", "late"}));
+}
+
+TEST(EventLoop, WatchesDescriptorsUntilUnwatched) {
+    EventLoop loop;
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string received;
+    bool unwatched = false;
+    EventLoop::WatchId id = 0;  // written and read on the loop thread only
+    loop.post([&] {
+        id = loop.watchFd(fds[0], EPOLLIN, [&](uint32_t events) {
+            ASSERT_TRUE(events & EPOLLIN);
+            char buffer[16];
+            const ssize_t n = read(fds[0], buffer, sizeof buffer);
+            std::lock_guard<std::mutex> lock(mutex);
+            received.append(buffer, n > 0 ? n : 0);
+            if (received.find('!') != std::string::npos) {
+                loop.unwatchFd(id);
+                unwatched = true;
+            }
+            changed.notify_all();
+        });
+        ASSERT_NE(id, 0u);
+    });
+    ASSERT_EQ(write(fds[1], "hi!", 3), 3);
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return unwatched; }));
+    }
+    ASSERT_EQ(write(fds[1], "more", 4), 4);  // no longer watched: nothing reads it
+    std::promise<void> flushed;
+    loop.post([&] { flushed.set_value(); });
+    flushed.get_future().wait();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(received, "hi!");
+    }
+    close(fds[0]);
+    close(fds[1]);
+}
+
+TEST(EventLoop, SurvivesATaskThatThrows) {
+    qel::test::CapturingConsole console;
+    EventLoop loop;
+    std::promise<void> after;
+    loop.post([] { throw std::runtime_error("boom"); });
+    loop.post([&] { after.set_value(); });
+    after.get_future().wait();
+    const auto lines = console.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("boom"), std::string::npos);
+}
+
+TEST(EventLoop, SharedLoopIsOneProcessWideInstance) {
+    EXPECT_EQ(&EventLoop::shared(), &EventLoop::shared());
+    std::promise<bool> onLoop;
+    EventLoop::shared().post([&] { onLoop.set_value(EventLoop::shared().isLoopThread()); });
+    EXPECT_TRUE(onLoop.get_future().get());
+}

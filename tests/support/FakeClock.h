@@ -1,0 +1,23 @@
+// A clock a test sets and steps by hand; installed for the life of the object.
+#pragma once
+
+#include <atomic>
+
+#include "QelHttpDnsSDK/Platform/Clock.h"
+
+namespace qel::test {
+
+class FakeClock final : public platform::Clock {
+public:
+    explicit FakeClock(double start = 1'700'000'000.0);
+    ~FakeClock() override;
+
+    double now() const override { return now_.load(); }
+    void set(double seconds) { now_.store(seconds); }
+    void advance(double seconds) { now_.store(now_.load() + seconds); }
+
+private:
+    std::atomic<double> now_;
+};
+
+}  // namespace qel::test

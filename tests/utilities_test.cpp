@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Log/QelDNSLog.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "support/CapturingConsole.h"
+
+using namespace std::string_literals;
+
+TEST(Constants, HaveTheirExportedValuesAndTypes) {
+    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_NEED_RETRY_CODE), const int64_t>);
+    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_FORBIDDEN_CODE), const int64_t>);
+    static_assert(std::is_same_v<decltype(QelHttpDnsSDKVersionNumber), const double>);
+    EXPECT_EQ(QelDNS_SDK_REQ_NEED_RETRY_CODE, -30000);
+    EXPECT_EQ(QelDNS_SDK_REQ_FORBIDDEN_CODE, 403);
+    EXPECT_EQ(QelHttpDnsSDKVersionNumber, 1.0);
+    EXPECT_STREQ(QelDNS_SDK_VERSION, "1.0.0");
+    EXPECT_STREQ(reinterpret_cast<const char*>(QelHttpDnsSDKVersionString),
+                 "@(#)PROGRAM:QelHttpDnsSDK  PROJECT:QelHttpDnsSDK-1\n");
+    // The default service is an http:// origin: no trailing slash, no path.
+    const std::string url = QelDNS_SDK_NET_DEFAULT_BASE_URL;
+    ASSERT_EQ(url.rfind("http://", 0), 0u);
+    EXPECT_EQ(url.find('/', strlen("http://")), std::string::npos);
+}
+
+TEST(ErrorResult, CarriesDomainCodeAndMessage) {
+    const QelDNSError error = QelDNSUntil::errorCode(-30000, "request error");
+    EXPECT_EQ(error.code(), -30000);
+    EXPECT_EQ(error.localizedDescription(), "request error");
+    const std::string& domain = error.domain();
+    ASSERT_GE(domain.size(), strlen("httpdnssdk"));
+    EXPECT_EQ(domain.substr(domain.size() - strlen("httpdnssdk")), "httpdnssdk");
+
+    const QelDNSError empty = QelDNSUntil::errorCode(3, "");
+    EXPECT_EQ(empty.code(), 3);
+    EXPECT_EQ(empty.localizedDescription(), "");
+    EXPECT_EQ(QelDNSUntil::errorCode(1, "域名格式错误").localizedDescription(), "域名格式错误");
+    EXPECT_EQ(QelDNSUntil::errorCode(INT64_MIN, "x").code(), INT64_MIN);
+}
+
+TEST(IsIP, AcceptsOnlyWhatInetPtonAccepts) {
+    for (const char* ip : {"127.0.0.1", "::1", "0.0.0.0", "2001:db8::1", "::ffff:1.2.3.4"}) {
+        EXPECT_TRUE(QelDNSUntil::isIP(std::string(ip))) << ip;
+    }
+    for (const char* text : {"", "1.2.3", "256.1.1.1", "example.test", "[::1]", "fe80::1%eth0",
+                             " 127.0.0.1", "127.0.0.1 ", "01.2.3.4x", "1.2.3.4:80"}) {
+        EXPECT_FALSE(QelDNSUntil::isIP(std::string(text))) << text;
+    }
+    EXPECT_FALSE(QelDNSUntil::isIP(std::nullopt));
+}
+
+TEST(IsIP, ReadsTheTextAsACStringUpToTheFirstNul) {
+    EXPECT_TRUE(QelDNSUntil::isIP("127.0.0.1\0.evil.test"s));
+    EXPECT_FALSE(QelDNSUntil::isIP("\0"s "127.0.0.1"s));
+}
+
+TEST(IsDomain, AcceptsHostNamesOfLettersDigitsAndInnerHyphens) {
+    for (const char* name : {"a", "a-b.c1", "EXAMPLE.test", "1.2.3.4", "x--y.z", "a.b.c.d.e"}) {
+        EXPECT_TRUE(QelDNSUntil::isDomain(std::string(name))) << name;
+    }
+    EXPECT_TRUE(QelDNSUntil::isDomain(std::string(300, 'q') + ".test"));
+}
+
+TEST(IsDomain, RejectsEverythingElse) {
+    for (const char* text : {"", "-a.test", "a-.test", "a..test", "a.test.", ".a.test", "a_b.test",
+                             "a test", "a.test\n", "ä.test", "a.test/x", "*.a.test", "[::1]"}) {
+        EXPECT_FALSE(QelDNSUntil::isDomain(std::string(text))) << text;
+    }
+    EXPECT_FALSE(QelDNSUntil::isDomain(std::nullopt));
+    EXPECT_FALSE(QelDNSUntil::isDomain("a\0b.test"s));
+}
+
+TEST(IsDomain, HandlesMegabyteInputsWithoutRecursion) {
+    // A backtracking engine recurses or explodes on these; the answers must still be exact.
+    std::string labels;
+    while (labels.size() < (1u << 20)) labels += "ab-c.";
+    EXPECT_FALSE(QelDNSUntil::isDomain(labels));  // trailing dot
+    labels += "end";
+    EXPECT_TRUE(QelDNSUntil::isDomain(labels));
+    std::string hyphens = "a" + std::string(1u << 20, '-');
+    EXPECT_FALSE(QelDNSUntil::isDomain(hyphens));
+    EXPECT_TRUE(QelDNSUntil::isDomain(hyphens + "a"));
+}
+
+TEST(IsDomain, IsSafeUnderConcurrentFirstUse) {
+    std::vector<std::thread> threads;
+    std::atomic<int> accepted{0};
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            if (QelDNSUntil::isDomain(std::string("host.test"))) ++accepted;
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(accepted.load(), 8);
+}
+
+TEST(MD5ForLower32Bate, MatchesKnownDigests) {
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate(""), "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("The quick brown fox jumps over the lazy dog"),
+              "9e107d9d372bb6826bd81d3542a419d6");
+    // UTF-8 bytes of the text, not code points.
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("中文"), "a7bac2239fcdcb3a067903d8077c4a07");
+}
+
+TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc\0def"s), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("\0abc"s), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
+    using qel::platform::MainBundle;
+    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
+    MainBundle::setIdentifier("com.example.app");
+    EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
+    MainBundle::setIdentifier("");
+    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
+    MainBundle::setIdentifier(std::nullopt);
+    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
+}
+
+TEST(QelDNSLog, PrintsOnlyWhileEnabledAndNeverAsAFormat) {
+    qel::test::CapturingConsole console;
+    EXPECT_FALSE(QelDNSLog::isEnable());
+    QelDNSLog::logWithStr("before");
+    QelDNSLog::enable();
+    EXPECT_TRUE(QelDNSLog::isEnable());
+    QelDNSLog::logWithStr("100% %@ %s %n done");
+    QelDNSLog::logWithStr("### 网络不可用 ###");
+    QelDNSLog::disable();
+    QelDNSLog::logWithStr("after");
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{"100% %@ %s %n done", "### 网络不可用 ###"}));
+}
