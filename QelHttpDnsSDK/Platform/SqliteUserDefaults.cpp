@@ -116,7 +116,7 @@ void SqliteUserDefaults::reportOnceLocked(const char* operation, int resultCode)
     reported_ = true;
     std::string message = "QelHttpDnsSDK: user defaults \"" + path_ + "\": " + operation +
                           " failed (" + sqlite3_errstr(resultCode) + ")";
-    if (db_) {
+    if (db_ && std::string(sqlite3_errmsg(db_)) != sqlite3_errstr(resultCode)) {
         message += ": ";
         message += sqlite3_errmsg(db_);
     }
