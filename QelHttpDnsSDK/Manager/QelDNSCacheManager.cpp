@@ -1,5 +1,6 @@
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Clock.h"
@@ -68,19 +69,33 @@ QelDNSIPModelListRef QelDNSCacheManager::getIPsWithDomain(const std::string& dom
         if (!ips || ips->empty()) return nullptr;
     }
     if (expired) return ips;
-    return std::make_shared<const QelDNSIPModelList>(filterExpiredTTL(*ips));
+    const double now = qel::platform::Clock::currentTime();
+    // Lists are immutable, so when every record is alive the list itself is as good as a
+    // copy, and a hit costs no allocation.
+    if (std::all_of(ips->begin(), ips->end(),
+                    [now](const auto& record) { return isAlive(record.get(), now); })) {
+        return ips;
+    }
+    return std::make_shared<const QelDNSIPModelList>(aliveRecords(*ips, now));
 }
 
-QelDNSIPModelList QelDNSCacheManager::filterExpiredTTL(const QelDNSIPModelList& ips) const {
-    const double now = qel::platform::Clock::currentTime();
+bool QelDNSCacheManager::isAlive(const QelDNSIPModel* record, double now) {
+    if (!record) return false;
+    const double lookupTime = record->lookupTime();
+    return static_cast<double>(record->ttl()) + lookupTime > now;
+}
+
+QelDNSIPModelList QelDNSCacheManager::aliveRecords(const QelDNSIPModelList& ips, double now) {
     QelDNSIPModelList alive;
     alive.reserve(ips.size());
     for (const auto& record : ips) {
-        if (!record) continue;
-        const double lookupTime = record->lookupTime();
-        if (static_cast<double>(record->ttl()) + lookupTime > now) alive.push_back(record);
+        if (isAlive(record.get(), now)) alive.push_back(record);
     }
     return alive;
+}
+
+QelDNSIPModelList QelDNSCacheManager::filterExpiredTTL(const QelDNSIPModelList& ips) const {
+    return aliveRecords(ips, qel::platform::Clock::currentTime());
 }
 
 void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {

@@ -47,8 +47,9 @@ public:
 
     /// The records under `domain`: from memory when the list there is not empty, else decoded
     /// from the store. With `expired` the list is returned as it stands (from memory: the very
-    /// list that was saved); without it, a fresh list of the records still alive, which may
-    /// be empty. Null when neither memory nor the store holds a record.
+    /// list that was saved). Without it, the records still alive (see `filterExpiredTTL`),
+    /// which may be none: the list itself when all of them are, else a new list. Null when
+    /// neither memory nor the store holds a record.
     QelDNSIPModelListRef getIPsWithDomain(const std::string& domain, bool expired) const;
 
     /// The records whose lookupTime + ttl is strictly later than the current time (read once,
@@ -76,6 +77,9 @@ public:
     QelDNSIPModelListRef unarchivedObjects(const std::optional<qel::platform::Data>& data) const;
 
 private:
+    static bool isAlive(const QelDNSIPModel* record, double now);
+    static QelDNSIPModelList aliveRecords(const QelDNSIPModelList& ips, double now);
+
     mutable std::mutex mutex_;
     Dict dict_;  // guarded by mutex_
 };
