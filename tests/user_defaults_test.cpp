@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
@@ -194,32 +193,6 @@ TEST(SqliteUserDefaults, CommittedWritesSurviveAKillInTheMiddleOfWriting) {
         ASSERT_TRUE(blob && blob->size() == 3000) << k;
         EXPECT_EQ(*blob, filled(3000, (*blob)[0])) << "a torn blob under " << k;
     }
-}
-
-TEST(SqliteUserDefaults, ConcurrentWritersAndReadersSeeWholeValues) {
-    ScratchDirectory dir;
-    SqliteUserDefaults store(dir.file("store.sqlite3"));
-    std::vector<std::thread> threads;
-    for (uint8_t t = 1; t <= 4; ++t) {
-        threads.emplace_back([&store, t] {
-            const std::string own = "own" + std::to_string(t);
-            for (int i = 0; i < 100; ++i) {
-                store.setData("shared", filled(64, t));
-                store.setData(own, filled(16, static_cast<uint8_t>(i)));
-                const auto shared = store.data("shared");
-                ASSERT_TRUE(shared);
-                EXPECT_EQ(*shared, filled(64, (*shared)[0]));
-                EXPECT_EQ(store.data(own), filled(16, static_cast<uint8_t>(i)));
-                if (i % 10 == 0) {
-                    store.remove(own);
-                    EXPECT_FALSE(store.data(own));
-                    EXPECT_FALSE(store.allKeys().empty());
-                }
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(store.allKeys(), (std::vector<std::string>{"own1", "own2", "own3", "own4", "shared"}));
 }
 
 TEST(UserDefaultsStandard, DefaultFileLivesUnderTheXdgDataDirectoryNamedAfterTheBundle) {
