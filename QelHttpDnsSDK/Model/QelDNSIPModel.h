@@ -69,6 +69,6 @@ private:
 /// A list of records as the cache keeps and hands it out. Lists are shared by reference, not
 /// copied: the cache keeps the very list the resolver saves and returns it to every reader.
 /// Both the list and its records are immutable once shared, so readers on any thread need
-/// no lock; a new answer replaces the whole list.
+/// no lock; a new answer replaces the whole list. A list holds no null record.
 using QelDNSIPModelList = std::vector<std::shared_ptr<const QelDNSIPModel>>;
 using QelDNSIPModelListRef = std::shared_ptr<const QelDNSIPModelList>;

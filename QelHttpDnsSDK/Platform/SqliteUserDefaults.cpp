@@ -166,8 +166,10 @@ std::optional<std::string> SqliteUserDefaults::string(const std::string& key) {
     return value;
 }
 
-void SqliteUserDefaults::stepWriteLocked(sqlite3_stmt* statement, const char* operation) {
-    const int rc = sqlite3_step(statement);
+void SqliteUserDefaults::writeBoundLocked(sqlite3_stmt* statement, int bindResult,
+                                          const char* operation) {
+    // A value that could not be bound (too big) must not be written as NULL in its place.
+    const int rc = bindResult == SQLITE_OK ? sqlite3_step(statement) : bindResult;
     if (rc != SQLITE_DONE) reportOnceLocked(operation, rc);
     finishLocked(statement);
 }
@@ -175,29 +177,32 @@ void SqliteUserDefaults::stepWriteLocked(sqlite3_stmt* statement, const char* op
 void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
     Session session(*this);
     if (!db_) return;
-    sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    if (value.empty()) {
-        sqlite3_bind_zeroblob(upsert_, 2, 0);  // a null pointer would store NULL, not a blob
-    } else {
-        sqlite3_bind_blob(upsert_, 2, value.data(), static_cast<int>(value.size()),
-                          SQLITE_STATIC);
+    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK) {
+        // A null pointer would store NULL, not an empty blob.
+        rc = value.empty() ? sqlite3_bind_zeroblob(upsert_, 2, 0)
+                           : sqlite3_bind_blob64(upsert_, 2, value.data(), value.size(),
+                                                 SQLITE_STATIC);
     }
-    stepWriteLocked(upsert_, "write");
+    writeBoundLocked(upsert_, rc, "write");
 }
 
 void SqliteUserDefaults::setString(const std::string& key, const std::string& value) {
     Session session(*this);
     if (!db_) return;
-    sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    sqlite3_bind_text(upsert_, 2, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
-    stepWriteLocked(upsert_, "write");
+    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
+    }
+    writeBoundLocked(upsert_, rc, "write");
 }
 
 void SqliteUserDefaults::remove(const std::string& key) {
     Session session(*this);
     if (!db_) return;
-    sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    stepWriteLocked(delete_, "remove");
+    const int rc =
+        sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    writeBoundLocked(delete_, rc, "remove");
 }
 
 std::vector<std::string> SqliteUserDefaults::allKeys() {

@@ -7,6 +7,8 @@
 // write-ahead log with write(2) and not flushed to disk, so a write on the lookup path costs
 // no fsync, yet every committed write survives a crash (even `kill -9`) of the process; only
 // a crash of the whole machine may lose the latest commits, never the file's consistency.
+// SQLite's automatic checkpoint still syncs, about once per 1000 pages written (some
+// hundreds of commits), on the thread whose commit crosses that mark.
 //
 // One connection with prepared statements serves all threads, one operation at a time.
 //
@@ -54,7 +56,7 @@ private:
     // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
     bool selectLocked(const std::string& key);
     void finishLocked(sqlite3_stmt* statement);
-    void stepWriteLocked(sqlite3_stmt* statement, const char* operation);
+    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation);
     void reportOnceLocked(const char* operation, int resultCode);
 
     const std::string path_;
