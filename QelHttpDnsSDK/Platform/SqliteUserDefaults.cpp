@@ -1,0 +1,225 @@
+#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "QelHttpDnsSDK/Platform/Console.h"
+
+namespace qel::platform {
+
+namespace {
+
+// Another connection (the application's own) may hold the write lock for a moment.
+constexpr int kBusyTimeoutMillis = 2000;
+
+sqlite3_stmt* prepare(sqlite3* db, const char* sql) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
+        SQLITE_OK) {
+        return nullptr;
+    }
+    return statement;
+}
+
+}  // namespace
+
+// Holds the store's lock for one operation; on the way out it releases the lock before it
+// writes a pending report, so a console sink may use the store itself.
+class SqliteUserDefaults::Session {
+public:
+    explicit Session(SqliteUserDefaults& store) : store_(store), lock_(store.mutex_) {}
+    ~Session() {
+        std::string report = std::move(store_.pendingReport_);
+        store_.pendingReport_.clear();
+        lock_.unlock();
+        if (!report.empty()) Console::log(report);
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+private:
+    SqliteUserDefaults& store_;
+    std::unique_lock<std::mutex> lock_;
+};
+
+SqliteUserDefaults::SqliteUserDefaults(std::string path) : path_(std::move(path)) {
+    Session session(*this);
+    if (!open()) close();
+}
+
+SqliteUserDefaults::~SqliteUserDefaults() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    close();
+}
+
+bool SqliteUserDefaults::open() {
+    const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
+    if (!parent.empty()) {
+        std::error_code ignored;  // a failure shows up as the open's own error below
+        std::filesystem::create_directories(parent, ignored);
+    }
+    int rc = sqlite3_open_v2(path_.c_str(), &db_,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                             nullptr);
+    if (rc != SQLITE_OK) {
+        reportOnceLocked("open", rc);
+        return false;
+    }
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
+    // The first statement reads the file header, so a file that is not a database fails
+    // here, before anything could be written to it.
+    static const char* const kSetup[] = {
+        "PRAGMA journal_mode=WAL",
+        "PRAGMA synchronous=NORMAL",
+        "CREATE TABLE IF NOT EXISTS user_defaults "
+        "(key TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID",
+    };
+    for (const char* sql : kSetup) {
+        rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+        if (rc != SQLITE_OK) {
+            reportOnceLocked("open", rc);
+            return false;
+        }
+    }
+    select_ = prepare(db_, "SELECT value FROM user_defaults WHERE key = ?1");
+    upsert_ = prepare(db_,
+                      "INSERT INTO user_defaults (key, value) VALUES (?1, ?2) "
+                      "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
+    delete_ = prepare(db_, "DELETE FROM user_defaults WHERE key = ?1");
+    keys_ = prepare(db_, "SELECT key FROM user_defaults ORDER BY key");
+    if (!select_ || !upsert_ || !delete_ || !keys_) {
+        reportOnceLocked("open", sqlite3_errcode(db_));
+        return false;
+    }
+    return true;
+}
+
+void SqliteUserDefaults::close() {
+    for (sqlite3_stmt** statement : {&select_, &upsert_, &delete_, &keys_}) {
+        sqlite3_finalize(*statement);
+        *statement = nullptr;
+    }
+    sqlite3_close(db_);  // also frees the handle of a failed open
+    db_ = nullptr;
+}
+
+bool SqliteUserDefaults::isUsable() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return db_ != nullptr;
+}
+
+void SqliteUserDefaults::reportOnceLocked(const char* operation, int resultCode) {
+    if (reported_) return;
+    reported_ = true;
+    std::string message = "QelHttpDnsSDK: user defaults \"" + path_ + "\": " + operation +
+                          " failed (" + sqlite3_errstr(resultCode) + ")";
+    if (db_ && std::string(sqlite3_errmsg(db_)) != sqlite3_errstr(resultCode)) {
+        message += ": ";
+        message += sqlite3_errmsg(db_);
+    }
+    if (std::string(operation) == "open") {
+        message += "; the store is treated as empty and the file is left as it is";
+    }
+    pendingReport_ = std::move(message);
+}
+
+void SqliteUserDefaults::finishLocked(sqlite3_stmt* statement) {
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+}
+
+bool SqliteUserDefaults::selectLocked(const std::string& key) {
+    if (!db_) return false;
+    sqlite3_bind_text(select_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    const int rc = sqlite3_step(select_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc != SQLITE_DONE) reportOnceLocked("read", rc);
+    finishLocked(select_);
+    return false;
+}
+
+std::optional<Data> SqliteUserDefaults::data(const std::string& key) {
+    Session session(*this);
+    if (!selectLocked(key)) return std::nullopt;
+    std::optional<Data> value;
+    if (sqlite3_column_type(select_, 0) == SQLITE_BLOB) {
+        const auto* bytes = static_cast<const uint8_t*>(sqlite3_column_blob(select_, 0));
+        const int size = sqlite3_column_bytes(select_, 0);
+        value.emplace(bytes, bytes + size);  // a zero-length blob has a null pointer
+    }
+    finishLocked(select_);
+    return value;
+}
+
+std::optional<std::string> SqliteUserDefaults::string(const std::string& key) {
+    Session session(*this);
+    if (!selectLocked(key)) return std::nullopt;
+    std::optional<std::string> value;
+    if (sqlite3_column_type(select_, 0) == SQLITE_TEXT) {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(select_, 0));
+        value.emplace(text, static_cast<size_t>(sqlite3_column_bytes(select_, 0)));
+    }
+    finishLocked(select_);
+    return value;
+}
+
+void SqliteUserDefaults::writeBoundLocked(sqlite3_stmt* statement, int bindResult,
+                                          const char* operation) {
+    // A value that could not be bound (too big) must not be written as NULL in its place.
+    const int rc = bindResult == SQLITE_OK ? sqlite3_step(statement) : bindResult;
+    if (rc != SQLITE_DONE) reportOnceLocked(operation, rc);
+    finishLocked(statement);
+}
+
+void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
+    Session session(*this);
+    if (!db_) return;
+    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK) {
+        // A null pointer would store NULL, not an empty blob.
+        rc = value.empty() ? sqlite3_bind_zeroblob(upsert_, 2, 0)
+                           : sqlite3_bind_blob64(upsert_, 2, value.data(), value.size(),
+                                                 SQLITE_STATIC);
+    }
+    writeBoundLocked(upsert_, rc, "write");
+}
+
+void SqliteUserDefaults::setString(const std::string& key, const std::string& value) {
+    Session session(*this);
+    if (!db_) return;
+    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
+    }
+    writeBoundLocked(upsert_, rc, "write");
+}
+
+void SqliteUserDefaults::remove(const std::string& key) {
+    Session session(*this);
+    if (!db_) return;
+    const int rc =
+        sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    writeBoundLocked(delete_, rc, "remove");
+}
+
+std::vector<std::string> SqliteUserDefaults::allKeys() {
+    Session session(*this);
+    std::vector<std::string> keys;
+    if (!db_) return keys;
+    int rc;
+    while ((rc = sqlite3_step(keys_)) == SQLITE_ROW) {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(keys_, 0));
+        keys.emplace_back(text ? text : "", static_cast<size_t>(sqlite3_column_bytes(keys_, 0)));
+    }
+    if (rc != SQLITE_DONE) {
+        reportOnceLocked("list keys", rc);
+        keys.clear();  // a partial snapshot would look like a complete one
+    }
+    finishLocked(keys_);
+    return keys;
+}
+
+}  // namespace qel::platform

@@ -1,0 +1,73 @@
+// The defaults store on Linux: one SQLite database file with one table,
+//   CREATE TABLE user_defaults (key TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID
+// where a blob value is stored as BLOB and a string value as TEXT. The application may open
+// the same file itself and keep its own rows in that table.
+//
+// The database runs in WAL mode with synchronous=NORMAL: a commit is appended to the
+// write-ahead log with write(2) and not flushed to disk, so a write on the lookup path costs
+// no fsync, yet every committed write survives a crash (even `kill -9`) of the process; only
+// a crash of the whole machine may lose the latest commits, never the file's consistency.
+// SQLite's automatic checkpoint still syncs, about once per 1000 pages written (some
+// hundreds of commits), on the thread whose commit crosses that mark.
+//
+// One connection with prepared statements serves all threads, one operation at a time.
+//
+// A file that cannot be opened as a database (damaged, not a database, a directory, no
+// permission) is never deleted, repaired or rewritten: it may hold the application's own
+// keys. The store then behaves as empty and ignores writes for its whole life. The first
+// problem a store meets (at open or on a later operation) is written once to the `Console`;
+// callers are told nothing.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace qel::platform {
+
+class SqliteUserDefaults final : public UserDefaults {
+public:
+    /// Opens the database at `path`, creating the file and its missing parent directories.
+    explicit SqliteUserDefaults(std::string path);
+    ~SqliteUserDefaults() override;
+    SqliteUserDefaults(const SqliteUserDefaults&) = delete;
+    SqliteUserDefaults& operator=(const SqliteUserDefaults&) = delete;
+
+    const std::string& path() const { return path_; }
+    /// False when the file could not be opened as a database (the store is then empty).
+    bool isUsable() const;
+
+    std::optional<Data> data(const std::string& key) override;
+    std::optional<std::string> string(const std::string& key) override;
+    void setData(const std::string& key, const Data& value) override;
+    void setString(const std::string& key, const std::string& value) override;
+    void remove(const std::string& key) override;
+    std::vector<std::string> allKeys() override;
+
+private:
+    class Session;
+
+    bool open();
+    void close();
+    // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
+    bool selectLocked(const std::string& key);
+    void finishLocked(sqlite3_stmt* statement);
+    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation);
+    void reportOnceLocked(const char* operation, int resultCode);
+
+    const std::string path_;
+    mutable std::mutex mutex_;
+    sqlite3* db_ = nullptr;  // null when unusable; everything below guarded by mutex_
+    sqlite3_stmt* select_ = nullptr;
+    sqlite3_stmt* upsert_ = nullptr;
+    sqlite3_stmt* delete_ = nullptr;
+    sqlite3_stmt* keys_ = nullptr;
+    bool reported_ = false;
+    std::string pendingReport_;  // written to the Console once the lock is released
+};
+
+}  // namespace qel::platform
