@@ -509,8 +509,9 @@ bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         auto link = links_.find(answer->oif);
         // A link not seen yet is one the kernel just made; its route is the better witness.
+        // Loopback carries only this host's own addresses, which are RTN_LOCAL above.
         if (link != links_.end()) {
-            if (!link->second.usable) return true;
+            if (!link->second.usable || link->second.loopback) return true;
             cellular = link->second.cellular;
         }
     }

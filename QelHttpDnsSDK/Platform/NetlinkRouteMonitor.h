@@ -54,7 +54,8 @@ public:
     uint64_t overrunCount() const { return overruns_.load(std::memory_order_relaxed); }
 
     /// Asks the kernel for the route to `address` (AF_INET or AF_INET6) and turns the answer
-    /// into `ReachabilityFlags`: none when there is no usable route; Reachable, plus IsDirect
+    /// into `ReachabilityFlags`: none when there is no route through an up, running,
+    /// non-loopback link (addresses of this host excepted); else Reachable, plus IsDirect
     /// without a gateway, IsLocalAddress for an address of this host, IsWWAN over a cellular
     /// modem. False when the kernel could not be asked.
     bool routeFlags(const sockaddr* address, uint32_t& flags);
