@@ -3,6 +3,7 @@
 // net/if.h before the kernel headers, which then leave its definitions alone.
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <netinet/in.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/time.h>
@@ -16,6 +17,7 @@
 #include <tuple>
 
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
 namespace qel::platform {
@@ -207,7 +209,9 @@ bool NetlinkRouteMonitor::start() {
     publish();
     EventLoop& loop = EventLoop::shared();
     loop.post([this, &loop] {
-        watch_ = loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); });
+        if (loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
+            Console::log("reachability: cannot watch the rtnetlink socket; no change reports");
+        }
     });
     return true;
 }
@@ -230,10 +234,8 @@ NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
     bool interrupted = false;
     for (;;) {
         const ssize_t received = ::recv(requestFd_, requestBuffer_.data(), requestBuffer_.size(), 0);
-        if (received < 0) {
-            if (errno == EINTR) continue;
-            return Outcome::Failed;  // includes the receive time-out
-        }
+        if (received < 0 && errno == EINTR) continue;
+        if (received <= 0) return Outcome::Failed;  // includes the receive time-out
         int left = static_cast<int>(received);
         for (auto* message = reinterpret_cast<const nlmsghdr*>(requestBuffer_.data());
              NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
@@ -308,7 +310,6 @@ NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flag
                                                          const std::string& name,
                                                          const std::string& kind) {
     Link link;
-    link.name = name;
     link.adminUp = (flags & IFF_UP) != 0;
     // IFF_RUNNING: the kernel sees a carrier; a link without one carries no traffic even
     // though its routes stay in the table.

@@ -9,7 +9,6 @@
 // the thread that first calls `shared()`.
 #pragma once
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -20,8 +19,6 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
-
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
 
 struct nlmsghdr;
 
@@ -73,7 +70,6 @@ public:
 
 private:
     struct Link {
-        std::string name;
         bool usable = false;  // administratively up and running (carrier)
         bool adminUp = false;
         bool loopback = false;
@@ -113,7 +109,6 @@ private:
 
     int eventFd_ = -1;    // subscribed; read on the platform thread only
     int requestFd_ = -1;  // dumps and route queries; guarded by requestMutex_
-    EventLoop::WatchId watch_ = 0;
 
     std::mutex requestMutex_;
     uint32_t sequence_ = 0;                 // guarded by requestMutex_
