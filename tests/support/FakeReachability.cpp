@@ -14,33 +14,23 @@ public:
 
     bool getFlags(uint32_t& flags) override {
         std::lock_guard<std::mutex> lock(target_->mutex_);
-        if (!target_->readable_) return false;
-        flags = target_->flags_;
-        return true;
+        if (target_->readable_) flags = target_->flags_;
+        return target_->readable_;
     }
     bool setCallback(Callback callback) override {
         std::lock_guard<std::mutex> lock(target_->mutex_);
-        ++target_->setCallbackCalls_;
-        if (target_->failSetCallback_) return false;
         target_->callback_ = std::move(callback);
         return true;
     }
-    bool schedule() override {
-        std::lock_guard<std::mutex> lock(target_->mutex_);
-        ++target_->scheduleCalls_;
-        if (target_->failSchedule_) return false;
-        target_->scheduled_ = true;
-        return true;
-    }
-    bool unschedule() override {
-        std::lock_guard<std::mutex> lock(target_->mutex_);
-        ++target_->unscheduleCalls_;
-        const bool was = target_->scheduled_;
-        target_->scheduled_ = false;
-        return was;
-    }
+    bool schedule() override { return setScheduled(true); }
+    bool unschedule() override { return setScheduled(false); }
 
 private:
+    bool setScheduled(bool scheduled) {
+        std::lock_guard<std::mutex> lock(target_->mutex_);
+        target_->scheduled_ = scheduled;
+        return true;
+    }
     std::shared_ptr<FakeReachabilityTarget> target_;
 };
 
@@ -50,63 +40,28 @@ void FakeReachabilityTarget::setFlags(uint32_t flags, bool readable) {
     readable_ = readable;
 }
 
+platform::ReachabilitySource::Callback FakeReachabilityTarget::callbackIf(bool mustBeScheduled,
+                                                                          uint32_t& flags) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    flags = flags_;
+    return mustBeScheduled && !scheduled_ ? nullptr : callback_;
+}
+
 bool FakeReachabilityTarget::fire() {
-    platform::ReachabilitySource::Callback callback;
     uint32_t flags;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!scheduled_ || !callback_) return false;
-        callback = callback_;
-        flags = flags_;
-    }
-    callback(flags);
-    return true;
+    auto callback = callbackIf(true, flags);
+    if (callback) callback(flags);  // outside the lock, as a real source does
+    return static_cast<bool>(callback);
 }
 
 void FakeReachabilityTarget::invokeCallback() {
-    platform::ReachabilitySource::Callback callback;
     uint32_t flags;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        callback = callback_;
-        flags = flags_;
-    }
-    if (callback) callback(flags);
-}
-
-void FakeReachabilityTarget::failSetCallback(bool fail) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failSetCallback_ = fail;
-}
-
-void FakeReachabilityTarget::failSchedule(bool fail) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failSchedule_ = fail;
+    if (auto callback = callbackIf(false, flags)) callback(flags);
 }
 
 bool FakeReachabilityTarget::scheduled() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return scheduled_;
-}
-
-bool FakeReachabilityTarget::hasCallback() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return static_cast<bool>(callback_);
-}
-
-int FakeReachabilityTarget::setCallbackCalls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return setCallbackCalls_;
-}
-
-int FakeReachabilityTarget::scheduleCalls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return scheduleCalls_;
-}
-
-int FakeReachabilityTarget::unscheduleCalls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return unscheduleCalls_;
 }
 
 FakeReachabilityFactory::FakeReachabilityFactory(uint32_t initialFlags)
@@ -128,12 +83,10 @@ std::unique_ptr<platform::ReachabilitySource> FakeReachabilityFactory::makeWithN
 std::unique_ptr<platform::ReachabilitySource> FakeReachabilityFactory::makeWithAddress(
     const sockaddr* address) {
     auto target = std::make_shared<FakeReachabilityTarget>();
-    if (address) {
-        sockaddr_storage copy{};
-        std::memcpy(&copy, address,
-                    address->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-        target->address = copy;
-    }
+    sockaddr_storage copy{};
+    std::memcpy(&copy, address,
+                address->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    target->address = copy;
     return make(std::move(target));
 }
 
@@ -154,11 +107,6 @@ void FakeReachabilityFactory::failCreation(bool fail) {
 size_t FakeReachabilityFactory::made() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return targets_.size();
-}
-
-std::shared_ptr<FakeReachabilityTarget> FakeReachabilityFactory::target(size_t index) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return index < targets_.size() ? targets_[index] : nullptr;
 }
 
 std::shared_ptr<FakeReachabilityTarget> FakeReachabilityFactory::last() const {

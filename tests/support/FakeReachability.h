@@ -1,6 +1,6 @@
 // Reachability sources whose flags a test sets by hand. While a FakeReachabilityFactory
 // exists it is the installed factory, so every QelDNSReachability made meanwhile gets a fake
-// source; the test reaches each source's controls through `target(i)` / `last()`.
+// source; the test reaches each one's controls through `last()` / `made()`.
 #pragma once
 
 #include <sys/socket.h>
@@ -17,43 +17,32 @@
 
 namespace qel::test {
 
-/// The controls and the record of one fake source. Thread-safe.
+/// The controls of one fake source. Thread-safe.
 class FakeReachabilityTarget {
 public:
-    /// What the source was made for: a host name, or an address.
+    /// What the source was made for. Set before the source is handed out.
     std::optional<std::string> hostName;
     std::optional<sockaddr_storage> address;
 
     /// Flags that later reads answer; `readable = false` makes reads fail.
     void setFlags(uint32_t flags, bool readable = true);
-    /// Reports a change, on the calling thread, when scheduled and a callback is set;
-    /// returns whether it was delivered.
+    /// Reports a change on the calling thread when scheduled and a callback is set; returns
+    /// whether it was delivered.
     bool fire();
-    /// Calls the registered callback whether scheduled or not: a report that was already
-    /// under way when the notifier stopped.
+    /// Calls the registered callback even when unscheduled: a report already under way when
+    /// the notifier stopped.
     void invokeCallback();
-
-    void failSetCallback(bool fail);
-    void failSchedule(bool fail);
-
     bool scheduled() const;
-    bool hasCallback() const;
-    int setCallbackCalls() const;
-    int scheduleCalls() const;
-    int unscheduleCalls() const;
 
 private:
     friend class FakeReachabilitySource;
+    platform::ReachabilitySource::Callback callbackIf(bool mustBeScheduled, uint32_t& flags) const;
+
     mutable std::mutex mutex_;
     uint32_t flags_ = 0;
     bool readable_ = true;
-    bool failSetCallback_ = false;
-    bool failSchedule_ = false;
     bool scheduled_ = false;
     platform::ReachabilitySource::Callback callback_;
-    int setCallbackCalls_ = 0;
-    int scheduleCalls_ = 0;
-    int unscheduleCalls_ = 0;
 };
 
 class FakeReachabilityFactory final : public platform::ReachabilitySourceFactory {
@@ -68,7 +57,6 @@ public:
     /// Makes later creations fail (the factories then return nothing).
     void failCreation(bool fail);
     size_t made() const;
-    std::shared_ptr<FakeReachabilityTarget> target(size_t index) const;
     std::shared_ptr<FakeReachabilityTarget> last() const;
 
 private:
