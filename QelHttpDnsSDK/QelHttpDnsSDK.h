@@ -5,3 +5,5 @@
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"

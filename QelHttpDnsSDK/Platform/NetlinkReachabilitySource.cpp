@@ -1,0 +1,152 @@
+#include "QelHttpDnsSDK/Platform/NetlinkReachabilitySource.h"
+
+#include <netinet/in.h>
+
+#include <cstring>
+#include <mutex>
+#include <optional>
+
+#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+
+namespace qel::platform {
+
+class NetlinkReachabilitySource::Target final : public NetlinkRouteMonitor::Listener {
+public:
+    // `address` is empty for the whole-internet target.
+    Target(NetlinkRouteMonitor& monitor, std::optional<sockaddr_storage> address)
+        : monitor_(monitor), address_(address) {}
+
+    bool getFlags(uint32_t& flags) {
+        if (!address_) {
+            flags = monitor_.internetFlags();
+            return true;
+        }
+        // The route to one address changes only when the routing state does: ask the kernel
+        // once per generation.
+        const uint64_t generation = monitor_.generation();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (cachedOk_ && cachedGeneration_ == generation) {
+                flags = cachedFlags_;
+                return true;
+            }
+        }
+        uint32_t fresh = 0;
+        if (!monitor_.routeFlags(reinterpret_cast<const sockaddr*>(&*address_), fresh)) {
+            return false;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        cachedOk_ = true;
+        cachedGeneration_ = generation;
+        cachedFlags_ = fresh;
+        flags = fresh;
+        return true;
+    }
+
+    void setCallback(Callback callback) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        callback_ = std::move(callback);
+    }
+
+    void schedule() {
+        uint32_t flags = 0;
+        const bool ok = getFlags(flags);
+        std::lock_guard<std::mutex> lock(mutex_);
+        scheduled_ = true;
+        lastReported_ = ok ? flags : 0;
+    }
+
+    bool unschedule() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool was = scheduled_;
+        scheduled_ = false;
+        return was;
+    }
+
+    void routesChanged() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!scheduled_) return;
+        }
+        uint32_t flags = 0;
+        if (!getFlags(flags)) flags = 0;
+        Callback callback;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!scheduled_ || flags == lastReported_) return;
+            lastReported_ = flags;
+            callback = callback_;
+        }
+        if (callback) callback(flags);
+    }
+
+private:
+    NetlinkRouteMonitor& monitor_;
+    const std::optional<sockaddr_storage> address_;
+
+    std::mutex mutex_;
+    Callback callback_;             // guarded by mutex_
+    bool scheduled_ = false;        // guarded by mutex_
+    uint32_t lastReported_ = 0;     // guarded by mutex_
+    bool cachedOk_ = false;         // guarded by mutex_
+    uint64_t cachedGeneration_ = 0; // guarded by mutex_
+    uint32_t cachedFlags_ = 0;      // guarded by mutex_
+};
+
+namespace {
+
+bool isUnspecified(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) {
+        return reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr == INADDR_ANY;
+    }
+    return IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr);
+}
+
+}  // namespace
+
+NetlinkReachabilitySource::NetlinkReachabilitySource(std::shared_ptr<Target> target)
+    : target_(std::move(target)) {}
+
+NetlinkReachabilitySource::~NetlinkReachabilitySource() { target_->unschedule(); }
+
+std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWithName(
+    const std::string& /*hostName*/) {
+    NetlinkRouteMonitor* monitor = NetlinkRouteMonitor::shared();
+    if (!monitor) return nullptr;
+    auto target = std::make_shared<Target>(*monitor, std::nullopt);
+    monitor->addListener(target);
+    return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(target));
+}
+
+std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWithAddress(
+    const sockaddr* address) {
+    if (!address || (address->sa_family != AF_INET && address->sa_family != AF_INET6)) {
+        return nullptr;
+    }
+    sockaddr_storage copy{};
+    std::memcpy(&copy, address,
+                address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+    NetlinkRouteMonitor* monitor = NetlinkRouteMonitor::shared();
+    if (!monitor) return nullptr;
+    std::optional<sockaddr_storage> target;
+    if (!isUnspecified(copy)) target = copy;
+    auto made = std::make_shared<Target>(*monitor, target);
+    monitor->addListener(made);
+    return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(made));
+}
+
+bool NetlinkReachabilitySource::getFlags(uint32_t& flags) { return target_->getFlags(flags); }
+
+bool NetlinkReachabilitySource::setCallback(Callback callback) {
+    target_->setCallback(std::move(callback));
+    return true;
+}
+
+bool NetlinkReachabilitySource::schedule() {
+    target_->schedule();
+    return true;
+}
+
+bool NetlinkReachabilitySource::unschedule() { return target_->unschedule(); }
+
+}  // namespace qel::platform

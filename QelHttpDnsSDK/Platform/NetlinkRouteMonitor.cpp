@@ -1,0 +1,524 @@
+#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+
+// net/if.h before the kernel headers, which then leave its definitions alone.
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/in.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <tuple>
+
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+
+namespace qel::platform {
+
+namespace {
+
+constexpr size_t kBufferSize = 64 * 1024;  // larger than any single rtnetlink datagram
+constexpr int kResyncAttempts = 3;
+
+template <typename T>
+const T* payload(const nlmsghdr& message) {
+    if (message.nlmsg_len < NLMSG_LENGTH(sizeof(T))) return nullptr;
+    return static_cast<const T*>(NLMSG_DATA(&message));
+}
+
+// Calls `visit(type, data, length)` for each attribute in [attr, attr + length).
+template <typename Visit>
+void forEachAttribute(const rtattr* attr, int length, Visit visit) {
+    for (; RTA_OK(attr, length); attr = RTA_NEXT(attr, length)) {
+        visit(attr->rta_type, RTA_DATA(attr), static_cast<size_t>(RTA_PAYLOAD(attr)));
+    }
+}
+
+uint32_t readU32(const void* data, size_t length) {
+    uint32_t value = 0;
+    if (length >= sizeof value) std::memcpy(&value, data, sizeof value);
+    return value;
+}
+
+std::string readString(const void* data, size_t length) {
+    const char* text = static_cast<const char*>(data);
+    return std::string(text, strnlen(text, length));
+}
+
+std::string readFirstLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+// The DEVTYPE of a network device from sysfs, when sysfs shows this very device (sysfs may
+// belong to another network namespace, where the same name is another device).
+std::string sysfsDeviceType(const std::string& name, int index) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+        return {};
+    }
+    const std::string dir = "/sys/class/net/" + name + "/";
+    if (readFirstLine(dir + "ifindex") != std::to_string(index)) return {};
+    std::ifstream uevent(dir + "uevent");
+    for (std::string line; std::getline(uevent, line);) {
+        if (line.rfind("DEVTYPE=", 0) == 0) return line.substr(8);
+    }
+    return {};
+}
+
+struct ParsedRoute {
+    uint8_t family = 0;
+    uint8_t dstLength = 0;
+    uint8_t tos = 0;
+    uint8_t type = 0;
+    uint32_t table = 0;
+    uint32_t priority = 0;
+    uint32_t flags = 0;
+    int oif = 0;
+    std::string gateway;
+    std::vector<int> interfaces;
+};
+
+std::optional<ParsedRoute> parseRoute(const nlmsghdr& message) {
+    const rtmsg* header = payload<rtmsg>(message);
+    if (!header) return std::nullopt;
+    ParsedRoute route;
+    route.family = header->rtm_family;
+    route.dstLength = header->rtm_dst_len;
+    route.tos = header->rtm_tos;
+    route.type = header->rtm_type;
+    route.table = header->rtm_table;
+    route.flags = header->rtm_flags;
+    forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
+                     [&](unsigned short type, const void* data, size_t length) {
+        switch (type) {
+            case RTA_TABLE: route.table = readU32(data, length); break;
+            case RTA_PRIORITY: route.priority = readU32(data, length); break;
+            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
+            case RTA_GATEWAY:
+                route.gateway.assign(static_cast<const char*>(data), length);
+                break;
+            case RTA_MULTIPATH: {
+                auto* hop = static_cast<const rtnexthop*>(data);
+                int left = static_cast<int>(length);
+                while (RTNH_OK(hop, left)) {
+                    route.interfaces.push_back(hop->rtnh_ifindex);
+                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
+                    hop = RTNH_NEXT(hop);
+                }
+                break;
+            }
+            default: break;
+        }
+    });
+    if (route.oif != 0) route.interfaces.push_back(route.oif);
+    return route;
+}
+
+bool isDefaultUnicast(const ParsedRoute& route) {
+    return (route.family == AF_INET || route.family == AF_INET6) && route.dstLength == 0 &&
+           route.type == RTN_UNICAST && (route.flags & RTM_F_CLONED) == 0;
+}
+
+// Index, flags, name and kind of a link message; `deviceType` is read from sysfs when asked.
+struct ParsedLink {
+    int index = 0;
+    unsigned flags = 0;
+    unsigned short hardwareType = 0;
+    std::string name;
+    std::string kind;
+};
+
+std::optional<ParsedLink> parseLink(const nlmsghdr& message) {
+    const ifinfomsg* info = payload<ifinfomsg>(message);
+    if (!info) return std::nullopt;
+    ParsedLink link;
+    link.index = info->ifi_index;
+    link.flags = info->ifi_flags;
+    link.hardwareType = info->ifi_type;
+    forEachAttribute(IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(&message)),
+                     [&](unsigned short type, const void* data, size_t length) {
+        if (type == IFLA_IFNAME) link.name = readString(data, length);
+        if (type == IFLA_LINKINFO) {
+            forEachAttribute(static_cast<const rtattr*>(data), static_cast<int>(length),
+                             [&](unsigned short inner, const void* innerData, size_t innerLength) {
+                if (inner == IFLA_INFO_KIND) link.kind = readString(innerData, innerLength);
+            });
+        }
+    });
+    return link;
+}
+
+}  // namespace
+
+NetlinkRouteMonitor* NetlinkRouteMonitor::shared() {
+    static NetlinkRouteMonitor* monitor = [] {
+        auto* made = new NetlinkRouteMonitor();
+        if (made->start()) return made;
+        delete made;
+        return static_cast<NetlinkRouteMonitor*>(nullptr);
+    }();
+    return monitor;
+}
+
+bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std::string& kind,
+                                              unsigned short hardwareType,
+                                              const std::string& deviceType) {
+    if (kind == "wwan" || deviceType == "wwan" || hardwareType == ARPHRD_RAWIP) return true;
+    for (const char* prefix : {"ww", "rmnet", "ccmni"}) {
+        if (name.rfind(prefix, 0) == 0) return true;
+    }
+    return false;
+}
+
+bool NetlinkRouteMonitor::start() {
+    requestBuffer_.resize(kBufferSize);
+    eventBuffer_.resize(kBufferSize);
+    eventFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+    requestFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    bool ok = eventFd_ >= 0 && requestFd_ >= 0;
+    if (ok) {
+        // Subscribed before the first dump, so nothing that changes after the dump is missed;
+        // changes already in the dump are applied twice, which leaves the same state.
+        sockaddr_nl local{};
+        local.nl_family = AF_NETLINK;
+        local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
+                          RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+        ok = ::bind(eventFd_, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+    }
+    if (ok) {
+        // A kernel that never answers must not hang the platform thread.
+        timeval timeout{2, 0};
+        ::setsockopt(requestFd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        ok = resync();
+    }
+    if (!ok) {
+        if (eventFd_ >= 0) ::close(eventFd_);
+        if (requestFd_ >= 0) ::close(requestFd_);
+        eventFd_ = requestFd_ = -1;
+        return false;
+    }
+    publish();
+    EventLoop& loop = EventLoop::shared();
+    loop.post([this, &loop] {
+        if (loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
+            Console::log("reachability: cannot watch the rtnetlink socket; no change reports");
+        }
+    });
+    return true;
+}
+
+NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
+                                                           const MessageHandler& onMessage) {
+    std::lock_guard<std::mutex> lock(requestMutex_);
+    request.nlmsg_seq = ++sequence_;
+    request.nlmsg_pid = 0;
+    const bool dump = (request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    ssize_t sent;
+    do {
+        sent = ::sendto(requestFd_, &request, request.nlmsg_len, 0,
+                        reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0) return Outcome::Failed;
+
+    bool interrupted = false;
+    for (;;) {
+        const ssize_t received = ::recv(requestFd_, requestBuffer_.data(), requestBuffer_.size(), 0);
+        if (received < 0 && errno == EINTR) continue;
+        if (received <= 0) return Outcome::Failed;  // includes the receive time-out
+        int left = static_cast<int>(received);
+        for (auto* message = reinterpret_cast<const nlmsghdr*>(requestBuffer_.data());
+             NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
+            // Answers to an earlier request that timed out are still queued: skip them.
+            if (message->nlmsg_seq != request.nlmsg_seq) continue;
+            if (message->nlmsg_type == NLMSG_DONE) {
+                return interrupted ? Outcome::Interrupted : Outcome::Answered;
+            }
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                const nlmsgerr* error = payload<nlmsgerr>(*message);
+                return !error || error->error == 0 ? Outcome::Answered : Outcome::Refused;
+            }
+            if (message->nlmsg_flags & NLM_F_DUMP_INTR) interrupted = true;
+            onMessage(*message);
+            if (!dump) return Outcome::Answered;
+        }
+    }
+}
+
+bool NetlinkRouteMonitor::resync() {
+    for (int attempt = 0; attempt < kResyncAttempts; ++attempt) {
+        std::unordered_map<int, Link> links;
+        std::vector<DefaultRoute> routes;
+
+        struct {
+            nlmsghdr header;
+            ifinfomsg body;
+        } linkRequest{};
+        linkRequest.header.nlmsg_len = sizeof linkRequest;
+        linkRequest.header.nlmsg_type = RTM_GETLINK;
+        linkRequest.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+        linkRequest.body.ifi_family = AF_UNSPEC;
+        Outcome outcome = transact(linkRequest.header, [&](const nlmsghdr& message) {
+            if (message.nlmsg_type != RTM_NEWLINK) return;
+            if (std::optional<ParsedLink> parsed = parseLink(message)) {
+                links[parsed->index] = makeLink(parsed->index, parsed->flags, parsed->hardwareType,
+                                                parsed->name, parsed->kind);
+            }
+        });
+        if (outcome == Outcome::Interrupted) continue;
+        if (outcome != Outcome::Answered) return false;
+
+        struct {
+            nlmsghdr header;
+            rtmsg body;
+        } routeRequest{};
+        routeRequest.header.nlmsg_len = sizeof routeRequest;
+        routeRequest.header.nlmsg_type = RTM_GETROUTE;
+        routeRequest.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+        routeRequest.body.rtm_family = AF_UNSPEC;
+        outcome = transact(routeRequest.header, [&](const nlmsghdr& message) {
+            if (message.nlmsg_type != RTM_NEWROUTE) return;
+            std::optional<ParsedRoute> route = parseRoute(message);
+            if (!route || !isDefaultUnicast(*route)) return;
+            routes.push_back(DefaultRoute{route->family, route->tos, route->table,
+                                          route->priority, route->oif, route->gateway,
+                                          route->interfaces});
+        });
+        if (outcome == Outcome::Interrupted) continue;
+        if (outcome != Outcome::Answered) return false;
+
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        links_.swap(links);
+        routes_.swap(routes);
+        return true;
+    }
+    return false;
+}
+
+NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flags,
+                                                         unsigned short hardwareType,
+                                                         const std::string& name,
+                                                         const std::string& kind) {
+    Link link;
+    link.adminUp = (flags & IFF_UP) != 0;
+    // IFF_RUNNING: the kernel sees a carrier; a link without one carries no traffic even
+    // though its routes stay in the table.
+    link.usable = link.adminUp && (flags & IFF_RUNNING) != 0;
+    link.loopback = (flags & IFF_LOOPBACK) != 0;
+    link.cellular = isCellularInterface(name, kind, hardwareType, sysfsDeviceType(name, index));
+    return link;
+}
+
+void NetlinkRouteMonitor::onReadable() {
+    bool changed = false;
+    bool mustResync = false;
+    for (;;) {
+        const ssize_t received =
+            ::recv(eventFd_, eventBuffer_.data(), eventBuffer_.size(), MSG_DONTWAIT);
+        if (received < 0) {
+            if (errno == EINTR) continue;
+            if (errno == ENOBUFS) {
+                // The kernel dropped changes it could not queue: only a full dump is right now.
+                overruns_.fetch_add(1, std::memory_order_relaxed);
+                changed = mustResync = true;
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                Console::log("reachability: rtnetlink read failed, errno " + std::to_string(errno));
+            }
+            break;
+        }
+        int left = static_cast<int>(received);
+        for (auto* message = reinterpret_cast<const nlmsghdr*>(eventBuffer_.data());
+             NLMSG_OK(message, left); message = NLMSG_NEXT(message, left)) {
+            switch (message->nlmsg_type) {
+                case RTM_NEWLINK:
+                case RTM_DELLINK:
+                    if (applyLink(*message)) mustResync = true;
+                    break;
+                case RTM_DELADDR:
+                    mustResync = true;
+                    break;
+                case RTM_NEWROUTE:
+                case RTM_DELROUTE:
+                    applyRoute(*message);
+                    break;
+                default:
+                    break;
+            }
+            changed = true;
+        }
+    }
+    if (mustResync && !resync()) {
+        Console::log("reachability: rtnetlink dump failed; routes may be stale until the next change");
+    }
+    if (changed) {
+        publish();
+        notifyListeners();
+    }
+}
+
+bool NetlinkRouteMonitor::applyLink(const nlmsghdr& message) {
+    std::optional<ParsedLink> parsed = parseLink(message);
+    if (!parsed) return false;
+    if (message.nlmsg_type == RTM_DELLINK) {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        links_.erase(parsed->index);
+        return true;
+    }
+    Link link = makeLink(parsed->index, parsed->flags, parsed->hardwareType, parsed->name,
+                         parsed->kind);
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    auto it = links_.find(parsed->index);
+    const bool wentDown = it != links_.end() && it->second.adminUp && !link.adminUp;
+    links_[parsed->index] = std::move(link);
+    return wentDown;
+}
+
+void NetlinkRouteMonitor::applyRoute(const nlmsghdr& message) {
+    std::optional<ParsedRoute> parsed = parseRoute(message);
+    if (!parsed || !isDefaultUnicast(*parsed)) return;
+    DefaultRoute route{parsed->family, parsed->tos, parsed->table, parsed->priority,
+                       parsed->oif,    parsed->gateway, parsed->interfaces};
+    auto sameSlot = [&route](const DefaultRoute& other) {
+        return std::tie(other.family, other.table, other.priority, other.tos) ==
+               std::tie(route.family, route.table, route.priority, route.tos);
+    };
+    auto sameRoute = [&](const DefaultRoute& other) {
+        return sameSlot(other) && other.oif == route.oif && other.gateway == route.gateway;
+    };
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (message.nlmsg_type == RTM_NEWROUTE && (message.nlmsg_flags & NLM_F_REPLACE)) {
+        routes_.erase(std::remove_if(routes_.begin(), routes_.end(), sameSlot), routes_.end());
+    }
+    routes_.erase(std::remove_if(routes_.begin(), routes_.end(), sameRoute), routes_.end());
+    if (message.nlmsg_type == RTM_NEWROUTE) routes_.push_back(std::move(route));
+}
+
+uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
+    bool found = false;
+    std::tuple<uint32_t, bool> best{};  // (metric, is IPv6): lowest wins, IPv4 before IPv6
+    bool bestCellular = false;
+    for (const DefaultRoute& route : routes_) {
+        for (int index : route.interfaces) {
+            auto link = links_.find(index);
+            if (link == links_.end() || !link->second.usable || link->second.loopback) continue;
+            const std::tuple<uint32_t, bool> rank{route.priority, route.family == AF_INET6};
+            if (!found || rank < best) {
+                found = true;
+                best = rank;
+                bestCellular = link->second.cellular;
+            }
+        }
+    }
+    if (!found) return 0;
+    return ReachabilityFlags::Reachable | (bestCellular ? ReachabilityFlags::IsWWAN : 0u);
+}
+
+void NetlinkRouteMonitor::publish() {
+    uint32_t flags;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        flags = computeInternetFlags();
+    }
+    internetFlags_.store(flags, std::memory_order_release);
+    generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void NetlinkRouteMonitor::addListener(std::weak_ptr<Listener> listener) {
+    std::lock_guard<std::mutex> lock(listenersMutex_);
+    listeners_.push_back(std::move(listener));
+}
+
+void NetlinkRouteMonitor::notifyListeners() {
+    std::vector<std::shared_ptr<Listener>> alive;
+    {
+        std::lock_guard<std::mutex> lock(listenersMutex_);
+        auto gone = [&alive](const std::weak_ptr<Listener>& weak) {
+            std::shared_ptr<Listener> listener = weak.lock();
+            if (!listener) return true;
+            alive.push_back(std::move(listener));
+            return false;
+        };
+        listeners_.erase(std::remove_if(listeners_.begin(), listeners_.end(), gone),
+                         listeners_.end());
+    }
+    for (const auto& listener : alive) listener->routesChanged();
+}
+
+bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
+    struct {
+        nlmsghdr header;
+        rtmsg body;
+        char attributes[64];
+    } request{};
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
+    request.header.nlmsg_type = RTM_GETROUTE;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    auto addAttribute = [&request](unsigned short type, const void* data, size_t length) {
+        auto* attr = reinterpret_cast<rtattr*>(reinterpret_cast<char*>(&request) +
+                                               NLMSG_ALIGN(request.header.nlmsg_len));
+        attr->rta_type = type;
+        attr->rta_len = static_cast<unsigned short>(RTA_LENGTH(length));
+        std::memcpy(RTA_DATA(attr), data, length);
+        request.header.nlmsg_len = NLMSG_ALIGN(request.header.nlmsg_len) + RTA_ALIGN(attr->rta_len);
+    };
+    if (address->sa_family == AF_INET) {
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+        request.body.rtm_family = AF_INET;
+        request.body.rtm_dst_len = 32;
+        addAttribute(RTA_DST, &v4->sin_addr, sizeof v4->sin_addr);
+    } else if (address->sa_family == AF_INET6) {
+        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+        request.body.rtm_family = AF_INET6;
+        request.body.rtm_dst_len = 128;
+        addAttribute(RTA_DST, &v6->sin6_addr, sizeof v6->sin6_addr);
+        if (v6->sin6_scope_id != 0) {
+            const uint32_t oif = v6->sin6_scope_id;
+            addAttribute(RTA_OIF, &oif, sizeof oif);
+        }
+    } else {
+        return false;
+    }
+
+    std::optional<ParsedRoute> answer;
+    const Outcome outcome = transact(request.header, [&answer](const nlmsghdr& message) {
+        if (message.nlmsg_type == RTM_NEWROUTE) answer = parseRoute(message);
+    });
+    if (outcome == Outcome::Failed || outcome == Outcome::Interrupted) return false;
+    flags = 0;
+    // A refusal (unreachable network or host, blackhole, prohibited) means no route.
+    if (outcome == Outcome::Refused || !answer) return true;
+    if (answer->type == RTN_LOCAL) {
+        flags = ReachabilityFlags::Reachable | ReachabilityFlags::IsLocalAddress |
+                ReachabilityFlags::IsDirect;
+        return true;
+    }
+    if (answer->type != RTN_UNICAST) return true;
+    bool cellular = false;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        auto link = links_.find(answer->oif);
+        // A link not seen yet is one the kernel just made; its route is the better witness.
+        // Loopback carries only this host's own addresses, which are RTN_LOCAL above.
+        if (link != links_.end()) {
+            if (!link->second.usable || link->second.loopback) return true;
+            cellular = link->second.cellular;
+        }
+    }
+    flags = ReachabilityFlags::Reachable | (answer->gateway.empty() ? ReachabilityFlags::IsDirect : 0u) |
+            (cellular ? ReachabilityFlags::IsWWAN : 0u);
+    return true;
+}
+
+}  // namespace qel::platform

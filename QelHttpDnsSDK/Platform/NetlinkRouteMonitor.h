@@ -1,0 +1,130 @@
+// The process's view of the kernel's links and default routes, kept up to date from one
+// rtnetlink (NETLINK_ROUTE) socket subscribed to link, address and route changes for IPv4 and
+// IPv6. It answers the internet-as-a-whole question from a snapshot (one atomic load, so it
+// can sit on every lookup's path) and asks the kernel for the route to a given address.
+//
+// Threads: `shared()` fills the state on the calling thread, then watches the socket on the
+// platform thread (`EventLoop::shared()`), where every later change is applied and listeners
+// are told. Readers may call from any thread. The sockets belong to the network namespace of
+// the thread that first calls `shared()`.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+struct nlmsghdr;
+
+namespace qel::platform {
+
+class NetlinkRouteMonitor {
+public:
+    /// Told on the platform thread after each batch of kernel changes has been applied.
+    class Listener {
+    public:
+        virtual ~Listener() = default;
+        virtual void routesChanged() = 0;
+    };
+
+    /// The process-wide monitor, started on first use and never destroyed; nullptr when the
+    /// kernel refuses rtnetlink (then it is not tried again).
+    static NetlinkRouteMonitor* shared();
+
+    /// `ReachabilityFlags` of the internet as a whole: Reachable when an IPv4 or IPv6 unicast
+    /// default route leads through an interface that is up and running and is not loopback;
+    /// IsWWAN too when the preferred such route (lowest metric, IPv4 first) uses a cellular
+    /// modem. Lock-free.
+    uint32_t internetFlags() const { return internetFlags_.load(std::memory_order_acquire); }
+
+    /// Grows by one after every applied batch of changes (any link, address or route).
+    uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
+
+    /// How many times the state was rebuilt from full dumps after the kernel dropped events
+    /// (socket overrun), since start.
+    uint64_t overrunCount() const { return overruns_.load(std::memory_order_relaxed); }
+
+    /// Asks the kernel for the route to `address` (AF_INET or AF_INET6) and turns the answer
+    /// into `ReachabilityFlags`: none when there is no route through an up, running,
+    /// non-loopback link (addresses of this host excepted); else Reachable, plus IsDirect
+    /// without a gateway, IsLocalAddress for an address of this host, IsWWAN over a cellular
+    /// modem. False when the kernel could not be asked.
+    bool routeFlags(const sockaddr* address, uint32_t& flags);
+
+    /// Adds a listener; expired ones are dropped on the way.
+    void addListener(std::weak_ptr<Listener> listener);
+
+    /// Whether an interface is a cellular modem: the kernel's `wwan` link kind or device type,
+    /// the raw-IP hardware type modems use, or the usual modem names (ww*, rmnet*, ccmni*).
+    static bool isCellularInterface(const std::string& name, const std::string& kind,
+                                    unsigned short hardwareType, const std::string& deviceType);
+
+    NetlinkRouteMonitor(const NetlinkRouteMonitor&) = delete;
+    NetlinkRouteMonitor& operator=(const NetlinkRouteMonitor&) = delete;
+
+private:
+    struct Link {
+        bool usable = false;  // administratively up and running (carrier)
+        bool adminUp = false;
+        bool loopback = false;
+        bool cellular = false;
+    };
+    struct DefaultRoute {
+        uint8_t family = 0;
+        uint8_t tos = 0;
+        uint32_t table = 0;
+        uint32_t priority = 0;
+        int oif = 0;
+        std::string gateway;          // raw address bytes; empty without a gateway
+        std::vector<int> interfaces;  // oif, or every next hop of a multipath route
+    };
+    using MessageHandler = std::function<void(const nlmsghdr& message)>;
+    enum class Outcome { Answered, Refused, Interrupted, Failed };
+
+    NetlinkRouteMonitor() = default;
+    bool start();
+    static Link makeLink(int index, unsigned flags, unsigned short hardwareType,
+                         const std::string& name, const std::string& kind);
+
+    // Sends one request on the request socket and hands each answer of it to `onMessage`.
+    // Refused: the kernel answered with an error; Interrupted: a dump changed while it was
+    // read; Failed: the socket failed or the kernel did not answer in time.
+    Outcome transact(nlmsghdr& request, const MessageHandler& onMessage);
+    // Replaces links and default routes with fresh dumps.
+    bool resync();
+    void onReadable();
+    // Returns true when the routing table may have changed without notice and must be dumped
+    // again: the kernel drops IPv4 routes silently when a link goes down or an address goes.
+    bool applyLink(const nlmsghdr& message);
+    void applyRoute(const nlmsghdr& message);
+    void publish();
+    void notifyListeners();
+    uint32_t computeInternetFlags() const;  // needs stateMutex_
+
+    int eventFd_ = -1;    // subscribed; read on the platform thread only
+    int requestFd_ = -1;  // dumps and route queries; guarded by requestMutex_
+
+    std::mutex requestMutex_;
+    uint32_t sequence_ = 0;                 // guarded by requestMutex_
+    std::vector<char> requestBuffer_;       // guarded by requestMutex_
+    std::vector<char> eventBuffer_;         // platform thread only
+
+    mutable std::mutex stateMutex_;
+    std::unordered_map<int, Link> links_;  // by interface index; guarded by stateMutex_
+    std::vector<DefaultRoute> routes_;     // guarded by stateMutex_
+
+    std::atomic<uint32_t> internetFlags_{0};
+    std::atomic<uint64_t> generation_{0};
+    std::atomic<uint64_t> overruns_{0};
+
+    std::mutex listenersMutex_;
+    std::vector<std::weak_ptr<Listener>> listeners_;  // guarded by listenersMutex_
+};
+
+}  // namespace qel::platform
