@@ -1,0 +1,349 @@
+#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <future>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "QelHttpDnsSDK/Platform/Console.h"
+
+namespace qel::platform {
+
+namespace {
+
+// Timeouts this long are no bound in practice; beyond them the millisecond arithmetic of the
+// timers would overflow.
+constexpr double kLongestTimeoutMillis = 2147483647.0;  // about 24.8 days
+// curl re-arms its timer whenever it is due, so a far-away deadline can be slept in slices.
+constexpr double kLongestTimerSleepSeconds = 3600.0;
+
+void initialiseCurlOnce() {
+    static const bool initialised = [] {
+        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+            Console::log("http session: curl_global_init failed");
+            return false;
+        }
+        return true;
+    }();
+    (void)initialised;
+}
+
+long curlTimeoutMillis(double seconds) {
+    if (std::isnan(seconds) || seconds <= 0.0) return 1;  // 0 would mean "no bound" to curl
+    const double millis = std::ceil(seconds * 1000.0);
+    if (millis > kLongestTimeoutMillis) return 0;  // +inf and its practical equivalents
+    return static_cast<long>(millis);
+}
+
+bool hasHttpScheme(const std::string& url) {
+    return ::strncasecmp(url.c_str(), "http://", 7) == 0 ||
+           ::strncasecmp(url.c_str(), "https://", 8) == 0;
+}
+
+bool isSafeHeader(const std::string& name, const std::string& value) {
+    if (name.empty() || name.find_first_of(std::string(":\r\n \t\0", 6)) != std::string::npos) {
+        return false;
+    }
+    return value.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
+}
+
+bool namesHeader(const std::string& name, const char* wanted) {
+    return ::strcasecmp(name.c_str(), wanted) == 0;
+}
+
+void runCompletion(const HttpSession::Completion& completion, HttpResponse response) {
+    // A throwing completion must not stop the ones after it: more may be waiting in the same
+    // batch of finished transfers, and nothing else would pick them up.
+    try {
+        if (completion) completion(std::move(response));
+    } catch (const std::exception& error) {
+        Console::log(std::string("http session: a completion threw: ") + error.what());
+    } catch (...) {
+        Console::log("http session: a completion threw a non-standard exception");
+    }
+}
+
+}  // namespace
+
+struct CurlHttpSession::Transfer {
+    CURL* easy = nullptr;
+    curl_slist* headerList = nullptr;
+    std::string requestBody;
+    std::string responseBody;
+    bool bodyTooLarge = false;
+    std::optional<std::string> refusal;  // set when the request is failed without being sent
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+    Completion completion;
+
+    ~Transfer() {
+        if (easy) curl_easy_cleanup(easy);
+        curl_slist_free_all(headerList);
+    }
+
+    static size_t onBody(char* data, size_t size, size_t count, void* user) {
+        auto* transfer = static_cast<Transfer*>(user);
+        const size_t length = size * count;
+        const size_t room = kMaxResponseBodyBytes - transfer->responseBody.size();
+        if (length > room) {
+            transfer->bodyTooLarge = true;
+            return 0;  // a short count makes curl end the transfer with CURLE_WRITE_ERROR
+        }
+        transfer->responseBody.append(data, length);
+        return length;
+    }
+
+    // Configures the easy handle. Runs on the sending thread: an easy handle that is not yet
+    // in a multi handle belongs to whoever holds it.
+    void configure(HttpRequest& request) {
+        if (!hasHttpScheme(request.url)) {
+            refusal = "unsupported URL: only http:// and https:// are fetched";
+            return;
+        }
+        easy = curl_easy_init();
+        if (!easy) {
+            refusal = "out of memory for a transfer";
+            return;
+        }
+        requestBody = std::move(request.body);
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
+        curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
+                         static_cast<curl_off_t>(kMaxResponseBodyBytes));
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, curlTimeoutMillis(request.timeoutSeconds));
+
+        bool callerSetExpect = false;
+        for (const auto& [name, value] : request.headers) {
+            if (!isSafeHeader(name, value)) continue;
+            callerSetExpect = callerSetExpect || namesHeader(name, "Expect");
+            // "Name:" would tell curl to drop the header; "Name;" sends it with an empty value.
+            const std::string line = value.empty() ? name + ";" : name + ": " + value;
+            headerList = curl_slist_append(headerList, line.c_str());
+        }
+        if (!callerSetExpect) headerList = curl_slist_append(headerList, "Expect:");
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList);
+
+        if (request.method == HttpMethod::Post) {
+            curl_easy_setopt(easy, CURLOPT_POST, 1L);
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                             static_cast<curl_off_t>(requestBody.size()));
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, requestBody.data());
+        } else {
+            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        }
+    }
+
+    HttpResponse finish(CURLcode result) {
+        HttpResponse response;
+        long status = 0;
+        if (easy) curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+        response.statusCode = static_cast<int>(status);
+        response.body = std::move(responseBody);
+        if (refusal) {
+            response.error = *refusal;
+        } else if (bodyTooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+            response.error = "response body larger than " + std::to_string(kMaxResponseBodyBytes) +
+                             " bytes";
+        } else if (result != CURLE_OK) {
+            response.error = errorBuffer[0] ? std::string(errorBuffer)
+                                            : std::string(curl_easy_strerror(result));
+        }
+        return response;
+    }
+};
+
+// The multi handle and its bookkeeping. All members are loop-thread state, except that the
+// constructor runs on the thread that makes the session (before the loop sees the object).
+// Tasks posted to the loop hold a shared reference, so a task that runs after the session is
+// gone finds a closed core rather than freed memory.
+class CurlHttpSession::Core {
+public:
+    explicit Core(EventLoop& loop) : loop_(loop) {
+        initialiseCurlOnce();
+        multi_ = curl_multi_init();
+        if (!multi_) return;
+        curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &Core::onSocket);
+        curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+        curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &Core::onTimer);
+        curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+        // Idle connections kept for reuse, across all hosts.
+        curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 4 * kMaxConnectionsPerHost);
+    }
+
+    EventLoop& loop() { return loop_; }
+
+    void start(const std::shared_ptr<Transfer>& transfer) {
+        if (closed_ || !multi_ || transfer->refusal) {
+            if (!transfer->refusal) transfer->refusal = closed_ ? "session closed" : "no session";
+            runCompletion(transfer->completion, transfer->finish(CURLE_OK));
+            return;
+        }
+        const CURLMcode added = curl_multi_add_handle(multi_, transfer->easy);
+        if (added != CURLM_OK) {
+            transfer->refusal = curl_multi_strerror(added);
+            runCompletion(transfer->completion, transfer->finish(CURLE_OK));
+            return;
+        }
+        active_.emplace(transfer.get(), transfer);
+        // Let curl start at once (a reused connection gets its request written now) rather
+        // than one loop turn later through the zero timeout it has just asked for.
+        act(CURL_SOCKET_TIMEOUT, 0);
+    }
+
+    void close() {
+        if (closed_) return;
+        closed_ = true;
+        if (timer_) loop_.cancelTimer(timer_);
+        timer_ = 0;
+        std::vector<std::shared_ptr<Transfer>> pending;
+        for (auto& entry : active_) {
+            curl_multi_remove_handle(multi_, entry.first->easy);
+            pending.push_back(entry.second);
+        }
+        active_.clear();
+        if (multi_) curl_multi_cleanup(multi_);  // may still report sockets through onSocket
+        multi_ = nullptr;
+        for (auto& watch : watches_) loop_.unwatchFd(watch.second);
+        watches_.clear();
+        for (auto& transfer : pending) {
+            transfer->refusal = "session closed";
+            runCompletion(transfer->completion, transfer->finish(CURLE_OK));
+        }
+    }
+
+private:
+    static int onSocket(CURL*, curl_socket_t socket, int what, void* user, void*) {
+        auto* core = static_cast<Core*>(user);
+        auto found = core->watches_.find(socket);
+        if (what == CURL_POLL_REMOVE) {
+            if (found != core->watches_.end()) {
+                core->loop_.unwatchFd(found->second);
+                core->watches_.erase(found);
+            }
+            return 0;
+        }
+        uint32_t events = 0;
+        if (what == CURL_POLL_IN || what == CURL_POLL_INOUT) events |= EPOLLIN;
+        if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT) events |= EPOLLOUT;
+        if (found != core->watches_.end()) {
+            core->loop_.updateFd(found->second, events);
+            return 0;
+        }
+        const EventLoop::WatchId id = core->loop_.watchFd(
+            socket, events, [core, socket](uint32_t fired) { core->onReady(socket, fired); });
+        if (id == 0) {
+            Console::log("http session: cannot watch socket " + std::to_string(socket));
+            return -1;  // curl fails the transfers on this socket
+        }
+        core->watches_.emplace(socket, id);
+        return 0;
+    }
+
+    static int onTimer(CURLM*, long timeoutMillis, void* user) {
+        auto* core = static_cast<Core*>(user);
+        if (core->timer_) core->loop_.cancelTimer(core->timer_);
+        core->timer_ = 0;
+        if (timeoutMillis < 0) return 0;  // no timer wanted
+        const double seconds = std::min(timeoutMillis / 1000.0, kLongestTimerSleepSeconds);
+        core->timer_ = core->loop_.runAfter(seconds, [core] {
+            core->timer_ = 0;
+            core->act(CURL_SOCKET_TIMEOUT, 0);
+        });
+        return 0;
+    }
+
+    void onReady(curl_socket_t socket, uint32_t fired) {
+        int mask = 0;
+        if (fired & EPOLLIN) mask |= CURL_CSELECT_IN;
+        if (fired & EPOLLOUT) mask |= CURL_CSELECT_OUT;
+        // On a hang-up or a socket error, let curl read and write: that is where it finds the
+        // end of the body or the error, whichever direction it was waiting on.
+        if (fired & (EPOLLERR | EPOLLHUP)) mask |= CURL_CSELECT_IN | CURL_CSELECT_OUT;
+        act(socket, mask);
+    }
+
+    void act(curl_socket_t socket, int mask) {
+        if (!multi_) return;
+        int running = 0;
+        curl_multi_socket_action(multi_, socket, mask, &running);
+        deliverFinished();
+    }
+
+    void deliverFinished() {
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            CURL* easy = message->easy_handle;
+            const CURLcode result = message->data.result;
+            Transfer* raw = nullptr;
+            curl_easy_getinfo(easy, CURLINFO_PRIVATE, &raw);
+            curl_multi_remove_handle(multi_, easy);
+            auto found = active_.find(raw);
+            if (found == active_.end()) continue;
+            std::shared_ptr<Transfer> transfer = std::move(found->second);
+            active_.erase(found);
+            HttpResponse response = transfer->finish(result);
+            Completion completion = std::move(transfer->completion);
+            transfer.reset();  // the easy handle is freed before the completion runs
+            runCompletion(completion, std::move(response));
+            if (!multi_) return;  // closed meanwhile
+        }
+    }
+
+    EventLoop& loop_;
+    CURLM* multi_ = nullptr;
+    bool closed_ = false;
+    EventLoop::TimerId timer_ = 0;
+    std::unordered_map<curl_socket_t, EventLoop::WatchId> watches_;
+    std::unordered_map<Transfer*, std::shared_ptr<Transfer>> active_;
+};
+
+CurlHttpSession::CurlHttpSession(EventLoop& loop) : core_(std::make_shared<Core>(loop)) {}
+
+CurlHttpSession::~CurlHttpSession() {
+    EventLoop& loop = core_->loop();
+    if (loop.isLoopThread()) {
+        core_->close();
+        return;
+    }
+    std::promise<void> closed;
+    loop.post([core = core_, &closed] {
+        core->close();
+        closed.set_value();
+    });
+    closed.get_future().wait();
+}
+
+CurlHttpSession& CurlHttpSession::shared() {
+    static CurlHttpSession* session = new CurlHttpSession(EventLoop::shared());
+    return *session;
+}
+
+HttpSession& HttpSession::shared() { return CurlHttpSession::shared(); }
+
+void CurlHttpSession::send(HttpRequest request, Completion completion) {
+    auto transfer = std::make_shared<Transfer>();
+    transfer->completion = std::move(completion);
+    transfer->configure(request);
+    core_->loop().post([core = core_, transfer = std::move(transfer)] { core->start(transfer); });
+}
+
+}  // namespace qel::platform
