@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <exception>
 #include <future>
 #include <string>
@@ -80,6 +81,8 @@ struct CurlHttpSession::Transfer {
     bool bodyTooLarge = false;
     std::optional<std::string> refusal;  // set when the request is failed without being sent
     char errorBuffer[CURL_ERROR_SIZE] = {};
+    long timeoutMillis = 0;  // 0: no bound
+    EventLoop::TimerId deadline = 0;
     Completion completion;
 
     ~Transfer() {
@@ -127,7 +130,8 @@ struct CurlHttpSession::Transfer {
         curl_easy_setopt(easy, CURLOPT_PROXY, "");
         curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
                          static_cast<curl_off_t>(kMaxResponseBodyBytes));
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, curlTimeoutMillis(request.timeoutSeconds));
+        timeoutMillis = curlTimeoutMillis(request.timeoutSeconds);
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMillis);
 
         bool callerSetExpect = false;
         for (const auto& [name, value] : request.headers) {
@@ -203,6 +207,15 @@ public:
             return;
         }
         active_.emplace(transfer.get(), transfer);
+        if (transfer->timeoutMillis > 0) {
+            // curl applies the bound too, but in socket mode it can lose the deadline of a
+            // transfer whose time runs out while it connects; this timer makes sure.
+            Transfer* raw = transfer.get();
+            transfer->deadline = loop_.runAfter(transfer->timeoutMillis / 1000.0, [this, raw] {
+                raw->deadline = 0;
+                complete(raw, CURLE_OPERATION_TIMEDOUT);
+            });
+        }
         // Let curl start at once (a reused connection gets its request written now) rather
         // than one loop turn later through the zero timeout it has just asked for.
         act(CURL_SOCKET_TIMEOUT, 0);
@@ -216,6 +229,7 @@ public:
         std::vector<std::shared_ptr<Transfer>> pending;
         for (auto& entry : active_) {
             curl_multi_remove_handle(multi_, entry.first->easy);
+            if (entry.first->deadline) loop_.cancelTimer(entry.first->deadline);
             pending.push_back(entry.second);
         }
         active_.clear();
@@ -258,16 +272,26 @@ private:
     }
 
     static int onTimer(CURLM*, long timeoutMillis, void* user) {
-        auto* core = static_cast<Core*>(user);
-        if (core->timer_) core->loop_.cancelTimer(core->timer_);
-        core->timer_ = 0;
-        if (timeoutMillis < 0) return 0;  // no timer wanted
-        const double seconds = std::min(timeoutMillis / 1000.0, kLongestTimerSleepSeconds);
-        core->timer_ = core->loop_.runAfter(seconds, [core] {
-            core->timer_ = 0;
-            core->act(CURL_SOCKET_TIMEOUT, 0);
-        });
+        static_cast<Core*>(user)->armTimer(timeoutMillis);
         return 0;
+    }
+
+    void armTimer(long timeoutMillis) {
+        if (timer_) loop_.cancelTimer(timer_);
+        timer_ = 0;
+        if (timeoutMillis < 0) return;  // no timer wanted
+        const double seconds = std::min(timeoutMillis / 1000.0, kLongestTimerSleepSeconds);
+        timer_ = loop_.runAfter(seconds, [this] {
+            timer_ = 0;
+            act(CURL_SOCKET_TIMEOUT, 0);
+            // curl reports its deadline in whole milliseconds and calls back only when the
+            // deadline changes. A timer that fired a fraction of a millisecond before curl's
+            // own deadline leaves curl with nothing to do and no new timer, so ask again.
+            long left = -1;
+            if (!timer_ && multi_ && curl_multi_timeout(multi_, &left) == CURLM_OK && left >= 0) {
+                armTimer(std::max(left, 1L));
+            }
+        });
     }
 
     void onReady(curl_socket_t socket, uint32_t fired) {
@@ -289,23 +313,32 @@ private:
 
     void deliverFinished() {
         int queued = 0;
-        while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+        while (multi_) {
+            CURLMsg* message = curl_multi_info_read(multi_, &queued);
+            if (!message) break;
             if (message->msg != CURLMSG_DONE) continue;
-            CURL* easy = message->easy_handle;
-            const CURLcode result = message->data.result;
             Transfer* raw = nullptr;
-            curl_easy_getinfo(easy, CURLINFO_PRIVATE, &raw);
-            curl_multi_remove_handle(multi_, easy);
-            auto found = active_.find(raw);
-            if (found == active_.end()) continue;
-            std::shared_ptr<Transfer> transfer = std::move(found->second);
-            active_.erase(found);
-            HttpResponse response = transfer->finish(result);
-            Completion completion = std::move(transfer->completion);
-            transfer.reset();  // the easy handle is freed before the completion runs
-            runCompletion(completion, std::move(response));
-            if (!multi_) return;  // closed meanwhile
+            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &raw);
+            complete(raw, message->data.result);
         }
+    }
+
+    // Ends an active transfer and runs its completion.
+    void complete(Transfer* raw, CURLcode result) {
+        auto found = active_.find(raw);
+        if (found == active_.end()) return;
+        std::shared_ptr<Transfer> transfer = std::move(found->second);
+        active_.erase(found);
+        curl_multi_remove_handle(multi_, transfer->easy);
+        if (transfer->deadline) loop_.cancelTimer(transfer->deadline);
+        if (result == CURLE_OPERATION_TIMEDOUT && !transfer->errorBuffer[0]) {
+            std::snprintf(transfer->errorBuffer, sizeof transfer->errorBuffer,
+                          "timed out after %ld ms", transfer->timeoutMillis);
+        }
+        HttpResponse response = transfer->finish(result);
+        Completion completion = std::move(transfer->completion);
+        transfer.reset();  // the easy handle is freed before the completion runs
+        runCompletion(completion, std::move(response));
     }
 
     EventLoop& loop_;
