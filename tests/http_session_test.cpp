@@ -114,6 +114,24 @@ TEST(CurlHttpSession, RunsRequestsConcurrentlyAndAnswersEachSenderFromManyThread
     EXPECT_LE(connections.size(), static_cast<size_t>(CurlHttpSession::kMaxConnectionsPerHost));
 }
 
+TEST(CurlHttpSession, KeepsWorkingAsConnectionsCloseAndDescriptorsAreReused) {
+    // Every answer closes its connection, so each request opens a socket that tends to get
+    // the descriptor number of the one just closed; timed-out and refused attempts between
+    // them close sockets in other states (waiting to read, connecting).
+    RawHttpServer closing(
+        [](RawHttpServer&, int fd, const std::string&) { RawHttpServer::writeAll(fd, kRawOk); });
+    RawHttpServer silent([](RawHttpServer& self, int, const std::string&) { self.holdUntilReleased(); });
+    qel::test::RefusingPort refusing;
+    for (int i = 0; i < 10; ++i) {
+        SCOPED_TRACE(i);
+        HttpResponse response = exchange(get(closing.url("/"), 5.0));
+        ASSERT_FALSE(response.error) << *response.error;
+        EXPECT_EQ(response.body, "{}");
+        EXPECT_TRUE(exchange(get(i % 2 ? silent.url("/") : refusing.url("/"), 0.05)).error);
+    }
+    EXPECT_EQ(closing.requests().size(), 10u);
+}
+
 TEST(CurlHttpSession, FollowsRedirectsAsABrowserDoes) {
     LoopbackHttpServer server;
     server.respond("/final", 200, R"({"at":"final"})");
