@@ -8,6 +8,12 @@
 #include <cstdlib>
 #include <stdexcept>
 
+// The packaged cpp-httplib is not built with ThreadSanitizer. Its first-use initialisation of
+// shared objects (function-local statics) is published through inline atomics that TSan cannot
+// see, so reads of them by another server thread are reported as races inside the library.
+// Only reports with a frame in that library are suppressed; our own code stays checked.
+extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
+
 namespace qel::test {
 
 namespace {
