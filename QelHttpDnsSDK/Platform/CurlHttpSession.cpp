@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <exception>
 #include <future>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -74,7 +75,46 @@ void runCompletion(const HttpSession::Completion& completion, HttpResponse respo
 
 }  // namespace
 
+// Easy handles of finished transfers, reset and kept for the next requests: a new handle costs
+// a dozen allocations (some large) on the sending thread, a reset one none.
+class EasyHandlePool {
+public:
+    ~EasyHandlePool() {
+        for (CURL* easy : idle_) curl_easy_cleanup(easy);
+    }
+
+    CURL* take() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!idle_.empty()) {
+                CURL* easy = idle_.back();
+                idle_.pop_back();
+                return easy;
+            }
+        }
+        return curl_easy_init();
+    }
+
+    void give(CURL* easy) {
+        curl_easy_reset(easy);  // options only: connections live in the multi handle
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (idle_.size() < kMaxIdle) {
+                idle_.push_back(easy);
+                return;
+            }
+        }
+        curl_easy_cleanup(easy);
+    }
+
+private:
+    static constexpr size_t kMaxIdle = 16;
+    std::mutex mutex_;
+    std::vector<CURL*> idle_;  // guarded by mutex_
+};
+
 struct CurlHttpSession::Transfer {
+    std::shared_ptr<EasyHandlePool> pool;
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     std::string requestBody;
@@ -87,7 +127,7 @@ struct CurlHttpSession::Transfer {
     Completion completion;
 
     ~Transfer() {
-        if (easy) curl_easy_cleanup(easy);
+        if (easy) pool->give(easy);
         curl_slist_free_all(headerList);
     }
 
@@ -111,7 +151,7 @@ struct CurlHttpSession::Transfer {
             refusal = "unsupported URL: only http:// and https:// are fetched";
             return;
         }
-        easy = curl_easy_init();
+        easy = pool->take();
         if (!easy) {
             refusal = "out of memory for a transfer";
             return;
@@ -199,6 +239,7 @@ public:
     }
 
     EventLoop& loop() { return loop_; }
+    const std::shared_ptr<EasyHandlePool>& handlePool() const { return pool_; }
 
     void start(const std::shared_ptr<Transfer>& transfer) {
         if (closed_ || !multi_ || transfer->refusal) {
@@ -370,13 +411,12 @@ private:
             std::snprintf(transfer->errorBuffer, sizeof transfer->errorBuffer,
                           "timed out after %ld ms", transfer->timeoutMillis);
         }
-        HttpResponse response = transfer->finish(result);
-        Completion completion = std::move(transfer->completion);
-        transfer.reset();  // the easy handle is freed before the completion runs
-        runCompletion(completion, std::move(response));
+        // The handle goes back to the pool after the completion: its answer comes first.
+        runCompletion(transfer->completion, transfer->finish(result));
     }
 
     EventLoop& loop_;
+    std::shared_ptr<EasyHandlePool> pool_ = std::make_shared<EasyHandlePool>();
     CURLM* multi_ = nullptr;
     bool closed_ = false;
     EventLoop::TimerId timer_ = 0;
@@ -414,6 +454,7 @@ HttpSession& HttpSession::shared() { return CurlHttpSession::shared(); }
 
 void CurlHttpSession::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_shared<Transfer>();
+    transfer->pool = core_->handlePool();
     transfer->completion = std::move(completion);
     transfer->configure(request, &Core::onCloseSocket, core_.get());
     core_->loop().post([core = core_, transfer = std::move(transfer)] { core->start(transfer); });
