@@ -75,10 +75,18 @@ void runCompletion(const HttpSession::Completion& completion, HttpResponse respo
 
 }  // namespace
 
-// Easy handles of finished transfers, reset and kept for the next requests: a new handle costs
-// a dozen allocations (some large) on the sending thread, a reset one none.
+// Easy handles of finished transfers, kept for the next requests. A new handle costs a dozen
+// allocations (some large) on the sending thread; a kept one only needs the options of its
+// next request, since the options every request shares stay set (curl keeps options across
+// transfers of a handle).
 class EasyHandlePool {
 public:
+    // The handles write bodies with `writeBody`, and close the sockets of the connections
+    // they open with `closeSocket` (given `closeData`).
+    EasyHandlePool(curl_write_callback writeBody, curl_closesocket_callback closeSocket,
+                   void* closeData)
+        : writeBody_(writeBody), closeSocket_(closeSocket), closeData_(closeData) {}
+
     ~EasyHandlePool() {
         for (CURL* easy : idle_) curl_easy_cleanup(easy);
     }
@@ -92,11 +100,18 @@ public:
                 return easy;
             }
         }
-        return curl_easy_init();
+        CURL* easy = curl_easy_init();
+        if (easy) setSharedOptions(easy);
+        return easy;
     }
 
     void give(CURL* easy) {
-        curl_easy_reset(easy);  // options only: connections live in the multi handle
+        // Leave no pointer into the finished transfer behind.
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, nullptr);
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, nullptr);
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (idle_.size() < kMaxIdle) {
@@ -108,7 +123,12 @@ public:
     }
 
 private:
+    void setSharedOptions(CURL* easy) const;
+
     static constexpr size_t kMaxIdle = 16;
+    const curl_write_callback writeBody_;
+    const curl_closesocket_callback closeSocket_;
+    void* const closeData_;
     std::mutex mutex_;
     std::vector<CURL*> idle_;  // guarded by mutex_
 };
@@ -143,10 +163,9 @@ struct CurlHttpSession::Transfer {
         return length;
     }
 
-    // Configures the easy handle. Runs on the sending thread: an easy handle that is not yet
-    // in a multi handle belongs to whoever holds it. `closeSocket` closes the connections it
-    // opens (with `closeData`), so their owner learns of every close.
-    void configure(HttpRequest& request, curl_closesocket_callback closeSocket, void* closeData) {
+    // Configures the easy handle for this request. Runs on the sending thread: an easy handle
+    // that is not in a multi handle belongs to whoever holds it.
+    void configure(HttpRequest& request) {
         if (!hasHttpScheme(request.url)) {
             refusal = "unsupported URL: only http:// and https:// are fetched";
             return;
@@ -160,20 +179,7 @@ struct CurlHttpSession::Transfer {
         curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
         curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
         curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-        curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket);
-        curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, closeData);
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
-        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
-                         static_cast<curl_off_t>(kMaxResponseBodyBytes));
         timeoutMillis = curlTimeoutMillis(request.timeoutSeconds);
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMillis);
 
@@ -217,13 +223,27 @@ struct CurlHttpSession::Transfer {
     }
 };
 
+void EasyHandlePool::setSharedOptions(CURL* easy) const {
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, writeBody_);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket_);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, closeData_);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, CurlHttpSession::kMaxRedirects);
+    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(CurlHttpSession::kMaxResponseBodyBytes));
+}
+
 // The multi handle and its bookkeeping. All members are loop-thread state, except that the
 // constructor runs on the thread that makes the session (before the loop sees the object).
 // Tasks posted to the loop hold a shared reference, so a task that runs after the session is
 // gone finds a closed core rather than freed memory.
 class CurlHttpSession::Core {
-    friend class CurlHttpSession;  // hands onCloseSocket to the transfers it configures
-
 public:
     explicit Core(EventLoop& loop) : loop_(loop) {
         initialiseCurlOnce();
@@ -416,7 +436,8 @@ private:
     }
 
     EventLoop& loop_;
-    std::shared_ptr<EasyHandlePool> pool_ = std::make_shared<EasyHandlePool>();
+    std::shared_ptr<EasyHandlePool> pool_ =
+        std::make_shared<EasyHandlePool>(&Transfer::onBody, &Core::onCloseSocket, this);
     CURLM* multi_ = nullptr;
     bool closed_ = false;
     EventLoop::TimerId timer_ = 0;
@@ -456,7 +477,7 @@ void CurlHttpSession::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_shared<Transfer>();
     transfer->pool = core_->handlePool();
     transfer->completion = std::move(completion);
-    transfer->configure(request, &Core::onCloseSocket, core_.get());
+    transfer->configure(request);
     core_->loop().post([core = core_, transfer = std::move(transfer)] { core->start(transfer); });
 }
 
