@@ -2,6 +2,7 @@
 #pragma once
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"

@@ -52,11 +52,15 @@ EventLoop& EventLoop::shared() {
 }
 
 void EventLoop::post(Task task) {
+    bool wasEmpty;
     {
         std::lock_guard<std::mutex> lock(queueMutex_);
+        wasEmpty = queue_.empty();
         queue_.push_back(std::move(task));
     }
-    wake();
+    // A non-empty queue has not been taken by the loop yet, and whoever made it non-empty
+    // woke the loop: a burst of posts costs one wake-up.
+    if (wasEmpty) wake();
 }
 
 bool EventLoop::isLoopThread() const {

@@ -1,0 +1,269 @@
+// Cost of a GET through QelDNSRequest (hand-off to the platform thread, libcurl multi, JSON
+// parse, console lines, completion hand-back) against bare libcurl doing the same exchange on
+// the same loopback server in the same run: one request at a time on a reused easy handle, and
+// 200 at once on a multi handle with reused easy handles and the session's connection limit.
+// At the end the ratios (QelDNSRequest time / bare libcurl time) are printed.
+//
+//   build/release/bench/http_request_bench
+//
+// The console lines are built as always but written to a sink that drops them, so the figures
+// do not measure the terminal.
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "support/LoopbackHttpServer.h"
+
+using nlohmann::json;
+using qel::platform::CurlHttpSession;
+using qel::test::LoopbackHttpServer;
+
+namespace {
+
+constexpr int kBatch = 200;
+const char kAnswer[] =
+    R"({"host":"www.example.test","ips":["192.0.2.1","192.0.2.2"],"ttl":60,"type":1})";
+const char kAuthorization[] = "0123456789abcdef0123456789abcdef";
+
+LoopbackHttpServer& server() {
+    static LoopbackHttpServer* instance = [] {
+        // Enough threads for every kept-alive connection of both clients.
+        auto* made = new LoopbackHttpServer(32);
+        // A type the server does not compress, so neither side pays for compression.
+        made->route("/resolve", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content(kAnswer, "application/octet-stream");
+        });
+        return made;
+    }();
+    return *instance;
+}
+
+const std::string& resolveUrl() {
+    static const std::string url = server().url("/resolve?host=www.example.test&type=1");
+    return url;
+}
+
+// Counts finished requests and lets the benchmark thread wait for a number of them.
+class Countdown {
+public:
+    void reset(int count) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        left_ = count;
+        failures_ = 0;
+    }
+    void done(bool ok) {
+        bool last;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!ok) ++failures_;
+            last = --left_ == 0;
+        }
+        if (last) zero_.notify_one();  // outside the lock: the waiter need not block on it
+    }
+    int wait() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        zero_.wait(lock, [this] { return left_ == 0; });
+        return failures_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable zero_;
+    int left_ = 0;
+    int failures_ = 0;
+};
+
+void getThroughQelDNSRequest(Countdown& countdown) {
+    static const json headers = {{"Authorization", kAuthorization}};
+    QelDNSRequest::get(resolveUrl(), headers,
+                       [&countdown](std::optional<QelDNSError>, std::optional<json> result) {
+                           countdown.done(result.has_value());
+                       });
+}
+
+size_t collectBody(char* data, size_t size, size_t count, void* user) {
+    static_cast<std::string*>(user)->append(data, size * count);
+    return size * count;
+}
+
+// A bare easy handle that puts the same bytes on the wire as the session does.
+struct BareHandle {
+    CURL* easy = curl_easy_init();
+    curl_slist* headers = nullptr;
+    std::string body;
+
+    BareHandle() {
+        headers = curl_slist_append(headers, "Content-Type: application/json;charset=UTF-8");
+        headers = curl_slist_append(headers, (std::string("Authorization: ") + kAuthorization).c_str());
+        curl_easy_setopt(easy, CURLOPT_URL, resolveUrl().c_str());
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 20000L);
+    }
+    ~BareHandle() {
+        curl_easy_cleanup(easy);
+        curl_slist_free_all(headers);
+    }
+    bool answered() {
+        long status = 0;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+        const bool ok = status == 200 && body == kAnswer;
+        body.clear();
+        return ok;
+    }
+};
+
+// No HTTP at all: a task handed to the platform thread that signals back. A request through
+// the session makes the same two hand-offs, so this shows what thread wake-ups cost on the
+// machine at hand (on a VM they dominate the single-GET difference).
+void BM_PlatformThreadRoundTrip(benchmark::State& state) {
+    static Countdown countdown;
+    for (auto _ : state) {
+        countdown.reset(1);
+        qel::platform::EventLoop::shared().post([] { countdown.done(true); });
+        countdown.wait();
+    }
+}
+
+void BM_SingleGet_QelDNSRequest(benchmark::State& state) {
+    static Countdown countdown;  // outlives any late notify of the last request
+    int failures = 0;
+    for (auto _ : state) {
+        countdown.reset(1);
+        getThroughQelDNSRequest(countdown);
+        failures += countdown.wait();
+    }
+    if (failures) state.SkipWithError("requests failed");
+}
+
+void BM_SingleGet_BareCurl(benchmark::State& state) {
+    BareHandle handle;
+    int failures = 0;
+    for (auto _ : state) {
+        if (curl_easy_perform(handle.easy) != CURLE_OK || !handle.answered()) ++failures;
+    }
+    if (failures) state.SkipWithError("requests failed");
+}
+
+void BM_Concurrent200_QelDNSRequest(benchmark::State& state) {
+    static Countdown countdown;  // outlives any late notify of the last request
+    int failures = 0;
+    for (auto _ : state) {
+        countdown.reset(kBatch);
+        for (int i = 0; i < kBatch; ++i) getThroughQelDNSRequest(countdown);
+        failures += countdown.wait();
+    }
+    if (failures) state.SkipWithError("requests failed");
+}
+
+void BM_Concurrent200_BareCurl(benchmark::State& state) {
+    CURLM* multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, CurlHttpSession::kMaxConnectionsPerHost);
+    std::vector<BareHandle> handles(kBatch);
+    int failures = 0;
+    for (auto _ : state) {
+        for (auto& handle : handles) curl_multi_add_handle(multi, handle.easy);
+        int running = 0;
+        do {
+            curl_multi_perform(multi, &running);
+            if (running) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        } while (running);
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+            if (message->msg == CURLMSG_DONE && message->data.result != CURLE_OK) ++failures;
+        }
+        for (auto& handle : handles) {
+            curl_multi_remove_handle(multi, handle.easy);
+            if (!handle.answered()) ++failures;
+        }
+    }
+    curl_multi_cleanup(multi);
+    if (failures) state.SkipWithError("requests failed");
+}
+
+BENCHMARK(BM_PlatformThreadRoundTrip)->UseRealTime();
+BENCHMARK(BM_SingleGet_BareCurl)->UseRealTime();
+BENCHMARK(BM_SingleGet_QelDNSRequest)->UseRealTime();
+BENCHMARK(BM_Concurrent200_BareCurl)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Concurrent200_QelDNSRequest)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// Prints as usual and keeps the median real time of each benchmark for the ratios (the machine
+// may be shared: repetitions of the two sides are interleaved and their medians compared).
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    RatioReporter() : ConsoleReporter(OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred || run.run_type != Run::RT_Aggregate ||
+                run.aggregate_name != "median") {
+                continue;
+            }
+            const std::string name = run.benchmark_name();
+            medians_[name.substr(0, name.find('/'))] =
+                run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+        }
+    }
+
+    void printRoundTrip() const {
+        auto trip = medians_.find("BM_PlatformThreadRoundTrip");
+        if (trip == medians_.end()) return;
+        std::printf("%-22s %9.1f us (hand-off to the platform thread and back, no HTTP)\n",
+                    "thread round trip:", trip->second * 1e6);
+    }
+
+    void printRatio(const char* what, const std::string& ours, const std::string& bare) const {
+        auto o = medians_.find(ours), b = medians_.find(bare);
+        if (o == medians_.end() || b == medians_.end()) return;
+        std::printf("%-22s QelDNSRequest %9.1f us   bare libcurl %9.1f us   ratio %.3f\n", what,
+                    o->second * 1e6, b->second * 1e6, o->second / b->second);
+    }
+
+private:
+    std::map<std::string, double> medians_;  // seconds per iteration
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    qel::platform::Console::setSink([](const std::string&) {});
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // Defaults first, so that flags given on the command line win.
+    std::vector<char*> args{argv[0]};
+    std::string defaults[] = {"--benchmark_repetitions=9",
+                              "--benchmark_enable_random_interleaving=true",
+                              "--benchmark_min_time=0.2"};
+    for (auto& flag : defaults) args.push_back(flag.data());
+    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
+    int count = static_cast<int>(args.size());
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    server();
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    std::printf("\nMedians of the repetitions:\n");
+    reporter.printRatio("one GET:", "BM_SingleGet_QelDNSRequest", "BM_SingleGet_BareCurl");
+    reporter.printRoundTrip();
+    reporter.printRatio("200 concurrent GETs:", "BM_Concurrent200_QelDNSRequest",
+                        "BM_Concurrent200_BareCurl");
+    benchmark::Shutdown();
+    return 0;
+}
