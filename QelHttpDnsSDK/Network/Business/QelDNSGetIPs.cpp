@@ -16,7 +16,7 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
                   const std::optional<nlohmann::json>& result) {
     if (!completion) return;
     if (error) {
-        completion(std::move(error), std::nullopt);
+        completion(std::move(error), nullptr);
         return;
     }
     const nlohmann::json& answer = result ? *result : nlohmann::json();
@@ -24,7 +24,7 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
         const std::string message =
             QelDNSJSONValue::descriptionValue(QelDNSJSONValue::member(answer, "message"));
         completion(QelDNSUntil::errorCode(QelDNSJSONValue::int32Value(status), message),
-                   std::nullopt);
+                   nullptr);
         return;
     }
     const auto host = QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "host"));
@@ -32,15 +32,15 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(-20002, "invalid data"), std::nullopt);
+        completion(QelDNSUntil::errorCode(-20002, "invalid data"), nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(-20003, "empty data"), std::nullopt);
+        completion(QelDNSUntil::errorCode(-20003, "empty data"), nullptr);
         return;
     }
-    QelDNSIPModel::List records;
-    records.reserve(ips->size());
+    auto records = std::make_shared<QelDNSIPModelList>();
+    records->reserve(ips->size());
     for (const std::string& ip : *ips) {
         auto record = std::make_shared<QelDNSIPModel>();
         record->setType(type);
@@ -48,7 +48,7 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
         record->setIp(ip);
         record->setTtl(ttl);
         record->setLookupTime(qel::platform::Clock::currentTime());
-        records.push_back(std::move(record));
+        records->push_back(std::move(record));
     }
     completion(std::nullopt, std::move(records));
 }

@@ -19,9 +19,9 @@
 
 class QelDNSGetIPs : public QelDNSRequest {
 public:
-    /// Receives (error, nothing) or (nothing, a non-empty list of records).
-    using Completion = std::function<void(std::optional<QelDNSError> error,
-                                          std::optional<QelDNSIPModel::List> records)>;
+    /// Receives (error, null) or (nothing, a non-empty list of records), never both.
+    using Completion =
+        std::function<void(std::optional<QelDNSError> error, QelDNSIPModelListRef records)>;
 
     /// Sends one resolve request to `url` (the node's base URL; the path is appended as it is).
     /// The completion runs once, on the platform thread (never when the transport sends
