@@ -107,10 +107,10 @@ TEST_F(ServiceAccess, AbsentApplicationIdIsSentAndSignedAsNull) {
 }
 
 TEST_F(ServiceAccess, LoginFailsOnAnyStatusWhateverElseTheAnswerHolds) {
-    const json good = {{"auth_id", "abc"}, {"best_service_node", "http://n"}};
     struct Case { json body; int64_t code; std::string message; };
     const std::vector<Case> cases = {
-        {json(good).update({{"status", 0}, {"message", "zero"}}), 0, "zero"},
+        {{{"status", 0}, {"message", "zero"}, {"auth_id", "abc"}, {"best_service_node", "http://n"}},
+         0, "zero"},
         {{{"status", "403"}, {"message", "forbidden"}}, 403, "forbidden"},
         {{{"status", -30000}, {"message", "move on"}}, -30000, "move on"},
         {{{"status", "abc"}}, 0, ""},                       // not numeric: 0, no message
