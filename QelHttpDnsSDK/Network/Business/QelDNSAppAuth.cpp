@@ -1,0 +1,71 @@
+#include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
+
+#include <utility>
+
+#include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
+#include "QelHttpDnsSDK/Other/QelDNSNullable.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
+
+namespace {
+
+void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth::Completion& completion,
+                  std::optional<QelDNSError> error, const std::optional<nlohmann::json>& result) {
+    if (!completion) return;
+    if (error) {
+        completion(std::move(error), std::nullopt, std::nullopt);
+        return;
+    }
+    const nlohmann::json& answer = result ? *result : nlohmann::json();
+    if (const nlohmann::json* status = QelDNSJSONValue::member(answer, "status")) {
+        const std::string message =
+            QelDNSJSONValue::descriptionValue(QelDNSJSONValue::member(answer, "message"));
+        completion(QelDNSUntil::errorCode(QelDNSJSONValue::int32Value(status), message),
+                   std::nullopt, std::nullopt);
+        return;
+    }
+    const auto answeredId = QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "auth_id"));
+    const auto bestNode =
+        QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "best_service_node"));
+    auto nodeList =
+        QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
+
+    if (!answeredId || !authId || *answeredId != *authId) {
+        completion(QelDNSUntil::errorCode(-20000, "invalid data"), std::nullopt, std::nullopt);
+    } else if (bestNode && !bestNode->empty()) {
+        completion(std::nullopt, bestNode, std::move(nodeList));
+    } else if (nodeList && !nodeList->empty()) {
+        std::string first = nodeList->front();
+        completion(std::nullopt, std::move(first), std::move(nodeList));
+    } else {
+        completion(QelDNSUntil::errorCode(-20001, "empty data"), std::nullopt, std::nullopt);
+    }
+}
+
+}  // namespace
+
+void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
+                                const std::optional<std::string>& authId,
+                                const std::optional<std::string>& authSecret,
+                                Completion completion) {
+    const std::string path = "/" + QelDNSNullable::text(authId) + "/service";
+    const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
+    const std::string sign = calcSignWithAuthSecret(authSecret, timestamp);
+    const std::string requestUrl = QelDNSNullable::text(url) + path +
+                                   "?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
+                                   "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());
+    const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
+    get(requestUrl, headers,
+        [authId, completion = std::move(completion)](std::optional<QelDNSError> error,
+                                                     std::optional<nlohmann::json> result) {
+            handleAnswer(authId, completion, std::move(error), result);
+        });
+}
+
+std::string QelDNSAppAuth::calcSignWithAuthSecret(const std::optional<std::string>& authSecret,
+                                                  double timestamp) {
+    const std::string signedText = QelDNSNullable::text(QelDNSUntil::currentPackageName()) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
