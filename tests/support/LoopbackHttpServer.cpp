@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -58,6 +59,11 @@ LoopbackHttpServer::LoopbackHttpServer(size_t threads) {
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("loopback server: cannot bind 127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() is a no-op until the accept loop runs; a test that ends before then would
+    // otherwise leave the destructor joining a thread blocked in accept().
+    for (int waited = 0; !server_.is_running() && waited < 10000; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 LoopbackHttpServer::~LoopbackHttpServer() {
