@@ -89,29 +89,11 @@ TEST(NotificationCenter, RemovalByTokenAndReentrantBlocks) {
     center.removeObserver(12345);  // unknown tokens are ignored
 }
 
-TEST(EventLoop, RunsPostedTasksInOrderOnItsOwnThread) {
-    EventLoop loop;
-    std::vector<int> order;
-    std::promise<void> done;
-    std::atomic<bool> onLoop{true};
-    for (int i = 0; i < 100; ++i) {
-        loop.post([&, i] {
-            onLoop = onLoop && loop.isLoopThread();
-            order.push_back(i);
-            if (i == 99) done.set_value();
-        });
-    }
-    done.get_future().wait();
-    EXPECT_TRUE(onLoop);
-    EXPECT_FALSE(loop.isLoopThread());
-    ASSERT_EQ(order.size(), 100u);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
-}
-
-TEST(EventLoop, KeepsEachPostersOrderWithManyPosters) {
+TEST(EventLoop, RunsEachPostersTasksInOrderOnItsOwnThread) {
     EventLoop loop;
     constexpr int kThreads = 4, kPerThread = 500;
     std::vector<std::vector<int>> seen(kThreads);
+    std::atomic<bool> onLoop{true};
     std::atomic<int> remaining{kThreads * kPerThread};
     std::promise<void> done;
     std::vector<std::thread> posters;
@@ -119,6 +101,7 @@ TEST(EventLoop, KeepsEachPostersOrderWithManyPosters) {
         posters.emplace_back([&, t] {
             for (int i = 0; i < kPerThread; ++i) {
                 loop.post([&, t, i] {
+                    if (!loop.isLoopThread()) onLoop = false;
                     seen[t].push_back(i);
                     if (--remaining == 0) done.set_value();
                 });
@@ -127,6 +110,8 @@ TEST(EventLoop, KeepsEachPostersOrderWithManyPosters) {
     }
     for (auto& poster : posters) poster.join();
     done.get_future().wait();
+    EXPECT_TRUE(onLoop);
+    EXPECT_FALSE(loop.isLoopThread());
     for (int t = 0; t < kThreads; ++t) {
         ASSERT_EQ(seen[t].size(), static_cast<size_t>(kPerThread));
         for (int i = 0; i < kPerThread; ++i) ASSERT_EQ(seen[t][i], i);
@@ -200,11 +185,4 @@ TEST(EventLoop, SurvivesATaskThatThrows) {
     const auto lines = console.lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find("boom"), std::string::npos);
-}
-
-TEST(EventLoop, SharedLoopIsOneProcessWideInstance) {
-    EXPECT_EQ(&EventLoop::shared(), &EventLoop::shared());
-    std::promise<bool> onLoop;
-    EventLoop::shared().post([&] { onLoop.set_value(EventLoop::shared().isLoopThread()); });
-    EXPECT_TRUE(onLoop.get_future().get());
 }

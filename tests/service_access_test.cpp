@@ -80,36 +80,26 @@ AuthResult login(LoopbackHttpServer& server, const json& body) {
 
 TEST_F(ServiceAccess, LoginSendsTheSignedGetAndNeverTheSecret) {
     answer("/abc/service", {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
-    AuthRecorder recorder;
-    QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
-                               recorder.callback());
-    ASSERT_TRUE(recorder.waitFor(1));
-
-    const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].target, "/abc/service?timestamp=1700000000123&app_id=com.example.app");
-    EXPECT_EQ(header(requests[0], "Authorization"),
-              "MD5 " + md5Hex(std::string("com.example.app-1700000000123-") + kSecret));
-    for (const auto& [name, value] : requests[0].headers) {
-        EXPECT_EQ(value.find(kSecret), std::string::npos) << name;
+    // An absent application identifier is sent and signed as "(null)".
+    for (const auto& app :
+         {std::optional<std::string>("com.example.app"), std::optional<std::string>()}) {
+        qel::platform::MainBundle::setIdentifier(app);
+        AuthRecorder recorder;
+        QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
+                                   recorder.callback());
+        ASSERT_TRUE(recorder.waitFor(1));
+        const auto request = server.requests().back();
+        const std::string appText = app.value_or("(null)");
+        EXPECT_EQ(request.method, "GET");
+        EXPECT_EQ(request.target, "/abc/service?timestamp=1700000000123&app_id=" + appText);
+        EXPECT_EQ(header(request, "Authorization"),
+                  "MD5 " + md5Hex(appText + "-1700000000123-" + kSecret));
+        for (const auto& [name, value] : request.headers) {
+            EXPECT_EQ(value.find(kSecret), std::string::npos) << name;
+        }
+        EXPECT_EQ(request.target.find(kSecret), std::string::npos);
+        EXPECT_TRUE(request.body.empty());
     }
-    EXPECT_EQ(requests[0].target.find(kSecret), std::string::npos);
-    EXPECT_TRUE(requests[0].body.empty());
-}
-
-TEST_F(ServiceAccess, AbsentApplicationIdIsSentAndSignedAsNull) {
-    qel::platform::MainBundle::setIdentifier(std::nullopt);
-    answer("/abc/service", {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
-    AuthRecorder recorder;
-    QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
-                               recorder.callback());
-    ASSERT_TRUE(recorder.waitFor(1));
-    const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].target, "/abc/service?timestamp=1700000000123&app_id=(null)");
-    EXPECT_EQ(header(requests[0], "Authorization"),
-              "MD5 " + md5Hex(std::string("(null)-1700000000123-") + kSecret));
 }
 
 TEST_F(ServiceAccess, LoginFailsOnAnyStatusWhateverElseTheAnswerHolds) {
