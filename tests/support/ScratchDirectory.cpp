@@ -2,26 +2,43 @@
 
 #include <stdlib.h>
 
-#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <stdexcept>
-#include <system_error>
-#include <vector>
 
 namespace qel::test {
 
 ScratchDirectory::ScratchDirectory() {
     const char* base = std::getenv("TMPDIR");
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/qel-test-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (!mkdtemp(buffer.data())) throw std::runtime_error("mkdtemp failed for " + pattern);
-    path_ = buffer.data();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed for " + pattern);
+    path_ = pattern;
 }
 
 ScratchDirectory::~ScratchDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<uint8_t> ScratchDirectory::read(const std::string& name) const {
+    std::ifstream in(file(name), std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + file(name));
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+void ScratchDirectory::write(const std::string& name, const std::vector<uint8_t>& bytes) const {
+    std::ofstream out(file(name), std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + file(name));
+}
+
+std::vector<uint8_t> randomBytes(size_t count, uint32_t seed) {
+    std::mt19937 random(seed);
+    std::vector<uint8_t> bytes(count);
+    for (auto& b : bytes) b = static_cast<uint8_t>(random());
+    return bytes;
 }
 
 }  // namespace qel::test
