@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <tuple>
 #include <type_traits>
 #include <vector>
@@ -45,10 +44,7 @@ public:
         return state_->calls;
     }
 
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        return state_->calls.size();
-    }
+    size_t count() const { return calls().size(); }
 
 private:
     struct State {

@@ -52,7 +52,18 @@ LoopbackHttpServer::LoopbackHttpServer(size_t threads) {
     server_.set_tcp_nodelay(true);
     server_.set_keep_alive_max_count(1000000);
     auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        dispatch(request, response);
+        Handler found;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_.push_back({request.method, request.target, request.headers, request.body,
+                                 request.remote_port});
+            if (routes_.count(request.path)) found = routes_[request.path];
+        }
+        if (found) {
+            found(request, response);
+        } else {
+            response.status = 404;
+        }
     };
     server_.Get(".*", handler);
     server_.Post(".*", handler);
@@ -71,70 +82,6 @@ LoopbackHttpServer::~LoopbackHttpServer() {
     server_.stop();
     shutDownAcceptedConnections(port_);
     thread_.join();
-}
-
-std::string LoopbackHttpServer::url(const std::string& pathAndQuery) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
-}
-
-void LoopbackHttpServer::route(const std::string& path, Handler handler) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    routes_[path] = std::move(handler);
-}
-
-void LoopbackHttpServer::respond(const std::string& path, int status, const std::string& body) {
-    route(path, [status, body](const httplib::Request&, httplib::Response& response) {
-        response.status = status;
-        if (!body.empty()) response.set_content(body, "application/json");
-    });
-}
-
-void LoopbackHttpServer::hold(const std::string& path, const std::string& body) {
-    route(path, [this, body](const httplib::Request&, httplib::Response& response) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++held_;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return released_; });
-        --held_;
-        response.set_content(body, "application/json");
-    });
-}
-
-void LoopbackHttpServer::releaseHeld() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    changed_.notify_all();
-}
-
-size_t LoopbackHttpServer::heldNow() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return held_;
-}
-
-bool LoopbackHttpServer::waitUntilHeld(size_t count, std::chrono::seconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return held_ >= count; });
-}
-
-std::vector<LoopbackHttpServer::Request> LoopbackHttpServer::requests() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-}
-
-void LoopbackHttpServer::dispatch(const httplib::Request& request, httplib::Response& response) {
-    Handler handler;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        requests_.push_back(
-            {request.method, request.target, request.headers, request.body, request.remote_port});
-        auto found = routes_.find(request.path);
-        if (found != routes_.end()) handler = found->second;
-    }
-    if (handler) {
-        handler(request, response);
-    } else {
-        response.status = 404;
-    }
 }
 
 }  // namespace qel::test

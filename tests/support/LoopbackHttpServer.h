@@ -32,31 +32,54 @@ public:
     explicit LoopbackHttpServer(size_t threads = 16);
     /// Releases held requests, stops the server and joins its threads.
     ~LoopbackHttpServer();
-    LoopbackHttpServer(const LoopbackHttpServer&) = delete;
-    LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>" followed by `pathAndQuery`.
-    std::string url(const std::string& pathAndQuery) const;
+    std::string url(const std::string& pathAndQuery) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
+    }
 
     /// Answers requests for `path` (exact, decoded, without query), any method.
-    void route(const std::string& path, Handler handler);
+    void route(const std::string& path, Handler handler) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        routes_[path] = std::move(handler);
+    }
     /// Answers `path` with `status`, `body` and the content type application/json.
-    void respond(const std::string& path, int status, const std::string& body);
+    void respond(const std::string& path, int status, const std::string& body) {
+        route(path, [status, body](const httplib::Request&, httplib::Response& response) {
+            response.status = status;
+            if (!body.empty()) response.set_content(body, "application/json");
+        });
+    }
     /// Holds requests for `path` unanswered until `releaseHeld()` (or the end of the server),
     /// then answers 200 with `body`.
-    void hold(const std::string& path, const std::string& body = "{}");
-    void releaseHeld();
-    /// Requests currently held.
-    size_t heldNow() const;
+    void hold(const std::string& path, const std::string& body = "{}") {
+        route(path, [this, body](const httplib::Request&, httplib::Response& response) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            ++held_;
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return released_; });
+            --held_;
+            response.set_content(body, "application/json");
+        });
+    }
+    void releaseHeld() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        released_ = true;
+        changed_.notify_all();
+    }
     /// Waits until `count` requests are held at once; false if that did not happen in time.
-    bool waitUntilHeld(size_t count, std::chrono::seconds limit = std::chrono::seconds(10));
+    bool waitUntilHeld(size_t count, std::chrono::seconds limit = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, limit, [&] { return held_ >= count; });
+    }
 
-    std::vector<Request> requests() const;
+    std::vector<Request> requests() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return requests_;
+    }
 
 private:
-    void dispatch(const httplib::Request& request, httplib::Response& response);
-
     httplib::Server server_;
     int port_ = 0;
     std::thread thread_;

@@ -1,74 +1,40 @@
-// Loopback TCP servers for what an HTTP library will not do on purpose: answer with hand-made
-// bytes, cut a connection in the middle of an answer, hold a connection silently, or refuse
-// connections altogether.
+// A loopback TCP endpoint for what an HTTP library will not do on purpose: answer with
+// hand-made bytes, cut an answer short, stay silent, or refuse connections altogether.
 #pragma once
 
-#include <condition_variable>
-#include <functional>
-#include <mutex>
+#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace qel::test {
 
-/// Accepts connections on 127.0.0.1 (kernel-chosen port). For each one, on its own thread, it
-/// reads one request (head and a Content-Length body), records its bytes as received, runs
-/// the script with the server and the socket, then closes the socket.
+/// A socket bound to 127.0.0.1 (kernel-chosen port) for the life of the object. Listening, it
+/// accepts connections only through `answerNext` (the others wait, unanswered, in the backlog);
+/// not listening, it refuses every connection.
 class RawHttpServer {
 public:
-    using Script = std::function<void(RawHttpServer& server, int fd, const std::string& request)>;
-
-    explicit RawHttpServer(Script script);
-    /// Releases held connections, stops accepting, joins every thread.
+    explicit RawHttpServer(bool listening = true);
     ~RawHttpServer();
     RawHttpServer(const RawHttpServer&) = delete;
     RawHttpServer& operator=(const RawHttpServer&) = delete;
 
-    int port() const { return port_; }
     std::string url(const std::string& pathAndQuery) const;
-    /// Every request received so far, byte for byte.
-    std::vector<std::string> requests() const;
 
-    /// For scripts: blocks until `release()` or the end of the server.
-    void holdUntilReleased();
-    void release();
+    /// On another thread: accepts the next connection, reads one request (head and a
+    /// Content-Length body), writes `reply`, then closes the connection or, with `hold`, leaves
+    /// it open and silent until the server ends. The future holds the request byte for byte
+    /// (empty if none came within ten seconds). One call at a time.
+    std::future<std::string> answerNext(std::string reply, bool hold = false);
 
-    /// Writes all of `bytes` (ignoring a peer that went away).
-    static void writeAll(int fd, const std::string& bytes);
-
-private:
-    void acceptLoop();
-    void serve(int fd);
-    bool readRequest(int fd, std::string& request);
-
-    Script script_;
-    int listenFd_ = -1;
-    int stopPipe_[2] = {-1, -1};
-    int port_ = 0;
-    std::thread acceptThread_;
-
-    mutable std::mutex mutex_;
-    std::condition_variable releasedChanged_;
-    bool released_ = false;                   // guarded by mutex_
-    std::vector<std::string> requests_;       // guarded by mutex_
-    std::vector<std::thread> connections_;    // touched by the accept thread, then the destructor
-};
-
-/// A port on 127.0.0.1 that refuses every connection: bound for the life of the object (so
-/// nobody else takes it) but not listening.
-class RefusingPort {
-public:
-    RefusingPort();
-    ~RefusingPort();
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-
-    std::string url(const std::string& pathAndQuery) const;
+    /// The header lines of a request that start with one of `prefixes` (compared without
+    /// regard to case), in the order they were sent.
+    static std::vector<std::string> headerLines(const std::string& request,
+                                                const std::vector<std::string>& prefixes);
 
 private:
     int fd_ = -1;
     int port_ = 0;
+    std::vector<int> held_;  // touched by one answering thread at a time
 };
 
 }  // namespace qel::test
