@@ -8,221 +8,148 @@
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
 
-using qel::platform::NotificationCenter;
 using qel::platform::UIApplicationDidEnterBackgroundNotification;
 using qel::platform::UIApplicationWillEnterForegroundNotification;
-using qel::test::CapturingConsole;
 using qel::test::FakeReachabilityFactory;
+using Statuses = std::vector<QelDNSNetworkStatus>;
+using Lines = std::vector<std::string>;
+namespace flags = qel::platform::ReachabilityFlags;
 
 namespace {
 
-constexpr uint32_t kWiFi = 0x2;
-constexpr uint32_t kCellular = 0x40002;
+constexpr uint32_t kWiFi = flags::Reachable;
+constexpr uint32_t kCellular = flags::Reachable | flags::IsWWAN;
+const char* const kLifeCycle[] = {UIApplicationDidEnterBackgroundNotification,
+                                  UIApplicationWillEnterForegroundNotification};
 
-void post(const char* name) { NotificationCenter::defaultCenter().post(name); }
+void post(const char* name) { qel::platform::NotificationCenter::defaultCenter().post(name); }
 
-// Statuses the change block received, in order. Fake reports run on the firing thread.
-struct BlockRecord {
-    std::vector<QelDNSNetworkStatus> statuses;
-    QelDNSNetworkManager::NetworkStatusChangedBlock block() {
-        return [this](QelDNSNetworkStatus status) { statuses.push_back(status); };
+// A manager on a fake source that starts out on Wi-Fi, with a block recording what it receives
+// (fake reports run on the firing thread) and the console captured.
+class NetworkManager : public testing::Test {
+protected:
+    void SetUp() override {
+        manager->setNetworkStatusChangedBlock([this](QelDNSNetworkStatus s) { seen.push_back(s); });
     }
-    const std::vector<QelDNSNetworkStatus>& seen() const { return statuses; }
+    bool report(uint32_t flagSet) {
+        fake.setFlags(flagSet);
+        return fake.fire();
+    }
+
+    FakeReachabilityFactory fake{kWiFi};
+    std::shared_ptr<QelDNSNetworkManager> manager = QelDNSNetworkManager::create();
+    Statuses seen;
+    qel::test::CapturingConsole console;
 };
 
 }  // namespace
 
-TEST(QelDNSNetworkManager, MonitorsFromCreationAndAnswersFromFreshReads) {
-    FakeReachabilityFactory fake(kWiFi);
-    auto manager = QelDNSNetworkManager::create();
-    auto target = fake.last();
-    ASSERT_TRUE(target);
-    EXPECT_TRUE(target->scheduled());
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
-    EXPECT_TRUE(manager->networkAvailable());
-
-    // No report: availability and status still follow the platform, lastNetworkStatus does not.
-    target->setFlags(kCellular);
-    EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusWWAN);
-    target->setFlags(0);
-    EXPECT_FALSE(manager->networkAvailable());
-    EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusNotReachable);
-    target->setFlags(kWiFi, /*readable=*/false);
-    EXPECT_FALSE(manager->networkAvailable());
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
-
-    // Without a reachability nothing is available, and the life cycle does nothing.
-    fake.failCreation(true);
+TEST_F(NetworkManager, WithoutAReachabilityNothingIsAvailableAndTheLifeCycleDoesNothing) {
+    fake.failCreation = true;
     auto bare = QelDNSNetworkManager::create();
     EXPECT_FALSE(bare->reachability());
     EXPECT_FALSE(bare->networkAvailable());
     EXPECT_EQ(bare->networkStatus(), QelDNSNetworkStatusNotReachable);
-    post(UIApplicationDidEnterBackgroundNotification);
-    post(UIApplicationWillEnterForegroundNotification);
+    for (const char* name : kLifeCycle) post(name);
 }
 
-TEST(QelDNSNetworkManager, ChangeHandlerCallsTheBlockOnlyOnAChangeAndAlwaysStoresTheStatus) {
-    FakeReachabilityFactory fake(kWiFi);
-    auto manager = QelDNSNetworkManager::create();
-    auto target = fake.last();
-    CapturingConsole console;
-    QelDNSLog::enable();
-
-    // Without a block a change is only stored (and logged).
-    target->setFlags(0);
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusNotReachable);
-    target->setFlags(kWiFi);
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
-
-    BlockRecord record;
-    manager->setNetworkStatusChangedBlock(record.block());
-    console.clear();
-    target->setFlags(kCellular);
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(record.seen(), std::vector<QelDNSNetworkStatus>{QelDNSNetworkStatusWWAN});
-    EXPECT_EQ(console.lines(), std::vector<std::string>{
-                                   "Network changed status: 蜂窝网络, lastNetwork status: WIFI"});
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWWAN);
-
-    // Same status again: logged, stored, no block.
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(record.seen().size(), 1u);
-    EXPECT_EQ(console.lines().back(), "Network changed status: 蜂窝网络, lastNetwork status: 蜂窝网络");
-
-    // With the log off the block still runs and nothing is printed.
-    QelDNSLog::disable();
-    console.clear();
-    target->setFlags(0);
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(record.seen().back(), QelDNSNetworkStatusNotReachable);
-    EXPECT_TRUE(console.lines().empty());
-
-    EXPECT_EQ(manager->networkStatusDesc(static_cast<QelDNSNetworkStatus>(3)), "Unkonwn");
-    EXPECT_EQ(manager->networkStatusDesc(static_cast<QelDNSNetworkStatus>(-1)), "Unkonwn");
-
-    // A notification without a reachability object reads as not reachable.
-    manager->setLastNetworkStatus(QelDNSNetworkStatusWiFi);
-    post(kQelDNSReachabilityChangedNotification);
-    EXPECT_EQ(record.seen().back(), QelDNSNetworkStatusNotReachable);
-    EXPECT_EQ(record.seen().size(), 3u);
-}
-
-TEST(QelDNSNetworkManager, BackgroundStopsReportsUntilForegroundWithoutRefreshingTheLastStatus) {
-    FakeReachabilityFactory fake(kWiFi);
-    auto manager = QelDNSNetworkManager::create();
-    auto target = fake.last();
-    BlockRecord record;
-    manager->setNetworkStatusChangedBlock(record.block());
-    CapturingConsole console;
-    QelDNSLog::enable();
-
-    post(UIApplicationDidEnterBackgroundNotification);
-    EXPECT_FALSE(target->scheduled());
-    target->setFlags(kCellular);
-    EXPECT_FALSE(target->fire());
-    EXPECT_TRUE(manager->networkAvailable()) << "answers still come from fresh reads";
-
-    post(UIApplicationWillEnterForegroundNotification);
-    EXPECT_TRUE(target->scheduled());
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
-    EXPECT_TRUE(record.seen().empty());
-    EXPECT_EQ(console.lines(), (std::vector<std::string>{"App did enter background, stopNotifier",
-                                                         "App did enter foreground, startNotifier"}));
-
-    // The next report compares with the status from before the background.
-    ASSERT_TRUE(target->fire());
-    EXPECT_EQ(record.seen(), std::vector<QelDNSNetworkStatus>{QelDNSNetworkStatusWWAN});
-}
-
-TEST(QelDNSNetworkManager, StartMonitorMakesOneSharedManagerWithOneSetOfObservers) {
-    FakeReachabilityFactory fake(kWiFi);
-    std::vector<std::thread> callers;
-    for (int i = 0; i < 4; ++i) {
-        callers.emplace_back([] {
-            for (int j = 0; j < 10; ++j) QelDNSNetworkManager::startMonitor();
-        });
+TEST_F(NetworkManager, ChangeHandlerLogsWhenEnabledCallsTheBlockOnChangeAndAlwaysStores) {
+    const struct {
+        bool log;
+        uint32_t flags;
+        Statuses block;
+        const char* line;
+    } steps[] = {
+        {true, kCellular, {QelDNSNetworkStatusWWAN},
+         "Network changed status: 蜂窝网络, lastNetwork status: WIFI"},
+        {true, kCellular, {}, "Network changed status: 蜂窝网络, lastNetwork status: 蜂窝网络"},
+        {true, 0, {QelDNSNetworkStatusNotReachable},
+         "Network changed status: 网络不可用, lastNetwork status: 蜂窝网络"},
+        {false, kWiFi, {QelDNSNetworkStatusWiFi}, nullptr},
+        {false, kWiFi, {}, nullptr},
+    };
+    for (const auto& step : steps) {
+        step.log ? QelDNSLog::enable() : QelDNSLog::disable();
+        console.clear();
+        seen.clear();
+        ASSERT_TRUE(report(step.flags));
+        EXPECT_EQ(seen, step.block) << step.flags;
+        EXPECT_EQ(console.lines(), step.line ? Lines{step.line} : Lines{}) << step.flags;
+        EXPECT_EQ(manager->lastNetworkStatus(), manager->networkStatus()) << step.flags;
     }
-    for (auto& caller : callers) caller.join();
-    EXPECT_EQ(fake.made(), 1u);
-    EXPECT_EQ(&QelDNSNetworkManager::shared(), &QelDNSNetworkManager::shared());
-
-    BlockRecord record;
-    QelDNSNetworkManager::shared().setNetworkStatusChangedBlock(record.block());
-    fake.last()->setFlags(0);
-    ASSERT_TRUE(fake.last()->fire());
-    EXPECT_EQ(record.seen().size(), 1u);
-}
-
-TEST(QelDNSNetworkManager, ADestroyedManagerStopsItsNotifierAndLeavesNothingBehind) {
-    FakeReachabilityFactory fake(kWiFi);
-    auto manager = QelDNSNetworkManager::create();
-    auto target = fake.last();
-    BlockRecord record;
-    manager->setNetworkStatusChangedBlock(record.block());
-    manager.reset();
-    EXPECT_FALSE(target->scheduled());
-
-    target->setFlags(0);
-    target->invokeCallback();  // a report already under way
+    // A notification without a reachability object reads as not reachable.
     post(kQelDNSReachabilityChangedNotification);
-    post(UIApplicationDidEnterBackgroundNotification);
-    post(UIApplicationWillEnterForegroundNotification);
-    EXPECT_TRUE(record.seen().empty());
-    EXPECT_FALSE(target->scheduled());
-
-    // A block may drop the last owner of its own manager.
-    auto second = QelDNSNetworkManager::create();
-    auto secondTarget = fake.last();
-    second->setNetworkStatusChangedBlock([&second](QelDNSNetworkStatus) { second.reset(); });
-    secondTarget->setFlags(kCellular);
-    ASSERT_TRUE(secondTarget->fire());
-    EXPECT_FALSE(second);
-    EXPECT_FALSE(secondTarget->scheduled());
+    EXPECT_EQ(seen, (Statuses{QelDNSNetworkStatusNotReachable}));
+    // Without a block a change is still stored.
+    manager->setNetworkStatusChangedBlock(nullptr);
+    ASSERT_TRUE(report(kCellular));
+    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWWAN);
+    // The log lines above show the three known texts.
+    EXPECT_EQ(manager->networkStatusDesc(static_cast<QelDNSNetworkStatus>(3)), "Unkonwn");
 }
 
-TEST(QelDNSNetworkManager, ReportsLifeCycleAndReadersOnManyThreadsAtOnce) {
-    FakeReachabilityFactory fake(kWiFi);
-    auto manager = QelDNSNetworkManager::create();
-    auto target = fake.last();
-    std::atomic<int> blockCalls{0};
-    std::atomic<bool> stop{false};
+TEST_F(NetworkManager, BackgroundStopsReportsUntilForegroundWhileAnswersComeFromFreshReads) {
+    QelDNSLog::enable();
+    post(UIApplicationDidEnterBackgroundNotification);
+    EXPECT_FALSE(report(0));
+    EXPECT_FALSE(manager->networkAvailable());
+    EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusNotReachable);
+    EXPECT_FALSE(report(kCellular));
+    EXPECT_TRUE(manager->networkAvailable());
+    EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusWWAN);
 
-    std::thread reporter([&] {
-        for (int i = 0; i < 2000; ++i) {
-            target->setFlags(i % 3 == 0 ? 0 : (i % 3 == 1 ? kWiFi : kCellular));
-            target->fire();
-        }
+    post(UIApplicationWillEnterForegroundNotification);
+    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
+    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(console.lines(), (Lines{"App did enter background, stopNotifier",
+                                      "App did enter foreground, startNotifier"}));
+    // The next report compares with the status from before the background.
+    ASSERT_TRUE(fake.fire());
+    EXPECT_EQ(seen, Statuses{QelDNSNetworkStatusWWAN});
+}
+
+TEST_F(NetworkManager, ADestroyedManagerStopsItsNotifierAndLeavesNothingBehind) {
+    // A block may drop the last owner of its own manager.
+    manager->setNetworkStatusChangedBlock([this](QelDNSNetworkStatus status) {
+        seen.push_back(status);
+        manager.reset();
     });
+    ASSERT_TRUE(report(kCellular));
+    EXPECT_FALSE(manager);
+
+    fake.setFlags(0);
+    fake.fire(/*evenUnscheduled=*/true);  // a report already under way
+    post(kQelDNSReachabilityChangedNotification);
+    for (const char* name : kLifeCycle) post(name);
+    EXPECT_EQ(seen, Statuses{QelDNSNetworkStatusWWAN});
+    EXPECT_FALSE(fake.fire()) << "the notifier stopped with the manager";
+}
+
+TEST_F(NetworkManager, ReportsLifeCycleAndReadersOnManyThreadsAtOnce) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> calls{0};
     std::thread lifeCycle([&] {
-        while (!stop) {
-            post(UIApplicationDidEnterBackgroundNotification);
-            post(UIApplicationWillEnterForegroundNotification);
-        }
+        while (!stop) for (const char* name : kLifeCycle) post(name);
     });
     std::thread reader([&] {
-        int i = 0;
-        while (!stop) {
+        for (int i = 0; !stop; ++i) {
             (void)manager->networkAvailable();
             (void)manager->networkStatus();
-            if (++i % 100 == 0) {
-                manager->setNetworkStatusChangedBlock([&](QelDNSNetworkStatus) { ++blockCalls; });
-            }
+            if (i % 100 == 0) manager->setNetworkStatusChangedBlock([&](QelDNSNetworkStatus) { ++calls; });
         }
     });
-    reporter.join();
+    for (int i = 0; i < 2000; ++i) report(i % 3 == 0 ? 0 : (i % 3 == 1 ? kWiFi : kCellular));
     stop = true;
     lifeCycle.join();
     reader.join();
 
     // Quiet again: one more report settles lastNetworkStatus on the platform's answer.
     post(UIApplicationWillEnterForegroundNotification);
-    target->setFlags(kCellular);
-    ASSERT_TRUE(target->fire());
+    ASSERT_TRUE(report(kCellular));
     EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWWAN);
 }

@@ -1,71 +1,84 @@
-// Reachability sources whose flags a test sets by hand. While a FakeReachabilityFactory
-// exists it is the installed factory, so every QelDNSReachability made meanwhile gets a fake
-// source; the test reaches each one's controls through `last()` / `made()`.
+// A reachability source factory whose sources answer the flags the test sets and report only
+// when the test fires them, on the firing thread. It is the installed factory for its lifetime,
+// so every QelDNSReachability made meanwhile gets a fake source. All its sources share its one
+// state, and it must outlive them. Thread-safe.
 #pragma once
-
-#include <sys/socket.h>
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <vector>
 
-#include "QelHttpDnsSDK/Platform/ReachabilitySource.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 
 namespace qel::test {
 
-/// The controls of one fake source. Thread-safe.
-class FakeReachabilityTarget {
-public:
-    /// What the source was made for. Set before the source is handed out.
-    std::optional<std::string> hostName;
-    std::optional<sockaddr_storage> address;
-
-    /// Flags that later reads answer; `readable = false` makes reads fail.
-    void setFlags(uint32_t flags, bool readable = true);
-    /// Reports a change on the calling thread when scheduled and a callback is set; returns
-    /// whether it was delivered.
-    bool fire();
-    /// Calls the registered callback even when unscheduled: a report already under way when
-    /// the notifier stopped.
-    void invokeCallback();
-    bool scheduled() const;
-
-private:
-    friend class FakeReachabilitySource;
-    platform::ReachabilitySource::Callback callbackIf(bool mustBeScheduled, uint32_t& flags) const;
-
-    mutable std::mutex mutex_;
-    uint32_t flags_ = 0;
-    bool readable_ = true;
-    bool scheduled_ = false;
-    platform::ReachabilitySource::Callback callback_;
-};
-
 class FakeReachabilityFactory final : public platform::ReachabilitySourceFactory {
+    using Lock = std::lock_guard<std::mutex>;
+    using Callback = platform::ReachabilitySource::Callback;
+
 public:
-    /// Installs itself; new sources start with `initialFlags`.
-    explicit FakeReachabilityFactory(uint32_t initialFlags = 0);
-    ~FakeReachabilityFactory() override;
+    explicit FakeReachabilityFactory(uint32_t flags) : flags_(flags) { install(this); }
+    ~FakeReachabilityFactory() override { install(nullptr); }
 
-    std::unique_ptr<platform::ReachabilitySource> makeWithName(const std::string& hostName) override;
-    std::unique_ptr<platform::ReachabilitySource> makeWithAddress(const sockaddr* address) override;
+    bool failCreation = false;  // set before the creations that must fail
 
-    /// Makes later creations fail (the factories then return nothing).
-    void failCreation(bool fail);
-    size_t made() const;
-    std::shared_ptr<FakeReachabilityTarget> last() const;
+    /// Flags that later reads answer.
+    void setFlags(uint32_t flags) {
+        Lock lock(mutex_);
+        flags_ = flags;
+    }
+    /// Reports on the calling thread (outside the lock, as a real source does) when scheduled,
+    /// or when `evenUnscheduled`: a report already under way as the notifier stopped. Returns
+    /// whether a callback ran.
+    bool fire(bool evenUnscheduled = false) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        Callback callback = scheduled_ || evenUnscheduled ? callback_ : nullptr;
+        const uint32_t flags = flags_;
+        lock.unlock();
+        if (callback) callback(flags);
+        return static_cast<bool>(callback);
+    }
+
+    std::unique_ptr<platform::ReachabilitySource> makeWithName(const std::string&) override {
+        return make();
+    }
+    std::unique_ptr<platform::ReachabilitySource> makeWithAddress(const sockaddr*) override {
+        return make();
+    }
 
 private:
-    std::unique_ptr<platform::ReachabilitySource> make(std::shared_ptr<FakeReachabilityTarget> target);
+    struct Source final : platform::ReachabilitySource {
+        explicit Source(FakeReachabilityFactory& factory) : fake(factory) {}
+        ~Source() override { unschedule(); }
+        bool getFlags(uint32_t& flags) override {
+            Lock lock(fake.mutex_);
+            flags = fake.flags_;
+            return true;
+        }
+        bool setCallback(Callback callback) override {
+            Lock lock(fake.mutex_);
+            fake.callback_ = std::move(callback);
+            return true;
+        }
+        bool schedule() override { return fake.setScheduled(true); }
+        bool unschedule() override { return fake.setScheduled(false); }
+        FakeReachabilityFactory& fake;
+    };
 
-    const uint32_t initialFlags_;
-    mutable std::mutex mutex_;
-    bool failCreation_ = false;
-    std::vector<std::shared_ptr<FakeReachabilityTarget>> targets_;
+    std::unique_ptr<platform::ReachabilitySource> make() {
+        return failCreation ? nullptr : std::make_unique<Source>(*this);
+    }
+    bool setScheduled(bool scheduled) {
+        Lock lock(mutex_);
+        scheduled_ = scheduled;
+        return true;
+    }
+
+    std::mutex mutex_;
+    uint32_t flags_;
+    bool scheduled_ = false;
+    Callback callback_;
 };
 
 }  // namespace qel::test
