@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+
 namespace {
 
 constexpr int64_t kInt32Min = std::numeric_limits<int32_t>::min();
@@ -75,4 +77,15 @@ std::optional<std::vector<std::string>> QelDNSJSONValue::stringArrayValue(
         if (element.is_string()) strings.push_back(element.get<std::string>());
     }
     return strings;
+}
+
+std::optional<QelDNSError> QelDNSJSONValue::statusError(const nlohmann::json& answer) {
+    const nlohmann::json* status = member(answer, "status");
+    if (!status) return std::nullopt;
+    return QelDNSUntil::errorCode(int32Value(status), descriptionValue(member(answer, "message")));
+}
+
+const nlohmann::json& QelDNSJSONValue::answerOf(const std::optional<nlohmann::json>& result) {
+    static const nlohmann::json* const kNoKeys = new nlohmann::json(nlohmann::json::object());
+    return result ? *result : *kNoKeys;
 }

@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "QelHttpDnsSDK/Other/QelDNSError.h"
+
 class QelDNSJSONValue {
 public:
     QelDNSJSONValue() = delete;
@@ -30,6 +32,13 @@ public:
     /// A message for an error result: text as it is, a number or other value as its compact
     /// JSON text (the way it would print), and the empty text when absent or null.
     static std::string descriptionValue(const nlohmann::json* value);
+
+    /// The failure a service answer declares: present exactly when the answer holds "status"
+    /// (whatever its value, 0 included), with that status as the code and "message" as the text.
+    static std::optional<QelDNSError> statusError(const nlohmann::json& answer);
+
+    /// The answer a transport result stands for: the result, or an object with no keys.
+    static const nlohmann::json& answerOf(const std::optional<nlohmann::json>& result);
 
     /// The string elements of an array value, in order (elements of other types are skipped);
     /// nothing when the value is absent or not an array.

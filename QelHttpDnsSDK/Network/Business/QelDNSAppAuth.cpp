@@ -16,12 +16,9 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
         completion(std::move(error), std::nullopt, std::nullopt);
         return;
     }
-    const nlohmann::json& answer = result ? *result : nlohmann::json();
-    if (const nlohmann::json* status = QelDNSJSONValue::member(answer, "status")) {
-        const std::string message =
-            QelDNSJSONValue::descriptionValue(QelDNSJSONValue::member(answer, "message"));
-        completion(QelDNSUntil::errorCode(QelDNSJSONValue::int32Value(status), message),
-                   std::nullopt, std::nullopt);
+    const nlohmann::json& answer = QelDNSJSONValue::answerOf(result);
+    if (auto failure = QelDNSJSONValue::statusError(answer)) {
+        completion(std::move(failure), std::nullopt, std::nullopt);
         return;
     }
     const auto answeredId = QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "auth_id"));

@@ -19,12 +19,9 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
         completion(std::move(error), nullptr);
         return;
     }
-    const nlohmann::json& answer = result ? *result : nlohmann::json();
-    if (const nlohmann::json* status = QelDNSJSONValue::member(answer, "status")) {
-        const std::string message =
-            QelDNSJSONValue::descriptionValue(QelDNSJSONValue::member(answer, "message"));
-        completion(QelDNSUntil::errorCode(QelDNSJSONValue::int32Value(status), message),
-                   nullptr);
+    const nlohmann::json& answer = QelDNSJSONValue::answerOf(result);
+    if (auto failure = QelDNSJSONValue::statusError(answer)) {
+        completion(std::move(failure), nullptr);
         return;
     }
     const auto host = QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "host"));
