@@ -24,6 +24,22 @@ namespace qel::platform {
 
 namespace {
 
+// A dump of every object of one kind, all families (the zeroed body means AF_UNSPEC).
+template <typename Body>
+struct DumpRequest {
+    nlmsghdr header;
+    Body body;
+};
+
+template <typename Body>
+DumpRequest<Body> dumpRequest(uint16_t type) {
+    DumpRequest<Body> request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = type;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    return request;
+}
+
 constexpr size_t kBufferSize = 64 * 1024;  // larger than any single rtnetlink datagram
 constexpr int kResyncAttempts = 3;
 
@@ -260,14 +276,7 @@ bool NetlinkRouteMonitor::resync() {
         std::unordered_map<int, Link> links;
         std::vector<DefaultRoute> routes;
 
-        struct {
-            nlmsghdr header;
-            ifinfomsg body;
-        } linkRequest{};
-        linkRequest.header.nlmsg_len = sizeof linkRequest;
-        linkRequest.header.nlmsg_type = RTM_GETLINK;
-        linkRequest.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        linkRequest.body.ifi_family = AF_UNSPEC;
+        auto linkRequest = dumpRequest<ifinfomsg>(RTM_GETLINK);
         Outcome outcome = transact(linkRequest.header, [&](const nlmsghdr& message) {
             if (message.nlmsg_type != RTM_NEWLINK) return;
             if (std::optional<ParsedLink> parsed = parseLink(message)) {
@@ -278,14 +287,7 @@ bool NetlinkRouteMonitor::resync() {
         if (outcome == Outcome::Interrupted) continue;
         if (outcome != Outcome::Answered) return false;
 
-        struct {
-            nlmsghdr header;
-            rtmsg body;
-        } routeRequest{};
-        routeRequest.header.nlmsg_len = sizeof routeRequest;
-        routeRequest.header.nlmsg_type = RTM_GETROUTE;
-        routeRequest.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        routeRequest.body.rtm_family = AF_UNSPEC;
+        auto routeRequest = dumpRequest<rtmsg>(RTM_GETROUTE);
         outcome = transact(routeRequest.header, [&](const nlmsghdr& message) {
             if (message.nlmsg_type != RTM_NEWROUTE) return;
             std::optional<ParsedRoute> route = parseRoute(message);
