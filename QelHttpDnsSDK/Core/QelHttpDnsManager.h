@@ -7,7 +7,9 @@
 
 #include <atomic>
 
-class QelHttpDnsManager {
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
+class QEL_EXPORT QelHttpDnsManager {
 public:
     /// The shared instance, made on first use and never destroyed.
     static QelHttpDnsManager& shared();

@@ -5,7 +5,9 @@
 
 #include <string>
 
-class QelDNSLog {
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
+class QEL_EXPORT QelDNSLog {
 public:
     QelDNSLog() = delete;
 
