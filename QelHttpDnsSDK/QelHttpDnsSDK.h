@@ -1,4 +1,4 @@
-// Umbrella header for applications.
+// Umbrella header for applications: every installed header of the library.
 #pragma once
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
@@ -6,5 +6,7 @@
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
