@@ -5,7 +5,7 @@
 
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/CapturingConsole.h"
 
 using namespace std::string_literals;
@@ -69,13 +69,12 @@ TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
 }
 
 TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
-    using qel::platform::MainBundle;
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier("com.example.app");
+    QelDNSApplication::setBundleIdentifier("com.example.app");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
-    MainBundle::setIdentifier("");
+    QelDNSApplication::setBundleIdentifier("");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier(std::nullopt);
+    QelDNSApplication::setBundleIdentifier(std::nullopt);
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
 }
 
