@@ -63,7 +63,7 @@ public:
 private:
     QelDNSNetworkManager() = default;
     void init(const std::weak_ptr<QelDNSNetworkManager>& weakSelf);
-    void reachabilityChanged(const qel::platform::Notification& notification);
+    QEL_HIDDEN void reachabilityChanged(const qel::platform::Notification& notification);
     void didEnterBackground();
     void willEnterForeground();
 

@@ -66,8 +66,9 @@ public:
     QelDNSNetworkStatus networkStatusForFlags(uint32_t flags) const;
 
 private:
-    explicit QelDNSReachability(std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
-    static std::shared_ptr<QelDNSReachability> make(
+    QEL_HIDDEN explicit QelDNSReachability(
+        std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
+    QEL_HIDDEN static std::shared_ptr<QelDNSReachability> make(
         std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
 
     // Set by the factory, never empty, never replaced: safe to use from any thread.
