@@ -18,5 +18,7 @@ public:
     static void logWithStr(const std::string& str);
     /// As above; an absent string prints "(null)".
     static void logWithStr(const std::optional<std::string>& str);
-    static void logWithStr(const char* str) { logWithStr(std::string(str)); }
+    static void logWithStr(const char* str) {
+        logWithStr(str ? std::optional<std::string>(str) : std::nullopt);
+    }
 };
