@@ -4,6 +4,7 @@
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
+#include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"

@@ -25,7 +25,6 @@
 
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
-
 #include "QelHttpDnsSDK/QelDNSExport.h"
 
 class QEL_EXPORT QelHttpDnsManager {
