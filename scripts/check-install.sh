@@ -42,18 +42,25 @@ check_headers() {
     ! find "$include" -path '*/Platform*' | grep -q . || fail "a platform header is installed"
 }
 
-# Every class and constant the installed headers define is exported; of the library's own
-# names (Qel..., kQel..., the qel:: namespace) only those the installed headers declare are.
+# Every class an installed header defines is marked QEL_EXPORT, and is exported when its
+# members are defined in a source file (one class per file, named after it); so is every
+# constant. Of the library's own names (Qel..., kQel..., the qel:: namespace) only those the
+# installed headers declare are exported.
 check_symbols() {
-    local library=$1 include=$2 exported exported_names public declared name
+    local library=$1 include=$2 exported exported_names line name header source public declared
     exported=$(nm -DC --defined-only "$library" | sed -E 's/^[0-9a-f]+ [A-Za-z] //')
     exported_names=$(grep -oE '\bk?Qel[A-Za-z0-9_]*' <<<"$exported" | sort -u)
-    public=$( (grep -rhE '^class ([A-Z_]+ )?[A-Za-z_]+( final)?( :.*)? \{' "$include" |
-               sed -E 's/^class ([A-Z_]+ )?([A-Za-z_]+).*/\2/'
-               grep -rhoE '^(QEL_EXPORT )?extern const [a-z0-9_ ]+ [A-Za-z_]+' "$include" |
-               awk '{print $NF}') | sort -u)
-    declared=$( (echo "$public"; grep -rhoE '^(class|struct|enum) [A-Za-z_]+' "$include" |
-                 awk '{print $2}') | sort -u)
+    public=$(grep -rhoE '^(QEL_EXPORT )?extern const [a-z0-9_ ]+ [A-Za-z_]+' "$include" |
+             awk '{print $NF}')
+    while IFS=: read -r header line; do
+        name=$(sed -E 's/^class ([A-Z_]+ )?([A-Za-z_]+).*/\2/' <<<"$line")
+        [[ $line == "class QEL_EXPORT "* ]] || fail "class $name is not marked QEL_EXPORT"
+        source=${header#"$include"/}
+        [ -f "${source%.h}.cpp" ] && public+=$'\n'$name
+    done < <(grep -rE '^class ([A-Z_]+ )?[A-Za-z_]+( final)?( :.*)? \{' "$include")
+    public=$(sort -u <<<"$public")
+    declared=$( (echo "$public"; grep -rhoE '^(class|struct|enum) (QEL_EXPORT )?[A-Za-z_]+' \
+                 "$include" | awk '{print $NF}') | sort -u)
     [ -n "$public" ] || fail "no exported name found in the installed headers"
     for name in $public; do
         grep -qx "$name" <<<"$exported_names" || fail "$name is not exported from $library"
