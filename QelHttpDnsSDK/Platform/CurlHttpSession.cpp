@@ -228,6 +228,9 @@ void EasyHandlePool::setSharedOptions(CURL* easy) const {
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket_);
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, closeData_);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    // The path goes out as given: curl would otherwise resolve "/./" and "/../", and an AuthId
+    // of ".." would send "<base>/../service" to "<base>/service".
+    curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");

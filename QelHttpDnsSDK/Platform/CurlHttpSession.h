@@ -6,6 +6,7 @@
 // had none):
 //   - redirects are followed, at most 16, to http/https only; 301/302/303 turn a POST into a
 //     GET, 307/308 keep it, as a browser does;
+//   - the URL is sent as given: dot segments ("/./", "/../") are not resolved;
 //   - the timeout bounds the whole exchange (see HttpRequest::timeoutSeconds);
 //   - a body above kMaxResponseBodyBytes (after content decoding) ends the transfer with a
 //     transport error, so a hostile server cannot make us hold an unbounded answer;
