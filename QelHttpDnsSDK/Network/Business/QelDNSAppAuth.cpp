@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
@@ -48,6 +49,13 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
     const std::string path = "/" + QelDNSNullable::text(authId) + "/service";
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
     const std::string sign = calcSignWithAuthSecret(authSecret, timestamp);
+    if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
+        handleAnswer(authId, completion,
+                     QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
+                                            QelDNSErrorCodes::kRequestErrorMessage),
+                     std::nullopt);
+        return;
+    }
     const std::string requestUrl = QelDNSNullable::text(url) + path +
                                    "?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
                                    "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());

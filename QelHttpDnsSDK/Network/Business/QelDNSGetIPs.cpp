@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
@@ -59,6 +60,13 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
     const std::string path = "/" + QelDNSNullable::text(authId) + "/resolve";
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
     const std::string sign = calcSignWithAuthSecret(authSecret, timestamp, domain, type);
+    if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
+        handleAnswer(domain, type, completion,
+                     QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
+                                            QelDNSErrorCodes::kRequestErrorMessage),
+                     std::nullopt);
+        return;
+    }
     const std::string requestUrl =
         QelDNSNullable::text(url) + path + "?timestamp=" +
         std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + QelDNSNullable::text(domain) +
