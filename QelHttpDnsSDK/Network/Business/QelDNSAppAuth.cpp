@@ -40,6 +40,14 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
     }
 }
 
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
+
 }  // namespace
 
 void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
@@ -47,8 +55,10 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
                                 const std::optional<std::string>& authSecret,
                                 Completion completion) {
     const std::string path = "/" + QelDNSNullable::text(authId) + "/service";
+    // Read once each, so the URL and the signature carry the same values.
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
-    const std::string sign = calcSignWithAuthSecret(authSecret, timestamp);
+    const auto package = QelDNSUntil::currentPackageName();
+    const std::string sign = signature(package, authSecret, timestamp);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(authId, completion,
                      QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
@@ -58,7 +68,7 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
     }
     const std::string requestUrl = QelDNSNullable::text(url) + path +
                                    "?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
-                                   "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());
+                                   "&app_id=" + QelDNSNullable::text(package);
     const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
     get(requestUrl, headers,
         [authId, completion = std::move(completion)](std::optional<QelDNSError> error,
@@ -69,8 +79,5 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
 
 std::string QelDNSAppAuth::calcSignWithAuthSecret(const std::optional<std::string>& authSecret,
                                                   double timestamp) {
-    const std::string signedText = QelDNSNullable::text(QelDNSUntil::currentPackageName()) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
+    return signature(QelDNSUntil::currentPackageName(), authSecret, timestamp);
 }

@@ -51,6 +51,16 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     completion(std::nullopt, std::move(records));
 }
 
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp,
+                      const std::optional<std::string>& host, int32_t type) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   QelDNSNullable::text(host) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
+
 }  // namespace
 
 void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t type,
@@ -58,8 +68,10 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
                                  const std::optional<std::string>& authSecret,
                                  const std::optional<std::string>& domain, Completion completion) {
     const std::string path = "/" + QelDNSNullable::text(authId) + "/resolve";
+    // Read once each, so the URL and the signature carry the same values.
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
-    const std::string sign = calcSignWithAuthSecret(authSecret, timestamp, domain, type);
+    const auto package = QelDNSUntil::currentPackageName();
+    const std::string sign = signature(package, authSecret, timestamp, domain, type);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(domain, type, completion,
                      QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
@@ -71,7 +83,7 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
         QelDNSNullable::text(url) + path + "?timestamp=" +
         std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + QelDNSNullable::text(domain) +
         "&type=" + std::to_string(type) +
-        "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());
+        "&app_id=" + QelDNSNullable::text(package);
     const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
     get(requestUrl, headers,
         [domain, type, completion = std::move(completion)](std::optional<QelDNSError> error,
@@ -84,11 +96,7 @@ std::string QelDNSGetIPs::calcSignWithAuthSecret(const std::optional<std::string
                                                  double timestamp,
                                                  const std::optional<std::string>& host,
                                                  int32_t type) {
-    const std::string signedText = QelDNSNullable::text(QelDNSUntil::currentPackageName()) + "-" +
-                                   QelDNSNullable::text(host) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
+    return signature(QelDNSUntil::currentPackageName(), authSecret, timestamp, host, type);
 }
 
 void QelDNSGetIPs::getIPsWithDomains(const std::vector<std::string>& /*domains*/,
