@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/HttpSession.h"
@@ -17,6 +17,12 @@ using qel::platform::HttpMethod;
 using qel::platform::HttpRequest;
 using qel::platform::HttpResponse;
 using qel::platform::HttpSession;
+using QelDNSErrorCodes::kEmptyBody;
+using QelDNSErrorCodes::kFailedWithStatus200;
+using QelDNSErrorCodes::kJsonConvertError;
+using QelDNSErrorCodes::kJsonConvertErrorMessage;
+using QelDNSErrorCodes::kNeedRetry;
+using QelDNSErrorCodes::kRequestErrorMessage;
 
 namespace {
 
@@ -120,12 +126,13 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
 
 void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
-        const int64_t code = response.statusCode == 200 ? 200 : QelDNS_SDK_REQ_NEED_RETRY_CODE;
-        finishWith(finishBlock, QelDNSUntil::errorCode(code, "request error"), std::nullopt);
+        const int64_t code = response.statusCode == 200 ? kFailedWithStatus200 : kNeedRetry;
+        finishWith(finishBlock, QelDNSUntil::errorCode(code, kRequestErrorMessage), std::nullopt);
         return;
     }
     if (response.body.empty()) {
-        finishWith(finishBlock, QelDNSUntil::errorCode(-10000, "request error"), std::nullopt);
+        finishWith(finishBlock, QelDNSUntil::errorCode(kEmptyBody, kRequestErrorMessage),
+                   std::nullopt);
         return;
     }
     std::optional<json> answer = parseAnswer(response.body);
@@ -133,7 +140,9 @@ void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse 
     // nothing to print, which reads "(null)" like any absent text.
     Console::log("response url " + (answer ? prettyJSON(*answer) : std::string("(null)")));
     if (!answer) {
-        finishWith(finishBlock, QelDNSUntil::errorCode(-10001, "json convert error"), std::nullopt);
+        finishWith(finishBlock,
+                   QelDNSUntil::errorCode(kJsonConvertError, kJsonConvertErrorMessage),
+                   std::nullopt);
         return;
     }
     finishWith(finishBlock, std::nullopt, std::move(answer));

@@ -8,6 +8,13 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
+using QelDNSErrorCodes::kEmptyDataMessage;
+using QelDNSErrorCodes::kInvalidDataMessage;
+using QelDNSErrorCodes::kLoginEmptyData;
+using QelDNSErrorCodes::kLoginInvalidData;
+using QelDNSErrorCodes::kNeedRetry;
+using QelDNSErrorCodes::kRequestErrorMessage;
+
 namespace {
 
 void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth::Completion& completion,
@@ -29,14 +36,16 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
         QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
 
     if (!answeredId || !authId || *answeredId != *authId) {
-        completion(QelDNSUntil::errorCode(-20000, "invalid data"), std::nullopt, std::nullopt);
+        completion(QelDNSUntil::errorCode(kLoginInvalidData, kInvalidDataMessage),
+                   std::nullopt, std::nullopt);
     } else if (bestNode && !bestNode->empty()) {
         completion(std::nullopt, bestNode, std::move(nodeList));
     } else if (nodeList && !nodeList->empty()) {
         std::string first = nodeList->front();
         completion(std::nullopt, std::move(first), std::move(nodeList));
     } else {
-        completion(QelDNSUntil::errorCode(-20001, "empty data"), std::nullopt, std::nullopt);
+        completion(QelDNSUntil::errorCode(kLoginEmptyData, kEmptyDataMessage),
+                   std::nullopt, std::nullopt);
     }
 }
 
@@ -61,9 +70,7 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
     const std::string sign = signature(package, authSecret, timestamp);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(authId, completion,
-                     QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
-                                            QelDNSErrorCodes::kRequestErrorMessage),
-                     std::nullopt);
+                     QelDNSUntil::errorCode(kNeedRetry, kRequestErrorMessage), std::nullopt);
         return;
     }
     const std::string requestUrl = QelDNSNullable::text(url) + path +

@@ -10,6 +10,13 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
+using QelDNSErrorCodes::kEmptyDataMessage;
+using QelDNSErrorCodes::kInvalidDataMessage;
+using QelDNSErrorCodes::kNeedRetry;
+using QelDNSErrorCodes::kRequestErrorMessage;
+using QelDNSErrorCodes::kResolveEmptyData;
+using QelDNSErrorCodes::kResolveInvalidData;
+
 namespace {
 
 void handleAnswer(const std::optional<std::string>& domain, int32_t type,
@@ -30,11 +37,11 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(-20002, "invalid data"), nullptr);
+        completion(QelDNSUntil::errorCode(kResolveInvalidData, kInvalidDataMessage), nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(-20003, "empty data"), nullptr);
+        completion(QelDNSUntil::errorCode(kResolveEmptyData, kEmptyDataMessage), nullptr);
         return;
     }
     auto records = std::make_shared<QelDNSIPModelList>();
@@ -74,9 +81,7 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
     const std::string sign = signature(package, authSecret, timestamp, domain, type);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(domain, type, completion,
-                     QelDNSUntil::errorCode(QelDNSErrorCodes::kNeedRetry,
-                                            QelDNSErrorCodes::kRequestErrorMessage),
-                     std::nullopt);
+                     QelDNSUntil::errorCode(kNeedRetry, kRequestErrorMessage), std::nullopt);
         return;
     }
     const std::string requestUrl =
