@@ -8,9 +8,9 @@
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 
-using QelDNSErrorCodes::kAuthIdMissing;
-using QelDNSErrorCodes::kAuthSecretMissing;
-using QelDNSErrorCodes::kParameterInvalidMessage;
+namespace {
+namespace codes = QelDNSErrorCodes;
+}  // namespace
 
 QelDNSAuthManager& QelDNSAuthManager::shared() {
     // Held by a shared_ptr (never released) so that login answers can hold it weakly.
@@ -30,15 +30,17 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     const auto secret = authSecret();
     if (!id || id->empty()) {
         if (completion) {
-            completion(QelDNSUntil::errorCode(kAuthIdMissing, kParameterInvalidMessage),
-                       std::nullopt);
+            completion(
+                QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kParameterInvalidMessage),
+                std::nullopt);
         }
         return;
     }
     if (!secret || secret->empty()) {
         if (completion) {
-            completion(QelDNSUntil::errorCode(kAuthSecretMissing, kParameterInvalidMessage),
-                       std::nullopt);
+            completion(
+                QelDNSUntil::errorCode(codes::kAuthSecretMissing, codes::kParameterInvalidMessage),
+                std::nullopt);
         }
         return;
     }

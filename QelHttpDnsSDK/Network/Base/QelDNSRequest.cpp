@@ -17,14 +17,10 @@ using qel::platform::HttpMethod;
 using qel::platform::HttpRequest;
 using qel::platform::HttpResponse;
 using qel::platform::HttpSession;
-using QelDNSErrorCodes::kEmptyBody;
-using QelDNSErrorCodes::kFailedWithStatus200;
-using QelDNSErrorCodes::kJsonConvertError;
-using QelDNSErrorCodes::kJsonConvertErrorMessage;
-using QelDNSErrorCodes::kNeedRetry;
-using QelDNSErrorCodes::kRequestErrorMessage;
 
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 constexpr double kDefaultTimeoutSeconds = 20.0;
 // Far deeper than any real answer, shallow enough that printing (which recurses) is safe.
@@ -126,12 +122,15 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
 
 void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
-        const int64_t code = response.statusCode == 200 ? kFailedWithStatus200 : kNeedRetry;
-        finishWith(finishBlock, QelDNSUntil::errorCode(code, kRequestErrorMessage), std::nullopt);
+        const int64_t code =
+            response.statusCode == 200 ? codes::kFailedWithStatus200 : codes::kNeedRetry;
+        finishWith(finishBlock, QelDNSUntil::errorCode(code, codes::kRequestErrorMessage),
+                   std::nullopt);
         return;
     }
     if (response.body.empty()) {
-        finishWith(finishBlock, QelDNSUntil::errorCode(kEmptyBody, kRequestErrorMessage),
+        finishWith(finishBlock,
+                   QelDNSUntil::errorCode(codes::kEmptyBody, codes::kRequestErrorMessage),
                    std::nullopt);
         return;
     }
@@ -140,9 +139,10 @@ void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse 
     // nothing to print, which reads "(null)" like any absent text.
     Console::log("response url " + (answer ? prettyJSON(*answer) : std::string("(null)")));
     if (!answer) {
-        finishWith(finishBlock,
-                   QelDNSUntil::errorCode(kJsonConvertError, kJsonConvertErrorMessage),
-                   std::nullopt);
+        finishWith(
+            finishBlock,
+            QelDNSUntil::errorCode(codes::kJsonConvertError, codes::kJsonConvertErrorMessage),
+            std::nullopt);
         return;
     }
     finishWith(finishBlock, std::nullopt, std::move(answer));

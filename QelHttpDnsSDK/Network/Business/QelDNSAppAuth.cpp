@@ -8,14 +8,9 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
-using QelDNSErrorCodes::kEmptyDataMessage;
-using QelDNSErrorCodes::kInvalidDataMessage;
-using QelDNSErrorCodes::kLoginEmptyData;
-using QelDNSErrorCodes::kLoginInvalidData;
-using QelDNSErrorCodes::kNeedRetry;
-using QelDNSErrorCodes::kRequestErrorMessage;
-
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth::Completion& completion,
                   std::optional<QelDNSError> error, const std::optional<nlohmann::json>& result) {
@@ -36,7 +31,7 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
         QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
 
     if (!answeredId || !authId || *answeredId != *authId) {
-        completion(QelDNSUntil::errorCode(kLoginInvalidData, kInvalidDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kInvalidDataMessage),
                    std::nullopt, std::nullopt);
     } else if (bestNode && !bestNode->empty()) {
         completion(std::nullopt, bestNode, std::move(nodeList));
@@ -44,7 +39,7 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
         std::string first = nodeList->front();
         completion(std::nullopt, std::move(first), std::move(nodeList));
     } else {
-        completion(QelDNSUntil::errorCode(kLoginEmptyData, kEmptyDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kLoginEmptyData, codes::kEmptyDataMessage),
                    std::nullopt, std::nullopt);
     }
 }
@@ -70,7 +65,8 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
     const std::string sign = signature(package, authSecret, timestamp);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(authId, completion,
-                     QelDNSUntil::errorCode(kNeedRetry, kRequestErrorMessage), std::nullopt);
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     std::nullopt);
         return;
     }
     const std::string requestUrl = QelDNSNullable::text(url) + path +

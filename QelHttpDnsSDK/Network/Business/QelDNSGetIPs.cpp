@@ -10,14 +10,9 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
-using QelDNSErrorCodes::kEmptyDataMessage;
-using QelDNSErrorCodes::kInvalidDataMessage;
-using QelDNSErrorCodes::kNeedRetry;
-using QelDNSErrorCodes::kRequestErrorMessage;
-using QelDNSErrorCodes::kResolveEmptyData;
-using QelDNSErrorCodes::kResolveInvalidData;
-
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 void handleAnswer(const std::optional<std::string>& domain, int32_t type,
                   const QelDNSGetIPs::Completion& completion, std::optional<QelDNSError> error,
@@ -37,11 +32,13 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(kResolveInvalidData, kInvalidDataMessage), nullptr);
+        completion(QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kInvalidDataMessage),
+                   nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(kResolveEmptyData, kEmptyDataMessage), nullptr);
+        completion(QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kEmptyDataMessage),
+                   nullptr);
         return;
     }
     auto records = std::make_shared<QelDNSIPModelList>();
@@ -81,7 +78,8 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
     const std::string sign = signature(package, authSecret, timestamp, domain, type);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(domain, type, completion,
-                     QelDNSUntil::errorCode(kNeedRetry, kRequestErrorMessage), std::nullopt);
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     std::nullopt);
         return;
     }
     const std::string requestUrl =
