@@ -132,6 +132,9 @@ TEST(CurlHttpSession, DestroyingASessionEndsItsPendingRequests) {
 }
 
 TEST(CurlHttpSession, RequestsFailWithoutThrowingUntilThePlatformThreadCanStart) {
+    if (qel::test::DescriptorShortage::sanitizerNeedsDescriptors()) {
+        GTEST_SKIP() << "UBSan's vptr check needs descriptors this test takes away";
+    }
     // Runs in a fresh process, whose platform thread has not started yet.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

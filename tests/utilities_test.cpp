@@ -110,17 +110,18 @@ TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
 }
 
 TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
-    // OpenSSL reads its configuration once, at first use, so the check runs in a fresh process.
+    // OpenSSL reads its configuration once, possibly while the program loads (a library that
+    // uses it may initialise it then), so the check runs in a child process that has the
+    // configuration in its environment from the start.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     qel::test::ScratchDirectory scratch;
+    const std::string config = scratch.file("openssl.cnf");
+    std::ofstream(config) << "openssl_conf = init\n[init]\nproviders = providers\n"
+                             "alg_section = algorithms\n[providers]\nbase = base\n"
+                             "[base]\nactivate = 1\n[algorithms]\ndefault_properties = fips=yes\n";
+    ::setenv("OPENSSL_CONF", config.c_str(), 1);
     EXPECT_EXIT(
         {
-            const std::string config = scratch.file("openssl.cnf");
-            std::ofstream(config) << "openssl_conf = init\n[init]\nproviders = providers\n"
-                                     "alg_section = algorithms\n[providers]\nbase = base\n"
-                                     "[base]\nactivate = 1\n[algorithms]\n"
-                                     "default_properties = fips=yes\n";
-            ::setenv("OPENSSL_CONF", config.c_str(), 1);
             unsigned char digest[EVP_MAX_MD_SIZE];
             unsigned int length = 0;
             const bool refused = EVP_Digest("abc", 3, digest, &length, EVP_md5(), nullptr) != 1;
@@ -130,6 +131,7 @@ TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
             std::exit(0);
         },
         ::testing::ExitedWithCode(0), "refused \\[900150983cd24fb0d6963f7d28e17f72\\]");
+    ::unsetenv("OPENSSL_CONF");
 }
 
 TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {

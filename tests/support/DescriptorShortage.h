@@ -20,6 +20,9 @@ public:
     const std::vector<int>& freeSlots() const { return freeSlots_; }
     /// True while `fd` is the lowest free descriptor, i.e. nothing took and kept that slot.
     static bool isLowestFree(int fd);
+    /// True in a build with UndefinedBehaviorSanitizer, whose vptr check opens a pipe: with
+    /// descriptors short it reports every polymorphic object it checks as invalid.
+    static bool sanitizerNeedsDescriptors();
     void restore();
 
 private:
