@@ -195,6 +195,37 @@ TEST_F(ServiceAccess, ResolveSendsTheSignedGetWithItsFieldsInOrder) {
     }
 }
 
+TEST_F(ServiceAccess, SignatureAndUrlCarryTheSameApplicationIdentifierWhileItChanges) {
+    answer("/abc/service", {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
+    answer("/abc/resolve", {{"host", "h.test"}, {"ip_list", {"192.0.2.1"}}});
+    std::atomic<bool> sending{true};
+    std::thread changing([&] {
+        for (int i = 0; sending; ++i) qel::platform::MainBundle::setIdentifier(i % 2 ? "a" : "b");
+    });
+    constexpr int kEach = 100;
+    AuthRecorder logins;
+    ResolveRecorder resolves;
+    for (int i = 0; i < kEach; ++i) {
+        QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
+                                   logins.callback());
+        QelDNSGetIPs::getIPsWithUrl(server.url(""), 1, std::string("abc"), std::string(kSecret),
+                                    std::string("h.test"), resolves.callback());
+    }
+    sending = false;
+    changing.join();
+    ASSERT_TRUE(logins.waitFor(kEach));
+    ASSERT_TRUE(resolves.waitFor(kEach));
+    int mismatches = 0;
+    for (const auto& request : server.requests()) {
+        const std::string app = request.target.substr(request.target.find("app_id=") + 7);
+        const bool login = request.target.find("/service?") != std::string::npos;
+        const std::string text = login ? app + "-1700000000123-" + kSecret
+                                       : app + "-h.test-1700000000123-1-" + kSecret;
+        mismatches += header(request, "Authorization") != "MD5 " + md5Hex(text);
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
 TEST_F(ServiceAccess, ResolveFailsOnStatusHostMismatchAndEmptyLists) {
     const json ips = {"192.0.2.1"};
     struct Case { json body; int64_t code; std::string message; };
@@ -247,37 +278,6 @@ TEST_F(ServiceAccess, BatchResolutionPostsNothingUsefulAndNeverAnswers) {
     ResolveRecorder recorder;
     QelDNSGetIPs::getIPsWithDomains({"a.test", "b.test"}, recorder.callback());
     EXPECT_FALSE(recorder.waitFor(1, std::chrono::seconds(1)));
-}
-
-TEST_F(ServiceAccess, SignatureAndUrlCarryTheSameApplicationIdentifierWhileItChanges) {
-    answer("/abc/service", {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
-    answer("/abc/resolve", {{"host", "h.test"}, {"ip_list", {"192.0.2.1"}}});
-    std::atomic<bool> sending{true};
-    std::thread changing([&] {
-        for (int i = 0; sending; ++i) qel::platform::MainBundle::setIdentifier(i % 2 ? "a" : "b");
-    });
-    constexpr int kEach = 100;
-    AuthRecorder logins;
-    ResolveRecorder resolves;
-    for (int i = 0; i < kEach; ++i) {
-        QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
-                                   logins.callback());
-        QelDNSGetIPs::getIPsWithUrl(server.url(""), 1, std::string("abc"), std::string(kSecret),
-                                    std::string("h.test"), resolves.callback());
-    }
-    sending = false;
-    changing.join();
-    ASSERT_TRUE(logins.waitFor(kEach));
-    ASSERT_TRUE(resolves.waitFor(kEach));
-    int mismatches = 0;
-    for (const auto& request : server.requests()) {
-        const std::string app = request.target.substr(request.target.find("app_id=") + 7);
-        const bool login = request.target.find("/service?") != std::string::npos;
-        const std::string text = login ? app + "-1700000000123-" + kSecret
-                                       : app + "-h.test-1700000000123-1-" + kSecret;
-        mismatches += header(request, "Authorization") != "MD5 " + md5Hex(text);
-    }
-    EXPECT_EQ(mismatches, 0);
 }
 
 // ---------------------------------------------------------------- node registry
