@@ -28,6 +28,7 @@
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 #include "support/CapturingConsole.h"
+#include "support/DescriptorShortage.h"
 
 using qel::platform::EventLoop;
 using qel::platform::NetlinkRouteMonitor;
@@ -154,6 +155,22 @@ TEST(NetlinkRouteMonitor, RecognisesCellularModemsByNameKindDeviceTypeOrHardware
         EXPECT_EQ(NetlinkRouteMonitor::isCellularInterface(name, kind, type, deviceType), cellular)
             << name;
     }
+}
+
+TEST(NetlinkRouteMonitor, APlatformThreadThatCannotStartThrowsNothingAtTheApplication) {
+    // Runs in a fresh process, whose platform thread has not started yet. Two descriptors are
+    // left: enough for the rtnetlink sockets, not for them and the event loop.
+    if (qel::test::DescriptorShortage::sanitizerNeedsDescriptors()) {
+        GTEST_SKIP() << "UBSan's vptr check needs descriptors this test takes away";
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            qel::test::DescriptorShortage shortage(2);
+            QelDNSNetworkManager::startMonitor();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(NetlinkReachability, RouteAndLinkChangesAreReportedOnThePlatformThreadExceptInTheBackground) {

@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -7,6 +12,7 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/CapturingConsole.h"
+#include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
 
@@ -66,6 +72,31 @@ TEST(MD5ForLower32Bate, MatchesKnownDigests) {
 TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc\0def"s), "900150983cd24fb0d6963f7d28e17f72");
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("\0abc"s), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
+    // OpenSSL reads its configuration once, possibly while the program loads (a library that
+    // uses it may initialise it then), so the check runs in a child process that has the
+    // configuration in its environment from the start.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    qel::test::ScratchDirectory scratch;
+    const std::string config = scratch.file("openssl.cnf");
+    std::ofstream(config) << "openssl_conf = init\n[init]\nproviders = providers\n"
+                             "alg_section = algorithms\n[providers]\nbase = base\n"
+                             "[base]\nactivate = 1\n[algorithms]\ndefault_properties = fips=yes\n";
+    ::setenv("OPENSSL_CONF", config.c_str(), 1);
+    EXPECT_EXIT(
+        {
+            unsigned char digest[EVP_MAX_MD_SIZE];
+            unsigned int length = 0;
+            const bool refused = EVP_Digest("abc", 3, digest, &length, EVP_md5(), nullptr) != 1;
+            std::filesystem::remove_all(scratch.path());  // no destructor runs in this process
+            std::fprintf(stderr, "%s [%s]\n", refused ? "refused" : "allowed",
+                         QelDNSUntil::MD5ForLower32Bate("abc").c_str());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "refused \\[900150983cd24fb0d6963f7d28e17f72\\]");
+    ::unsetenv("OPENSSL_CONF");
 }
 
 TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {

@@ -32,5 +32,8 @@ public:
     static std::optional<std::string> currentPackageName();
 
     /// The 32-character lower-case hex MD5 of the UTF-8 bytes of `str` up to its first NUL.
+    /// MD5 is taken from OpenSSL's default provider even where the system configuration allows
+    /// only FIPS algorithms; the empty text only if OpenSSL cannot compute it at all (a request
+    /// is then failed, never sent with an empty signature).
     static std::string MD5ForLower32Bate(const std::string& str);
 };

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <optional>
 #include <tuple>
@@ -196,6 +197,14 @@ bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std
 }
 
 bool NetlinkRouteMonitor::start() {
+    // Taken first: a platform thread that cannot start (descriptors run out) makes a monitor
+    // that has not started, never an exception for whoever asked for reachability.
+    EventLoop* loop = nullptr;
+    try {
+        loop = &EventLoop::shared();
+    } catch (const std::exception&) {
+        return false;
+    }
     requestBuffer_.resize(kBufferSize);
     eventBuffer_.resize(kBufferSize);
     eventFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
@@ -223,9 +232,8 @@ bool NetlinkRouteMonitor::start() {
         return false;
     }
     publish();
-    EventLoop& loop = EventLoop::shared();
-    loop.post([this, &loop] {
-        if (loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
+    loop->post([this, loop] {
+        if (loop->watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
             Console::log("reachability: cannot watch the rtnetlink socket; no change reports");
         }
     });
