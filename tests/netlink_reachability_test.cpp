@@ -21,8 +21,8 @@
 
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"

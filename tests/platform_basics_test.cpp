@@ -11,7 +11,7 @@
 
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeClock.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "QelHttpDnsSDK/Platform/SystemClock.h"
+#include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
 
 namespace qel::platform {
 

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "QelHttpDnsSDK/Platform/NetlinkReachabilitySource.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
 
 namespace qel::platform {
 

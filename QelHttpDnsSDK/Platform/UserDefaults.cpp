@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 
 namespace qel::platform {
 

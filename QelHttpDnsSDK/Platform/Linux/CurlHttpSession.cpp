@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 
 #include <curl/curl.h>
 #include <strings.h>

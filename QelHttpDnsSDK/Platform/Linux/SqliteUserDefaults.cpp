@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 
 #include <sqlite3.h>
 

@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 
 // net/if.h before the kernel headers, which then leave its definitions alone.
 #include <net/if.h>
@@ -17,7 +17,7 @@
 #include <tuple>
 
 #include "QelHttpDnsSDK/Platform/Console.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
 namespace qel::platform {

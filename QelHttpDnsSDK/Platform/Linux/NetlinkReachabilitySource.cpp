@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/NetlinkReachabilitySource.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
 
 #include <netinet/in.h>
 
@@ -6,7 +6,7 @@
 #include <mutex>
 #include <optional>
 
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 
 namespace qel::platform {
 
