@@ -471,8 +471,6 @@ CurlHttpSession& CurlHttpSession::shared() {
     return *session;
 }
 
-HttpSession& HttpSession::shared() { return CurlHttpSession::shared(); }
-
 void CurlHttpSession::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_shared<Transfer>();
     transfer->pool = core_->handlePool();

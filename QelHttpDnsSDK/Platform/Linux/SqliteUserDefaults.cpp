@@ -1,7 +1,10 @@
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 
+#include <pwd.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -23,7 +26,44 @@ sqlite3_stmt* prepare(sqlite3* db, const char* sql) {
     return statement;
 }
 
+constexpr char kFallbackDirectory[] = "QelHttpDnsSDK";
+constexpr char kFileName[] = "user-defaults.sqlite3";
+
+std::string homeDirectory() {
+    if (const char* home = std::getenv("HOME"); home && *home) return home;
+    struct passwd entry {};
+    struct passwd* found = nullptr;
+    char buffer[4096];
+    if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found &&
+        found->pw_dir && *found->pw_dir) {
+        return found->pw_dir;
+    }
+    return ".";
+}
+
+// XDG: $XDG_DATA_HOME when it is an absolute path, else ~/.local/share.
+std::string dataHome() {
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && xdg[0] == '/') return xdg;
+    return homeDirectory() + "/.local/share";
+}
+
+// The bundle identifier as one directory name: no separators, no "." or "..".
+std::string directoryName(std::optional<std::string> identifier) {
+    if (!identifier || identifier->empty() || *identifier == "." || *identifier == "..") {
+        return kFallbackDirectory;
+    }
+    for (char& c : *identifier) {
+        if (c == '/' || c == '\0') c = '_';
+    }
+    return *identifier;
+}
+
 }  // namespace
+
+std::optional<std::string> SqliteUserDefaults::standardLocation(
+    const std::optional<std::string>& bundleIdentifier) {
+    return dataHome() + "/" + directoryName(bundleIdentifier) + "/" + kFileName;
+}
 
 // Holds the store's lock for one operation; on the way out it releases the lock before it
 // writes a pending report, so a console sink may use the store itself.

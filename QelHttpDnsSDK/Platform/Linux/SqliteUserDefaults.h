@@ -20,6 +20,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
@@ -37,7 +38,12 @@ public:
     SqliteUserDefaults(const SqliteUserDefaults&) = delete;
     SqliteUserDefaults& operator=(const SqliteUserDefaults&) = delete;
 
-    const std::string& path() const { return path_; }
+    /// Where the standard store lives: `$XDG_DATA_HOME/<dir>/user-defaults.sqlite3` (with
+    /// `~/.local/share` when XDG_DATA_HOME is unset or not absolute), where <dir> is
+    /// `bundleIdentifier`, or "QelHttpDnsSDK" without one.
+    static std::optional<std::string> standardLocation(
+        const std::optional<std::string>& bundleIdentifier);
+
     /// False when the file could not be opened as a database (the store is then empty).
     bool isUsable() const;
 
