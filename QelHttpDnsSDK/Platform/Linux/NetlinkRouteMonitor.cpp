@@ -90,60 +90,6 @@ std::string sysfsDeviceType(const std::string& name, int index) {
     return {};
 }
 
-struct ParsedRoute {
-    uint8_t family = 0;
-    uint8_t dstLength = 0;
-    uint8_t tos = 0;
-    uint8_t type = 0;
-    uint32_t table = 0;
-    uint32_t priority = 0;
-    uint32_t flags = 0;
-    int oif = 0;
-    std::string gateway;
-    std::vector<int> interfaces;
-};
-
-std::optional<ParsedRoute> parseRoute(const nlmsghdr& message) {
-    const rtmsg* header = payload<rtmsg>(message);
-    if (!header) return std::nullopt;
-    ParsedRoute route;
-    route.family = header->rtm_family;
-    route.dstLength = header->rtm_dst_len;
-    route.tos = header->rtm_tos;
-    route.type = header->rtm_type;
-    route.table = header->rtm_table;
-    route.flags = header->rtm_flags;
-    forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
-                     [&](unsigned short type, const void* data, size_t length) {
-        switch (type) {
-            case RTA_TABLE: route.table = readU32(data, length); break;
-            case RTA_PRIORITY: route.priority = readU32(data, length); break;
-            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
-            case RTA_GATEWAY:
-                route.gateway.assign(static_cast<const char*>(data), length);
-                break;
-            case RTA_MULTIPATH: {
-                auto* hop = static_cast<const rtnexthop*>(data);
-                int left = static_cast<int>(length);
-                while (RTNH_OK(hop, left)) {
-                    route.interfaces.push_back(hop->rtnh_ifindex);
-                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
-                    hop = RTNH_NEXT(hop);
-                }
-                break;
-            }
-            default: break;
-        }
-    });
-    if (route.oif != 0) route.interfaces.push_back(route.oif);
-    return route;
-}
-
-bool isDefaultUnicast(const ParsedRoute& route) {
-    return (route.family == AF_INET || route.family == AF_INET6) && route.dstLength == 0 &&
-           route.type == RTN_UNICAST && (route.flags & RTM_F_CLONED) == 0;
-}
-
 // Index, flags, name and kind of a link message; `deviceType` is read from sysfs when asked.
 struct ParsedLink {
     int index = 0;
@@ -274,7 +220,7 @@ NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
 bool NetlinkRouteMonitor::resync() {
     for (int attempt = 0; attempt < kResyncAttempts; ++attempt) {
         std::unordered_map<int, Link> links;
-        std::vector<DefaultRoute> routes;
+        std::vector<Route> routes;
 
         auto linkRequest = dumpRequest<ifinfomsg>(RTM_GETLINK);
         Outcome outcome = transact(linkRequest.header, [&](const nlmsghdr& message) {
@@ -290,11 +236,8 @@ bool NetlinkRouteMonitor::resync() {
         auto routeRequest = dumpRequest<rtmsg>(RTM_GETROUTE);
         outcome = transact(routeRequest.header, [&](const nlmsghdr& message) {
             if (message.nlmsg_type != RTM_NEWROUTE) return;
-            std::optional<ParsedRoute> route = parseRoute(message);
-            if (!route || !isDefaultUnicast(*route)) return;
-            routes.push_back(DefaultRoute{route->family, route->tos, route->table,
-                                          route->priority, route->oif, route->gateway,
-                                          route->interfaces});
+            std::optional<Route> route = parseRoute(message);
+            if (route && route->isDefaultUnicast()) routes.push_back(std::move(*route));
         });
         if (outcome == Outcome::Interrupted) continue;
         if (outcome != Outcome::Answered) return false;
@@ -305,6 +248,47 @@ bool NetlinkRouteMonitor::resync() {
         return true;
     }
     return false;
+}
+
+std::optional<NetlinkRouteMonitor::Route> NetlinkRouteMonitor::parseRoute(const nlmsghdr& message) {
+    const rtmsg* header = payload<rtmsg>(message);
+    if (!header) return std::nullopt;
+    Route route;
+    route.family = header->rtm_family;
+    route.dstLength = header->rtm_dst_len;
+    route.tos = header->rtm_tos;
+    route.type = header->rtm_type;
+    route.table = header->rtm_table;
+    route.flags = header->rtm_flags;
+    forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
+                     [&](unsigned short type, const void* data, size_t length) {
+        switch (type) {
+            case RTA_TABLE: route.table = readU32(data, length); break;
+            case RTA_PRIORITY: route.priority = readU32(data, length); break;
+            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
+            case RTA_GATEWAY:
+                route.gateway.assign(static_cast<const char*>(data), length);
+                break;
+            case RTA_MULTIPATH: {
+                auto* hop = static_cast<const rtnexthop*>(data);
+                int left = static_cast<int>(length);
+                while (RTNH_OK(hop, left)) {
+                    route.interfaces.push_back(hop->rtnh_ifindex);
+                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
+                    hop = RTNH_NEXT(hop);
+                }
+                break;
+            }
+            default: break;
+        }
+    });
+    if (route.oif != 0) route.interfaces.push_back(route.oif);
+    return route;
+}
+
+bool NetlinkRouteMonitor::Route::isDefaultUnicast() const {
+    return (family == AF_INET || family == AF_INET6) && dstLength == 0 && type == RTN_UNICAST &&
+           (flags & RTM_F_CLONED) == 0;
 }
 
 NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flags,
@@ -388,15 +372,14 @@ bool NetlinkRouteMonitor::applyLink(const nlmsghdr& message) {
 }
 
 void NetlinkRouteMonitor::applyRoute(const nlmsghdr& message) {
-    std::optional<ParsedRoute> parsed = parseRoute(message);
-    if (!parsed || !isDefaultUnicast(*parsed)) return;
-    DefaultRoute route{parsed->family, parsed->tos, parsed->table, parsed->priority,
-                       parsed->oif,    parsed->gateway, parsed->interfaces};
-    auto sameSlot = [&route](const DefaultRoute& other) {
+    std::optional<Route> parsed = parseRoute(message);
+    if (!parsed || !parsed->isDefaultUnicast()) return;
+    Route& route = *parsed;
+    auto sameSlot = [&route](const Route& other) {
         return std::tie(other.family, other.table, other.priority, other.tos) ==
                std::tie(route.family, route.table, route.priority, route.tos);
     };
-    auto sameRoute = [&](const DefaultRoute& other) {
+    auto sameRoute = [&](const Route& other) {
         return sameSlot(other) && other.oif == route.oif && other.gateway == route.gateway;
     };
     std::lock_guard<std::mutex> lock(stateMutex_);
@@ -411,7 +394,7 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
     bool found = false;
     std::tuple<uint32_t, bool> best{};  // (metric, is IPv6): lowest wins, IPv4 before IPv6
     bool bestCellular = false;
-    for (const DefaultRoute& route : routes_) {
+    for (const Route& route : routes_) {
         for (int index : route.interfaces) {
             auto link = links_.find(index);
             if (link == links_.end() || !link->second.usable || link->second.loopback) continue;
@@ -493,7 +476,7 @@ bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
         return false;
     }
 
-    std::optional<ParsedRoute> answer;
+    std::optional<Route> answer;
     const Outcome outcome = transact(request.header, [&answer](const nlmsghdr& message) {
         if (message.nlmsg_type == RTM_NEWROUTE) answer = parseRoute(message);
     });

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -75,14 +76,20 @@ private:
         bool loopback = false;
         bool cellular = false;
     };
-    struct DefaultRoute {
+    // A route as rtnetlink describes it; the state keeps the default unicast ones.
+    struct Route {
         uint8_t family = 0;
+        uint8_t dstLength = 0;
         uint8_t tos = 0;
+        uint8_t type = 0;
         uint32_t table = 0;
         uint32_t priority = 0;
+        uint32_t flags = 0;
         int oif = 0;
         std::string gateway;          // raw address bytes; empty without a gateway
         std::vector<int> interfaces;  // oif, or every next hop of a multipath route
+
+        bool isDefaultUnicast() const;
     };
     using MessageHandler = std::function<void(const nlmsghdr& message)>;
     enum class Outcome { Answered, Refused, Interrupted, Failed };
@@ -91,6 +98,7 @@ private:
     bool start();
     static Link makeLink(int index, unsigned flags, unsigned short hardwareType,
                          const std::string& name, const std::string& kind);
+    static std::optional<Route> parseRoute(const nlmsghdr& message);
 
     // Sends one request on the request socket and hands each answer of it to `onMessage`.
     // Refused: the kernel answered with an error; Interrupted: a dump changed while it was
@@ -117,7 +125,7 @@ private:
 
     mutable std::mutex stateMutex_;
     std::unordered_map<int, Link> links_;  // by interface index; guarded by stateMutex_
-    std::vector<DefaultRoute> routes_;     // guarded by stateMutex_
+    std::vector<Route> routes_;            // default unicast only; guarded by stateMutex_
 
     std::atomic<uint32_t> internetFlags_{0};
     std::atomic<uint64_t> generation_{0};
