@@ -49,6 +49,11 @@ UserDefaults& standardStore() {
             standardOpened = true;
             standardChosenPath = path;  // later changes of the environment no longer move it
         }
+        if (!path) {
+            Console::log("QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
+                         "or a passwd entry) or no program name; the store is kept in memory");
+            return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
+        }
         return new SqliteUserDefaults(std::move(*path));
     }();
     return *store;
