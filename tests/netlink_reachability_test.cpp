@@ -1,15 +1,22 @@
 // Reachability against the real kernel. Each NetlinkReachability case moves its process into a
 // network namespace of its own (before the platform thread or any netlink socket exists, so
-// both inherit it; without root, inside a user namespace of its own) holding a veth pair v0/v1, 198.51.100.1/24 on v0 and the default route via
-// 198.51.100.2; it changes links and routes there with iproute2, watches the reports, and ends
-// by checking that no device of the namespace sent a packet.
+// both inherit it; without root, inside a user namespace of its own) holding a veth pair
+// v0/v1, 198.51.100.1/24 on v0 and the default route via 198.51.100.2; it changes links and
+// routes there with iproute2, watches the reports, and ends by checking that no device of the
+// namespace sent a packet. The kernel's refusals are made on demand by this file's own
+// definitions of socket, epoll_ctl and sendto, which the library's calls reach first.
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <net/if_arp.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -29,6 +36,7 @@
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 #include "support/CapturingConsole.h"
 
 using qel::platform::EventLoop;
@@ -36,6 +44,67 @@ using qel::platform::NetlinkRouteMonitor;
 using qel::platform::ReachabilitySource;
 using Lines = std::vector<std::string>;
 namespace flags = qel::platform::ReachabilityFlags;
+
+namespace {
+
+// How many of the next rtnetlink calls of each kind the kernel refuses.
+struct {
+    std::atomic<int> sockets{0};  // socket(AF_NETLINK, ...)
+    std::atomic<int> watches{0};  // epoll_ctl(ADD) of a netlink socket
+    std::atomic<int> dumps{0};    // sendto of a dump request
+} refuse;
+
+bool take(std::atomic<int>& count) {
+    int left = count.load();
+    while (left > 0 && !count.compare_exchange_weak(left, left - 1)) {
+    }
+    return left > 0;
+}
+
+bool isNetlink(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    return ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+           address.ss_family == AF_NETLINK;
+}
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    static auto* real = next<int(int, int, int)>("socket");
+    if (domain == AF_NETLINK && take(refuse.sockets)) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(domain, type, protocol);
+}
+
+extern "C" int epoll_ctl(int epfd, int op, int fd, epoll_event* event) noexcept {
+    static auto* real = next<int(int, int, int, epoll_event*)>("epoll_ctl");
+    if (op == EPOLL_CTL_ADD && isNetlink(fd) && take(refuse.watches)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return real(epfd, op, fd, event);
+}
+
+extern "C" ssize_t sendto(int fd, const void* buffer, size_t length, int flags,
+                          const sockaddr* to, socklen_t toLength) {
+    static auto* real = next<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)>(
+        "sendto");
+    if (length >= sizeof(nlmsghdr) &&
+        (static_cast<const nlmsghdr*>(buffer)->nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP &&
+        isNetlink(fd) && take(refuse.dumps)) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    return real(fd, buffer, length, flags, to, toLength);
+}
 
 namespace {
 
@@ -82,6 +151,13 @@ public:
     size_t count() {
         std::lock_guard<std::mutex> lock(mutex_);
         return values_.size();
+    }
+    // Waits for a report of `value`; false when none comes.
+    bool waitFor(int64_t value) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, kPatience, [&] {
+            return std::find(values_.begin(), values_.end(), value) != values_.end();
+        });
     }
 
 private:
@@ -291,6 +367,50 @@ TEST_F(NetlinkReachability, ChangesDroppedByAnOverrunSocketAreRecoveredFromAFull
     ASSERT_EQ(status, 0);
 
     ASSERT_EQ(reports.nth(1), 0);
-    EXPECT_GT(NetlinkRouteMonitor::shared()->overrunCount(), 0u);
+    EXPECT_GT(NetlinkRouteMonitor::shared().overrunCount(), 0u);
     EXPECT_EQ(flagsOf(*internet), 0);
+}
+
+TEST_F(NetlinkReachability, MonitoringThatFailsReportsReachableOnceAndRetriesUntilItKnowsTheRoutes) {
+    qel::test::CapturingConsole console;
+    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
+    refuse.sockets = 1;
+    QelDNSNetworkManager& manager = QelDNSNetworkManager::shared();
+    EXPECT_TRUE(manager.networkAvailable()) << "routes not known yet count as reachable";
+    Reports changes;
+    manager.setNetworkStatusChangedBlock([&changes](QelDNSNetworkStatus status) { changes.add(status); });
+    ASSERT_EQ(changes.nth(1), QelDNSNetworkStatusNotReachable) << "a retry read the routes";
+    ASSERT_TRUE(run({kAddDefault}));
+    ASSERT_EQ(changes.nth(2), QelDNSNetworkStatusWiFi);
+
+    // The dump after v0 goes down fails, and the kernel drops v0's default route without
+    // notice: the routes stay unknown until a retry reads them, so once v0 is up again the
+    // stale route must not count.
+    Reports internetReports, gatewayReports;
+    auto internet = watch("0.0.0.0", internetReports);
+    ASSERT_TRUE(internet);
+    refuse.dumps = 1;
+    ASSERT_TRUE(run({"ip link set v0 down"}));
+    auto gateway = watch("198.51.100.2", gatewayReports);
+    ASSERT_TRUE(gateway && run({"ip link set v0 up", waitUntilUp("v0")}));
+    ASSERT_TRUE(gatewayReports.waitFor(flags::Reachable | flags::IsDirect));
+    EXPECT_EQ(flagsOf(*internet), 0);
+    EXPECT_FALSE(manager.networkAvailable());
+    EXPECT_EQ(console.lines().size(), 1u) << "the first failure is said, once";
+}
+
+TEST_F(NetlinkReachability, ANotifierThatStartedReportsEvenWhenTheFirstWatchFails) {
+    refuse.watches = 1;
+    auto reachability = QelDNSReachability::reachabilityForInternetConnection();
+    ASSERT_TRUE(reachability);
+    Reports posted;
+    auto& center = qel::platform::NotificationCenter::defaultCenter();
+    const auto token = center.addObserver(kQelDNSReachabilityChangedNotification,
+                                          [&](const qel::platform::Notification&) {
+        posted.add(reachability->currentReachabilityStatus());
+    });
+    ASSERT_TRUE(reachability->startNotifier());
+    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
+    EXPECT_EQ(posted.nth(1), QelDNSNetworkStatusNotReachable);
+    center.removeObserver(token);
 }

@@ -42,6 +42,8 @@ DumpRequest<Body> dumpRequest(uint16_t type) {
 
 constexpr size_t kBufferSize = 64 * 1024;  // larger than any single rtnetlink datagram
 constexpr int kResyncAttempts = 3;
+constexpr double kFirstRetryDelay = 0.5;  // seconds; doubles after each failed retry
+constexpr double kLastRetryDelay = 30.0;
 
 template <typename T>
 const T* payload(const nlmsghdr& message) {
@@ -121,14 +123,13 @@ std::optional<ParsedLink> parseLink(const nlmsghdr& message) {
 
 }  // namespace
 
-NetlinkRouteMonitor* NetlinkRouteMonitor::shared() {
+NetlinkRouteMonitor& NetlinkRouteMonitor::shared() {
     static NetlinkRouteMonitor* monitor = [] {
-        auto* made = new NetlinkRouteMonitor();
-        if (made->start()) return made;
-        delete made;
-        return static_cast<NetlinkRouteMonitor*>(nullptr);
+        auto* made = new NetlinkRouteMonitor(EventLoop::shared());
+        made->start();
+        return made;
     }();
-    return monitor;
+    return *monitor;
 }
 
 bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std::string& kind,
@@ -141,41 +142,97 @@ bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std
     return false;
 }
 
-bool NetlinkRouteMonitor::start() {
+void NetlinkRouteMonitor::start() {
     requestBuffer_.resize(kBufferSize);
     eventBuffer_.resize(kBufferSize);
-    eventFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-    requestFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    bool ok = eventFd_ >= 0 && requestFd_ >= 0;
-    if (ok) {
-        // Subscribed before the first dump, so nothing that changes after the dump is missed;
-        // changes already in the dump are applied twice, which leaves the same state.
-        sockaddr_nl local{};
-        local.nl_family = AF_NETLINK;
-        local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
-                          RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-        ok = ::bind(eventFd_, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+    // Read on the calling thread, so that the first answers already know the routes; the
+    // loop thread takes over the sockets with the posted task.
+    std::optional<std::string> failure;
+    if (!openSockets()) {
+        failure = "cannot open rtnetlink (" + std::string(std::strerror(errno)) + ")";
+    } else if (!resync()) {
+        failure = "cannot dump the routes";
+    } else {
+        known_.store(true, std::memory_order_release);
+        publish();
     }
-    if (ok) {
-        // A kernel that never answers must not hang the platform thread.
-        timeval timeout{2, 0};
-        ::setsockopt(requestFd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ok = resync();
-    }
-    if (!ok) {
-        if (eventFd_ >= 0) ::close(eventFd_);
-        if (requestFd_ >= 0) ::close(requestFd_);
-        eventFd_ = requestFd_ = -1;
-        return false;
-    }
-    publish();
-    EventLoop& loop = EventLoop::shared();
-    loop.post([this, &loop] {
-        if (loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
-            Console::log("reachability: cannot watch the rtnetlink socket; no change reports");
+    loop_.post([this, failure] {
+        if (failure) {
+            fail(*failure);
+        } else if (!watch()) {
+            fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) + ")");
         }
     });
+}
+
+bool NetlinkRouteMonitor::openSockets() {
+    const int events = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+    const int requests = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    // Subscribed before the dump, so nothing that changes after the dump is missed; changes
+    // already in the dump are applied twice, which leaves the same state.
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
+                      RTMGRP_IPV6_ROUTE;
+    if (events < 0 || requests < 0 ||
+        ::bind(events, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+        const int error = errno;
+        if (events >= 0) ::close(events);
+        if (requests >= 0) ::close(requests);
+        errno = error;
+        return false;
+    }
+    // A kernel that never answers must not hang the platform thread.
+    timeval timeout{2, 0};
+    ::setsockopt(requests, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    eventFd_ = events;
+    std::lock_guard<std::mutex> lock(requestMutex_);
+    requestFd_ = requests;
     return true;
+}
+
+void NetlinkRouteMonitor::closeSockets() {
+    if (watch_ != 0) loop_.unwatchFd(watch_);
+    watch_ = 0;
+    if (eventFd_ >= 0) ::close(eventFd_);
+    eventFd_ = -1;
+    std::lock_guard<std::mutex> lock(requestMutex_);
+    if (requestFd_ >= 0) ::close(requestFd_);
+    requestFd_ = -1;
+}
+
+bool NetlinkRouteMonitor::watch() {
+    watch_ = loop_.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); });
+    return watch_ != 0;
+}
+
+void NetlinkRouteMonitor::retry() {
+    retry_ = 0;
+    if (eventFd_ < 0 && !openSockets()) {
+        return fail("cannot open rtnetlink (" + std::string(std::strerror(errno)) + ")");
+    }
+    if (watch_ == 0 && !watch()) {
+        return fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) + ")");
+    }
+    if (!resync()) return fail("cannot dump the routes");
+    retryDelay_ = 0;
+    known_.store(true, std::memory_order_release);
+    publish();
+    notifyListeners();
+}
+
+void NetlinkRouteMonitor::fail(const std::string& what) {
+    known_.store(false, std::memory_order_release);
+    publish();
+    notifyListeners();
+    if (!failureSaid_) {
+        failureSaid_ = true;
+        Console::log("reachability: " + what +
+                     "; the network counts as reachable until the routes are read (retrying)");
+    }
+    if (retry_ != 0) return;
+    retryDelay_ = retryDelay_ == 0 ? kFirstRetryDelay : std::min(retryDelay_ * 2, kLastRetryDelay);
+    retry_ = loop_.runAfter(retryDelay_, [this] { retry(); });
 }
 
 NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
@@ -320,7 +377,11 @@ void NetlinkRouteMonitor::onReadable() {
                 continue;
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                Console::log("reachability: rtnetlink read failed, errno " + std::to_string(errno));
+                // The socket is broken: start over with new ones.
+                const std::string what = "rtnetlink read failed (" +
+                                         std::string(std::strerror(errno)) + ")";
+                closeSockets();
+                return fail(what);
             }
             break;
         }
@@ -345,9 +406,8 @@ void NetlinkRouteMonitor::onReadable() {
             changed = true;
         }
     }
-    if (mustResync && !resync()) {
-        Console::log("reachability: rtnetlink dump failed; routes may be stale until the next change");
-    }
+    // A failed dump leaves the routes unknown; a change may be missing from them.
+    if (mustResync && !resync()) return fail("cannot dump the routes");
     if (changed) {
         publish();
         notifyListeners();
@@ -411,8 +471,8 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
 }
 
 void NetlinkRouteMonitor::publish() {
-    uint32_t flags;
-    {
+    uint32_t flags = ReachabilityFlags::Reachable;
+    if (known_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         flags = computeInternetFlags();
     }
