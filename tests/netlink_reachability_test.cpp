@@ -230,8 +230,8 @@ protected:
         if (entered) GTEST_SKIP() << "one namespace case per process (ctest runs each alone)";
         if (std::optional<std::string> refused = enterNetworkNamespace()) {
             GTEST_SKIP() << "no network namespace of its own (" << *refused
-                         << "): needs root, or unprivileged user namespaces and no thread "
-                            "started before the test (as under ThreadSanitizer)";
+                         << "): needs root, or unprivileged user namespaces "
+                            "(user.max_user_namespaces) and no thread started before the test";
         }
         entered = inNamespace_ = true;
         // IPv6 off unless a case turns it on for one link: no router solicitation, no DAD.
