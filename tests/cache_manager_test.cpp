@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeClock.h"

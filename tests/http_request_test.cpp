@@ -11,7 +11,7 @@
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 #include "support/CallRecorder.h"
 #include "support/CapturingConsole.h"
 #include "support/LoopbackHttpServer.h"

@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "support/CallRecorder.h"
 #include "support/CapturingConsole.h"
 #include "support/DescriptorShortage.h"

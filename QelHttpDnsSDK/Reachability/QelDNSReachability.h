@@ -49,8 +49,8 @@ public:
     QelDNSReachability(const QelDNSReachability&) = delete;
     QelDNSReachability& operator=(const QelDNSReachability&) = delete;
 
-    /// Registers for change reports and schedules them; true when both succeed. Calling it
-    /// again registers and schedules again.
+    /// Registers for change reports and schedules them; true when both succeed, which is
+    /// exactly when reports will come. Calling it again registers and schedules again.
     bool startNotifier();
     /// Unschedules change reports, from whichever thread calls it; the registration stays.
     /// A report already running on the platform thread may still post once.

@@ -23,7 +23,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/HttpSession.h"
 
 namespace qel::platform {

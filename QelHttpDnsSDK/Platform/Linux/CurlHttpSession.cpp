@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 
 #include <curl/curl.h>
 #include <strings.h>
@@ -486,8 +486,6 @@ CurlHttpSession& CurlHttpSession::shared() {
         return *unstarted;
     }
 }
-
-HttpSession& HttpSession::shared() { return CurlHttpSession::shared(); }
 
 void CurlHttpSession::send(HttpRequest request, Completion completion) {
     if (!core_) {

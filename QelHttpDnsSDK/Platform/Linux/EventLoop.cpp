@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
