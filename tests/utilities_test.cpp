@@ -1,55 +1,20 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
-
-TEST(Constants, HaveTheirExportedValuesAndTypes) {
-    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_NEED_RETRY_CODE), const int64_t>);
-    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_FORBIDDEN_CODE), const int64_t>);
-    static_assert(std::is_same_v<decltype(QelHttpDnsSDKVersionNumber), const double>);
-    EXPECT_EQ(QelDNS_SDK_REQ_NEED_RETRY_CODE, -30000);
-    EXPECT_EQ(QelDNS_SDK_REQ_FORBIDDEN_CODE, 403);
-    EXPECT_EQ(QelHttpDnsSDKVersionNumber, 1.0);
-    EXPECT_STREQ(QelDNS_SDK_VERSION, "1.0.0");
-    EXPECT_STREQ(reinterpret_cast<const char*>(QelHttpDnsSDKVersionString),
-                 "@(#)PROGRAM:QelHttpDnsSDK  PROJECT:QelHttpDnsSDK-1\n");
-    // The default service is an http:// origin: no trailing slash, no path.
-    const std::string url = QelDNS_SDK_NET_DEFAULT_BASE_URL;
-    ASSERT_EQ(url.rfind("http://", 0), 0u);
-    EXPECT_EQ(url.find('/', strlen("http://")), std::string::npos);
-}
-
-TEST(ErrorResult, CarriesDomainCodeAndMessage) {
-    const QelDNSError error = QelDNSUntil::errorCode(-30000, "request error");
-    EXPECT_EQ(error.code(), -30000);
-    EXPECT_EQ(error.localizedDescription(), "request error");
-    const std::string& domain = error.domain();
-    ASSERT_GE(domain.size(), strlen("httpdnssdk"));
-    EXPECT_EQ(domain.substr(domain.size() - strlen("httpdnssdk")), "httpdnssdk");
-
-    const QelDNSError empty = QelDNSUntil::errorCode(3, "");
-    EXPECT_EQ(empty.code(), 3);
-    EXPECT_EQ(empty.localizedDescription(), "");
-    EXPECT_EQ(QelDNSUntil::errorCode(1, "域名格式错误").localizedDescription(), "域名格式错误");
-    EXPECT_EQ(QelDNSUntil::errorCode(INT64_MIN, "x").code(), INT64_MIN);
-}
 
 TEST(IsIP, AcceptsOnlyWhatInetPtonAccepts) {
     for (const char* ip : {"127.0.0.1", "::1", "0.0.0.0", "2001:db8::1", "::ffff:1.2.3.4"}) {
@@ -135,13 +100,12 @@ TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
 }
 
 TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
-    using qel::platform::MainBundle;
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier("com.example.app");
+    QelDNSApplication::setBundleIdentifier("com.example.app");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
-    MainBundle::setIdentifier("");
+    QelDNSApplication::setBundleIdentifier("");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier(std::nullopt);
+    QelDNSApplication::setBundleIdentifier(std::nullopt);
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
 }
 

@@ -8,8 +8,9 @@
 #include <string>
 
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 
-class QelDNSUntil {
+class QEL_EXPORT QelDNSUntil {
 public:
     QelDNSUntil() = delete;
 
@@ -26,7 +27,7 @@ public:
     /// such as 1.2.3.4 match too. Absent or empty is false. Linear time on any input.
     static bool isDomain(const std::optional<std::string>& domain);
 
-    /// The application identifier set with `qel::platform::MainBundle::setIdentifier`, or
+    /// The application identifier set with `QelDNSApplication::setBundleIdentifier`, or
     /// nothing when it is unset or empty.
     static std::optional<std::string> currentPackageName();
 
