@@ -104,21 +104,27 @@ void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional
         });
 }
 
-// Arms the resolver before any pending pre-resolution runs.
+// Arms the resolver, then publishes status 4, then runs any pending pre-resolution. Status 4
+// goes last so that a lookup on another thread that sees it finds the resolver armed: seen
+// earlier, it would send its request to no node, fail over to nothing and lift the attempt
+// limit for good.
 void QelHttpDnsManager::authSucceedHandler(std::optional<std::string> node) {
-    setInitStatus(kStatusReady);
     QelHttpDnsCenterManager& resolver = QelHttpDnsCenterManager::shared();
     std::optional<std::string> id, secret;
-    std::optional<std::vector<QelDNSPreResolveModel>> pending;
     {
         Lock lock(mutex_);
         id = authId_;
         secret = authSecret_;
-        if (!isPreResolved()) pending = preResolveDomians_;
     }
     resolver.setupWithAuthId(std::move(id), std::move(secret));
     resolver.setResolveUrl(std::move(node));
     resolver.setServiceEnable(true);
+    setInitStatus(kStatusReady);
+    std::optional<std::vector<QelDNSPreResolveModel>> pending;
+    {
+        Lock lock(mutex_);
+        if (!isPreResolved()) pending = preResolveDomians_;
+    }
     if (pending && !pending->empty()) preGetIPsWithDomains(*pending);
 }
 
