@@ -86,8 +86,9 @@ TEST(QelDNSLog, PrintsOnlyWhileEnabledAndNeverAsAFormat) {
     EXPECT_TRUE(QelDNSLog::isEnable());
     QelDNSLog::logWithStr("100% %@ %s %n done");
     QelDNSLog::logWithStr("### 网络不可用 ###");
+    QelDNSLog::logWithStr(std::optional<std::string>());
     QelDNSLog::disable();
     QelDNSLog::logWithStr("after");
     EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"100% %@ %s %n done", "### 网络不可用 ###"}));
+              (std::vector<std::string>{"100% %@ %s %n done", "### 网络不可用 ###", "(null)"}));
 }

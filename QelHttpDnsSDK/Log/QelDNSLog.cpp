@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
 namespace {
@@ -18,4 +19,8 @@ bool QelDNSLog::isEnable() { return enablePrintLog.load(std::memory_order_relaxe
 
 void QelDNSLog::logWithStr(const std::string& str) {
     if (isEnable()) qel::platform::Console::log(str);
+}
+
+void QelDNSLog::logWithStr(const std::optional<std::string>& str) {
+    if (isEnable()) qel::platform::Console::log(QelDNSNullable::text(str));
 }

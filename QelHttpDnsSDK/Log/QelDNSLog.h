@@ -3,6 +3,7 @@
 // from any thread; a change made on one thread is seen by the others without ordering.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "QelHttpDnsSDK/QelDNSExport.h"
@@ -17,4 +18,9 @@ public:
 
     /// Prints `str` as it is (never as a format) when logging is enabled; else does nothing.
     static void logWithStr(const std::string& str);
+    /// As above; an absent string prints "(null)".
+    static void logWithStr(const std::optional<std::string>& str);
+    static void logWithStr(const char* str) {
+        logWithStr(str ? std::optional<std::string>(str) : std::nullopt);
+    }
 };

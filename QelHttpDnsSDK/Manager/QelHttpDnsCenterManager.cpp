@@ -1,0 +1,233 @@
+#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
+#include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
+#include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSNullable.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
+
+namespace {
+
+using Lock = std::lock_guard<std::mutex>;
+
+using QelDNSCallbacks::callCatching;
+
+QelDNSError resolveFailed(const char* message) {
+    return QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveFailed, message);
+}
+
+// One step of the registry. False when it cannot step at all (a present but empty node list),
+// which ends the lookup like a missing node instead of escaping on the platform thread.
+bool stepNode(std::optional<std::string>& node) {
+    try {
+        node = QelDNSAuthManager::shared().getNextHost();
+        return true;
+    } catch (const std::out_of_range&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+QelHttpDnsCenterManager& QelHttpDnsCenterManager::shared() {
+    static QelHttpDnsCenterManager* const instance = [] {
+        auto* manager = new QelHttpDnsCenterManager();
+        manager->init();
+        return manager;
+    }();
+    return *instance;
+}
+
+void QelHttpDnsCenterManager::init() {
+    setRetryCountNum(3);
+    QelDNSNetworkManager::startMonitor();
+    // `this`, not shared(): the block may run before shared()'s initialisation has returned,
+    // and the instance is never destroyed.
+    QelDNSNetworkManager::shared().setNetworkStatusChangedBlock(
+        [this](QelDNSNetworkStatus) { networkStatusChanged(); });
+}
+
+void QelHttpDnsCenterManager::setupWithAuthId(std::optional<std::string> authId,
+                                              std::optional<std::string> authSecret) {
+    setAuthId(std::move(authId));
+    setAuthSecret(std::move(authSecret));
+}
+
+std::string QelHttpDnsCenterManager::cacheKey(const std::optional<std::string>& domain,
+                                              int64_t type) {
+    return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
+}
+
+std::string QelHttpDnsCenterManager::cacheDomainKeySuffix() const {
+    return type() == 1 ? "_v4" : "_v6";
+}
+
+void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>& domain,
+                                               int64_t type, Completion completion) {
+    // The key takes the suffix of the type stored by the previous lookup; the exchange reads
+    // it and stores this lookup's type in one step, so concurrent lookups each see a type
+    // that some lookup really left behind.
+    std::optional<std::string> pendingDomain = domain;
+    int64_t previousType;
+    {
+        Lock lock(mutex_);
+        previousType = type_.exchange(type, std::memory_order_acq_rel);
+        domain_.swap(pendingDomain);
+    }
+    std::string key = cacheKey(domain, previousType);
+
+    if (cacheIP()) {
+        QelDNSIPModelListRef cached = QelDNSCacheManager::shared().getIPsWithDomain(key, expiredIP());
+        if (cached && !cached->empty()) {
+            if (completion) completion(std::nullopt, filterIPs(*cached));
+            return;
+        }
+        requestIPsWithRetryCount(0, [this, key = std::move(key), completion = std::move(completion)](
+                                        std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+            if (error) return callCatching(completion, std::move(error), std::nullopt);
+            QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
+            callCatching(completion, std::nullopt, filterIPs(*records));
+        });
+        return;
+    }
+    requestIPsWithRetryCount(0, [completion = std::move(completion)](
+                                    std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+        if (error) return callCatching(completion, std::move(error), std::nullopt);
+        callCatching(completion, std::nullopt, filterIPs(*records));
+    });
+}
+
+void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCompletion completion) {
+    const int32_t limit = retryCountNum();
+    if (limit != 0 && limit <= count) {
+        callCatching(completion, resolveFailed(QelDNSErrorCodes::kRequestErrorMessage), nullptr);
+        return;
+    }
+    std::optional<std::string> url, id, secret, domain;
+    int64_t type;
+    {
+        Lock lock(mutex_);
+        url = resolveUrl_;
+        id = authId_;
+        secret = authSecret_;
+        domain = domain_;
+        type = type_.load(std::memory_order_acquire);
+    }
+    QelDNSGetIPs::getIPsWithUrl(
+        url, type == 1 ? 1 : 2, id, secret, domain,
+        [this, count, completion = std::move(completion)](std::optional<QelDNSError> error,
+                                                          QelDNSIPModelListRef records) {
+            handleAttempt(count, completion, std::move(error), std::move(records));
+        });
+}
+
+void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompletion& completion,
+                                            std::optional<QelDNSError> error,
+                                            QelDNSIPModelListRef records) {
+    if (!error) {
+        callCatching(completion, std::nullopt, std::move(records));
+    } else if (error->code() == QelDNS_SDK_REQ_NEED_RETRY_CODE) {
+        setRetryCountNum(0);  // the limit stays off for the rest of the process
+        switchNode(count, completion);
+    } else if (error->code() == QelDNS_SDK_REQ_FORBIDDEN_CODE) {
+        setRetryCountNum(0);
+        callCatching(completion, std::move(error), nullptr);
+    } else {
+        requestIPsWithRetryCount(count + 1, completion);
+    }
+}
+
+// Only a registry whose next node repeats the current one leads to a switch, and a switch
+// consumes three nodes; any other outcome ends the lookup.
+void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion& completion) {
+    auto unavailable = [&completion] {
+        callCatching(completion, resolveFailed(QelDNSErrorCodes::kServiceUnavailableMessage),
+                     nullptr);
+    };
+    std::optional<std::string> node;
+    if (!stepNode(node) || !node || node != resolveUrl()) return unavailable();
+    if (!stepNode(node) || !node) return unavailable();
+    if (!stepNode(node)) return unavailable();
+    setResolveUrl(std::move(node));
+    requestIPsWithRetryCount(count + 1, completion);
+}
+
+void QelHttpDnsCenterManager::networkStatusChanged() {
+    if (!serviceEnable() || !cacheIP()) return;
+    std::optional<std::string> domain;
+    int64_t type;
+    {
+        Lock lock(mutex_);
+        domain = domain_;
+        type = type_.load(std::memory_order_acquire);
+    }
+    if (type == 0 || !domain || domain->empty()) return;
+    std::string key = cacheKey(domain, type);
+    QelDNSCacheManager::shared().clearCacheForDomain(key);
+    requestIPsWithRetryCount(0, [this, key = std::move(key)](std::optional<QelDNSError> error,
+                                                             QelDNSIPModelListRef records) {
+        if (!error) QelDNSCacheManager::shared().saveIPs(std::move(records), key, cacheIP());
+    });
+}
+
+std::vector<std::string> QelHttpDnsCenterManager::filterIPs(const QelDNSIPModelList& ips) {
+    std::vector<std::string> addresses;
+    addresses.reserve(ips.size());
+    for (const auto& record : ips) {
+        if (record && record->ip()) addresses.push_back(*record->ip());
+    }
+    return addresses;
+}
+
+bool QelHttpDnsCenterManager::checkNetworkAvailable() {
+    return QelDNSNetworkManager::shared().networkAvailable();
+}
+
+void QelHttpDnsCenterManager::clearAllCache() { QelDNSCacheManager::shared().clearAllCache(); }
+
+std::optional<std::string> QelHttpDnsCenterManager::resolveUrl() const {
+    Lock lock(mutex_);
+    return resolveUrl_;
+}
+
+void QelHttpDnsCenterManager::setResolveUrl(std::optional<std::string> resolveUrl) {
+    Lock lock(mutex_);
+    resolveUrl_.swap(resolveUrl);
+}
+
+std::optional<std::string> QelHttpDnsCenterManager::domain() const {
+    Lock lock(mutex_);
+    return domain_;
+}
+
+void QelHttpDnsCenterManager::setDomain(std::optional<std::string> domain) {
+    Lock lock(mutex_);
+    domain_.swap(domain);
+}
+
+std::optional<std::string> QelHttpDnsCenterManager::authId() const {
+    Lock lock(mutex_);
+    return authId_;
+}
+
+void QelHttpDnsCenterManager::setAuthId(std::optional<std::string> authId) {
+    Lock lock(mutex_);
+    authId_.swap(authId);
+}
+
+std::optional<std::string> QelHttpDnsCenterManager::authSecret() const {
+    Lock lock(mutex_);
+    return authSecret_;
+}
+
+void QelHttpDnsCenterManager::setAuthSecret(std::optional<std::string> authSecret) {
+    Lock lock(mutex_);
+    authSecret_.swap(authSecret);
+}

@@ -1,0 +1,119 @@
+// The resolver behind the public manager. It owns the resolve node address, the account
+// credentials, the caching switches, the attempt limit and the one pending lookup (domain and
+// type, last writer wins); it answers a lookup from QelDNSCacheManager or from the resolve
+// service (QelDNSGetIPs), retries, fails over to the next node of QelDNSAuthManager, stores
+// fresh answers, and refreshes the latest lookup's entry when the network changes.
+//
+// Threads: every operation may be called from any thread. A cache hit is answered on the
+// caller's thread before `getIPsWithDomain` returns; every other answer, every retry and the
+// network-change refresh run on the platform thread. The fields are guarded (atomics, and one
+// mutex for the strings) and no lock is held while the cache, the transport, the registry or
+// a completion runs. A completion that throws on the platform thread is caught and logged.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
+#include "QelHttpDnsSDK/Other/QelDNSError.h"
+
+class QelHttpDnsCenterManager {
+public:
+    /// Receives (error, nothing) or (nothing, the addresses), exactly once per lookup.
+    using Completion = std::function<void(std::optional<QelDNSError> error,
+                                          std::optional<std::vector<std::string>> ips)>;
+    /// Receives (error, null) or (nothing, a non-empty list of records), exactly once.
+    using RecordsCompletion =
+        std::function<void(std::optional<QelDNSError> error, QelDNSIPModelListRef records)>;
+
+    /// The one resolver of the process: made on first use (which starts network monitoring
+    /// and installs the network-change refresh), never destroyed.
+    static QelHttpDnsCenterManager& shared();
+
+    QelHttpDnsCenterManager(const QelHttpDnsCenterManager&) = delete;
+    QelHttpDnsCenterManager& operator=(const QelHttpDnsCenterManager&) = delete;
+
+    /// Sets `authId`, then `authSecret`.
+    void setupWithAuthId(std::optional<std::string> authId, std::optional<std::string> authSecret);
+
+    /// Looks `domain` up. The cache key is the domain followed by the suffix of the PREVIOUS
+    /// lookup's type (taken before this call stores its own type), and is the key this lookup
+    /// reads and stores under. With `cacheIP` a non-empty cached list answers at once on the
+    /// calling thread; otherwise the service is asked (`requestIPsWithRetryCount(0, ...)`) and
+    /// a success is stored (when `cacheIP` still holds) before the completion runs. An empty
+    /// completion is allowed: the answer is then dropped.
+    void getIPsWithDomain(const std::optional<std::string>& domain, int64_t type,
+                          Completion completion);
+
+    /// One attempt of the pending lookup, `count` attempts having been made before it:
+    /// - the limit `retryCountNum` (0: none) reached: (-1 "request error") at once;
+    /// - the service answers: (nothing, records);
+    /// - -30000 (node failure): the limit is switched off and the registry is stepped; only a
+    ///   next node equal to `resolveUrl` leads on, through two more steps, to a new
+    ///   `resolveUrl` and the next attempt; otherwise (-1 "service unavailable");
+    /// - 403: the limit is switched off and the error is passed on;
+    /// - any other error: the next attempt at once.
+    /// Each attempt reads the pending domain and type afresh.
+    void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion);
+
+    /// The address of every record, in order (records without one are left out).
+    static std::vector<std::string> filterIPs(const QelDNSIPModelList& ips);
+
+    /// "_v4" when `type` is 1, else "_v6".
+    std::string cacheDomainKeySuffix() const;
+    /// Whether the network manager sees a usable network now.
+    bool checkNetworkAvailable();
+    /// Empties the cache in memory and its entries in the store.
+    void clearAllCache();
+
+    bool serviceEnable() const { return serviceEnable_.load(std::memory_order_acquire); }
+    void setServiceEnable(bool serviceEnable) {
+        serviceEnable_.store(serviceEnable, std::memory_order_release);
+    }
+    bool cacheIP() const { return cacheIP_.load(std::memory_order_acquire); }
+    void setCacheIP(bool cacheIP) { cacheIP_.store(cacheIP, std::memory_order_release); }
+    bool expiredIP() const { return expiredIP_.load(std::memory_order_acquire); }
+    void setExpiredIP(bool expiredIP) { expiredIP_.store(expiredIP, std::memory_order_release); }
+    int32_t retryCountNum() const { return retryCountNum_.load(std::memory_order_acquire); }
+    void setRetryCountNum(int32_t retryCountNum) {
+        retryCountNum_.store(retryCountNum, std::memory_order_release);
+    }
+    int64_t type() const { return type_.load(std::memory_order_acquire); }
+    void setType(int64_t type) { type_.store(type, std::memory_order_release); }
+
+    std::optional<std::string> resolveUrl() const;
+    void setResolveUrl(std::optional<std::string> resolveUrl);
+    std::optional<std::string> domain() const;
+    void setDomain(std::optional<std::string> domain);
+    std::optional<std::string> authId() const;
+    void setAuthId(std::optional<std::string> authId);
+    std::optional<std::string> authSecret() const;
+    void setAuthSecret(std::optional<std::string> authSecret);
+
+private:
+    QelHttpDnsCenterManager() = default;
+    void init();
+
+    static std::string cacheKey(const std::optional<std::string>& domain, int64_t type);
+    void handleAttempt(int32_t count, const RecordsCompletion& completion,
+                       std::optional<QelDNSError> error, QelDNSIPModelListRef records);
+    void switchNode(int32_t count, const RecordsCompletion& completion);
+    void networkStatusChanged();
+
+    std::atomic<bool> serviceEnable_{false};
+    std::atomic<bool> cacheIP_{false};
+    std::atomic<bool> expiredIP_{false};
+    std::atomic<int32_t> retryCountNum_{0};
+    std::atomic<int64_t> type_{0};
+
+    mutable std::mutex mutex_;
+    std::optional<std::string> resolveUrl_;  // guarded by mutex_
+    std::optional<std::string> domain_;      // guarded by mutex_
+    std::optional<std::string> authId_;      // guarded by mutex_
+    std::optional<std::string> authSecret_;  // guarded by mutex_
+};
