@@ -34,6 +34,7 @@
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -191,6 +192,44 @@ void BM_Getaddrinfo_Localhost(benchmark::State& state) {
         freeaddrinfo(found);
     }
 }
+
+// The steps of a hit, each alone, to show where its time goes: the checks before the cache,
+// then the resolver's part (pending lookup, key, cache, addresses, callback), and within it
+// the cache manager's.
+
+void BM_Step_CheckDomainIsValid(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    for (auto _ : state) benchmark::DoNotOptimize(dns.checkDomainIsValid(domain));
+}
+
+void BM_Step_CheckNetworkAvailable(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    for (auto _ : state) benchmark::DoNotOptimize(dns.checkNetworkAvailable());
+}
+
+void BM_Step_ResolverHit(benchmark::State& state) {
+    QelHttpDnsCenterManager& resolver = QelHttpDnsCenterManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        resolver.getIPsWithDomain(domain, 1, [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+void BM_Step_CacheManagerHit(benchmark::State& state) {
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    const std::string key = std::string(kHitDomain) + "_v4";
+    for (auto _ : state) benchmark::DoNotOptimize(cache.getIPsWithDomain(key, false));
+}
+
+BENCHMARK(BM_Step_CheckDomainIsValid)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_CheckNetworkAvailable)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_ResolverHit)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_CacheManagerHit)->ThreadRange(1, 2)->UseRealTime();
 
 // ---------------------------------------------------------------------- misses
 
