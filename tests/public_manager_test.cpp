@@ -346,6 +346,21 @@ TEST_F(PublicManager, NetworkChangeRefreshesTheLatestLookup) {
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
 }
 
+// A thread repeating its last lookup skips storing the pending pair only while no other
+// lookup has replaced it: here the other thread's type decides the key.
+TEST_F(PublicManager, ALookupOnAnotherThreadLeavesItsTypeToTheNextLookup) {
+    service.setAddresses("a.test", {"192.0.2.1"});
+    service.setAddresses("b.test", {"192.0.2.2"});
+    dns().enableCacheIP(true);
+    login();
+    ask("a.test", 1);
+    std::thread([&] { ask("b.test", 2); }).join();
+    dns().cleanAllCache();
+    ask("a.test", 1);
+    EXPECT_TRUE(cached("a.test_v6"));
+    EXPECT_FALSE(cached("a.test_v4"));
+}
+
 // ---------------------------------------------------------------- restart and load
 
 // The first process fills the store and ends; the second answers the same lookup from it,

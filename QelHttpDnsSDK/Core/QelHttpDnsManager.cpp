@@ -1,6 +1,7 @@
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
@@ -267,8 +268,22 @@ bool QelHttpDnsManager::checkNetworkAvailable() {
 }
 
 bool QelHttpDnsManager::checkDomainIsValid(const std::optional<std::string>& domain) const {
-    if (QelDNSUntil::isIP(domain)) return false;
-    return QelDNSUntil::isDomain(domain);
+    // The answer depends on the text alone, and the address parse and the pattern match cost
+    // more than all the rest of a cache hit; applications ask for a few names again and
+    // again, so each thread remembers the last few names it found valid.
+    struct RecentNames {
+        std::array<std::string, 4> names;  // "" for a free slot: never valid
+        size_t next = 0;
+    };
+    thread_local RecentNames recent;
+    if (domain && !domain->empty() &&
+        std::find(recent.names.begin(), recent.names.end(), *domain) != recent.names.end()) {
+        return true;
+    }
+    if (QelDNSUntil::isIP(domain) || !QelDNSUntil::isDomain(domain)) return false;
+    recent.names[recent.next] = *domain;
+    recent.next = (recent.next + 1) % recent.names.size();
+    return true;
 }
 
 std::optional<std::vector<std::string>> QelHttpDnsManager::degradeHosts() const {
