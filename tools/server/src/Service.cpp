@@ -1,0 +1,211 @@
+#include "Service.h"
+
+#include <cstdlib>
+
+#include "Signature.h"
+
+namespace qel::server {
+
+namespace {
+
+using nlohmann::json;
+using Reply = Service::Reply;
+
+Reply refusal(int status, const std::string& message, std::string account = {}) {
+    return {status, json{{"status", status}, {"message", message}}, {}, std::move(account),
+            logQuoted(message)};
+}
+
+// "MD5 <32 hex digits>" gives the digits; anything else gives nothing.
+std::optional<std::string> signatureOf(const std::string& authorization) {
+    constexpr char kScheme[] = "MD5 ";
+    if (authorization.compare(0, sizeof kScheme - 1, kScheme) != 0) return std::nullopt;
+    return authorization.substr(sizeof kScheme - 1);
+}
+
+std::optional<int64_t> parseMilliseconds(const std::string& text) {
+    if (text.empty() || text.size() > 19) return std::nullopt;
+    const size_t digits = text[0] == '-' ? 1 : 0;
+    if (digits == text.size() || text.find_first_not_of("0123456789", digits) != std::string::npos) {
+        return std::nullopt;
+    }
+    return std::strtoll(text.c_str(), nullptr, 10);
+}
+
+}  // namespace
+
+int64_t Service::systemMilliseconds() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+Service::Service(Accounts accounts, Zone zone, AccessLog& log, Clock clock)
+    : log_(log),
+      clock_(std::move(clock)),
+      accounts_(std::make_shared<const Accounts>(std::move(accounts))),
+      zone_(std::make_shared<const Zone>(std::move(zone))),
+      nodes_(std::make_shared<const std::vector<std::string>>()) {}
+
+void Service::setNodes(std::vector<std::string> nodes) {
+    auto shared = std::make_shared<const std::vector<std::string>>(std::move(nodes));
+    std::lock_guard<std::mutex> lock(mutex_);
+    nodes_ = std::move(shared);
+}
+
+void Service::setWindow(std::chrono::milliseconds window) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    window_ = window;
+}
+
+void Service::setAccounts(Accounts accounts) {
+    auto shared = std::make_shared<const Accounts>(std::move(accounts));
+    std::lock_guard<std::mutex> lock(mutex_);
+    accounts_ = std::move(shared);
+}
+
+void Service::setZone(Zone zone) {
+    auto shared = std::make_shared<const Zone>(std::move(zone));
+    std::lock_guard<std::mutex> lock(mutex_);
+    zone_ = std::move(shared);
+}
+
+void Service::setUpstream(std::unique_ptr<Upstream> upstream) { upstream_ = std::move(upstream); }
+
+Reply Service::answer(const std::string& method, const std::string& rawTarget,
+                      const std::string& authorization) const {
+    const RequestTarget target = parseTarget(rawTarget);
+    Reply reply = answer(method, target, authorization);
+    reply.path = target.path;
+    return reply;
+}
+
+Reply Service::answer(const std::string& method, const RequestTarget& target,
+                      const std::string& authorization) const {
+    // "/<AuthId>/service" or "/<AuthId>/resolve"; the AuthId is all that lies between.
+    const size_t last = target.path.rfind('/');
+    const std::string endpoint = last == std::string::npos ? "" : target.path.substr(last + 1);
+    const std::string authId = last == std::string::npos || last < 1 ? "" : target.path.substr(1, last - 1);
+    if (target.path.empty() || target.path[0] != '/' || authId.empty() ||
+        (endpoint != "service" && endpoint != "resolve")) {
+        return refusal(404, "no such endpoint: the paths are /<AuthId>/service and /<AuthId>/resolve");
+    }
+    if (method != "GET") return refusal(405, "method " + method + " not allowed: use GET", authId);
+
+    std::shared_ptr<const Accounts> accounts;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        accounts = accounts_;
+    }
+    const auto secret = accounts->secretOf(authId);
+    if (!secret) return refusal(403, "unknown account", authId);
+    return endpoint == "service" ? login(authId, *secret, target, authorization)
+                                 : resolve(authId, *secret, target, authorization);
+}
+
+std::string Service::timestampProblem(const std::string& timestamp) const {
+    const auto sent = parseMilliseconds(timestamp);
+    if (!sent) return "timestamp is not a number of milliseconds";
+    std::chrono::milliseconds window;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        window = window_;
+    }
+    const int64_t offset = *sent - clock_();
+    if (std::llabs(offset) <= window.count()) return {};
+    return "timestamp outside the accepted window: " + std::to_string(offset / 1000) +
+           " s from the server's clock, at most " + std::to_string(window.count() / 1000) +
+           " s allowed";
+}
+
+Reply Service::login(const std::string& authId, const std::string& secret, const RequestTarget& target,
+                     const std::string& authorization) const {
+    const auto timestamp = target.param("timestamp"), appId = target.param("app_id");
+    if (!timestamp || !appId) return refusal(400, "timestamp and app_id are required", authId);
+    const auto signature = signatureOf(authorization);
+    if (!signature) return refusal(403, "missing Authorization header 'MD5 <signature>'", authId);
+    if (!sameSignature(*signature, loginSignature(*appId, *timestamp, secret))) {
+        return refusal(403, "signature mismatch", authId);
+    }
+    if (auto problem = timestampProblem(*timestamp); !problem.empty()) {
+        return refusal(403, problem, authId);
+    }
+    std::shared_ptr<const std::vector<std::string>> nodes;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        nodes = nodes_;
+    }
+    if (nodes->empty()) return refusal(503, "no resolve node configured", authId);
+    return {200,
+            json{{"auth_id", authId}, {"best_service_node", nodes->front()}, {"service_node_list", *nodes}},
+            {}, authId, "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes->size())};
+}
+
+Reply Service::resolve(const std::string& authId, const std::string& secret, const RequestTarget& target,
+                       const std::string& authorization) const {
+    const auto timestamp = target.param("timestamp"), host = target.param("host"),
+               type = target.param("type"), appId = target.param("app_id");
+    if (!timestamp || !host || !type || !appId) {
+        return refusal(400, "timestamp, host, type and app_id are required", authId);
+    }
+    const auto signature = signatureOf(authorization);
+    if (!signature) return refusal(403, "missing Authorization header 'MD5 <signature>'", authId);
+    if (!sameSignature(*signature, resolveSignature(*appId, *host, *timestamp, *type, secret))) {
+        return refusal(403, "signature mismatch", authId);
+    }
+    if (auto problem = timestampProblem(*timestamp); !problem.empty()) {
+        return refusal(403, problem, authId);
+    }
+    if (*type != "1" && *type != "2") return refusal(400, "type must be 1 (IPv4) or 2 (IPv6)", authId);
+    if (host->empty()) return refusal(400, "host is empty", authId);
+
+    const AddressType addressType = *type == "1" ? AddressType::V4 : AddressType::V6;
+    std::shared_ptr<const Zone> zone;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        zone = zone_;
+    }
+    AddressSet found;
+    std::string source = "zone";
+    if (zone->contains(*host)) {
+        found = zone->find(*host, addressType);
+    } else if (upstream_) {
+        source = "upstream";
+        Upstream::Result result = upstream_->resolve(Zone::canonicalName(*host), addressType);
+        if (result.kind == Upstream::Result::Failed) {
+            return refusal(502, "upstream DNS server " + upstream_->server().text() +
+                                    " failed: " + result.error, authId);
+        }
+        found = std::move(result.addresses);
+    } else {
+        source = "none";
+    }
+    std::string detail = "host=" + logSafe(*host) + " type=" + *type + " source=" + source +
+                         " addresses=" + std::to_string(found.addresses.size()) +
+                         " ttl=" + std::to_string(found.ttl);
+    // An empty "ip_list" is the answer for a name without addresses of the type asked for.
+    return {200, json{{"host", *host}, {"ip_list", std::move(found.addresses)}, {"ttl", found.ttl}},
+            {}, authId, std::move(detail)};
+}
+
+void Service::handle(const httplib::Request& request, httplib::Response& response) const {
+    const auto start = std::chrono::steady_clock::now();
+    const Reply reply = answer(request.method, request.target, request.get_header_value("Authorization"));
+    response.status = reply.status;
+    // Names arrive as any bytes; replacing what is not UTF-8 keeps the answer valid JSON.
+    response.set_content(reply.body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
+                         "application/json");
+    AccessRecord record;
+    const bool v6 = request.remote_addr.find(':') != std::string::npos;
+    record.remote = (v6 ? "[" + request.remote_addr + "]" : request.remote_addr) + ":" +
+                    std::to_string(request.remote_port);
+    record.account = logSafe(reply.account);
+    record.method = logSafe(request.method);
+    record.path = logSafe(reply.path);
+    record.status = reply.status;
+    record.duration = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - start);
+    record.detail = reply.detail;
+    log_.access(record);
+}
+
+}  // namespace qel::server
