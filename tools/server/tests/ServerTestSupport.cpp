@@ -229,6 +229,8 @@ Dnsmasq::Dnsmasq(const std::vector<std::string>& hostRecords, int ttl) {
                                            "--log-facility=-",     "--port=" + std::to_string(port_),
                                            "--local-ttl=" + std::to_string(ttl)};
         for (const auto& record : hostRecords) arguments.push_back("--host-record=" + record);
+        // Names it holds no record of are answered "no such name", not refused.
+        arguments.push_back("--local=/test/");
         process_ = std::make_unique<ChildProcess>(program, arguments);
         Upstream upstream({"127.0.0.1", port_}, 300);
         ready_ = eventually([&] {
