@@ -23,6 +23,7 @@ Endpoint parseEndpoint(const std::string& text, int defaultPort) {
     } else {
         const size_t colon = text.rfind(':');
         if (colon != std::string::npos && text.find(':') != colon) {
+            if (defaultPort != 0) return {text, defaultPort};  // a bare IPv6 address
             throw std::invalid_argument("'" + text + "': write an IPv6 address as [ADDRESS]:PORT");
         }
         endpoint.host = text.substr(0, colon);

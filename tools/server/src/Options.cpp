@@ -108,7 +108,8 @@ answered from a zone file and, for other names, from a DNS server.
                            repeatable, handed out in the order given
   --advertise URL          hand out exactly these nodes instead (repeatable, in order; the
                            first is the best node), e.g. nodes served by another process
-  --upstream IP[:PORT]     resolve names outside the zone with this DNS server (port 53)
+  --upstream IP[:PORT]     resolve names outside the zone with this DNS server (default
+                           port 53; an IPv6 address with a port as [ADDRESS]:PORT)
   --upstream-timeout MS    give up on the DNS server after MS milliseconds (default 2000)
   --window SECONDS         accepted distance of a request's timestamp from this clock,
                            either way (default 300)
