@@ -1,11 +1,11 @@
 // The service's two outputs: one access line per request, and messages (start, reload, stop,
-// failures). Each line is written whole and flushed, so lines of concurrent requests never
-// mix and a reader of the file sees them at once. Thread-safe.
+// failures). Each line goes out in one write, so lines of concurrent requests never mix and a
+// reader of the file sees them at once. Thread-safe. The streams are written past their stdio
+// buffers: write nothing else to them through stdio.
 #pragma once
 
 #include <chrono>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
 namespace qel::server {
@@ -38,7 +38,6 @@ private:
 
     std::FILE* const access_;
     std::FILE* const messages_;
-    std::mutex mutex_;
 };
 
 /// UTC, ISO 8601, milliseconds: "2024-05-01T12:00:00.123Z".

@@ -40,33 +40,41 @@ int64_t Service::systemMilliseconds() {
 }
 
 Service::Service(Accounts accounts, Zone zone, AccessLog& log, Clock clock)
-    : log_(log),
-      clock_(std::move(clock)),
-      accounts_(std::make_shared<const Accounts>(std::move(accounts))),
-      zone_(std::make_shared<const Zone>(std::move(zone))),
-      nodes_(std::make_shared<const std::vector<std::string>>()) {}
+    : log_(log), clock_(std::move(clock)) {
+    auto state = std::make_shared<State>();
+    state->accounts = std::make_shared<const Accounts>(std::move(accounts));
+    state->zone = std::make_shared<const Zone>(std::move(zone));
+    state_ = std::move(state);
+}
+
+std::shared_ptr<const Service::State> Service::snapshot() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return state_;
+}
+
+void Service::change(const std::function<void(State&)>& edit) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto changed = std::make_shared<State>(*state_);
+    edit(*changed);
+    state_ = std::move(changed);
+}
 
 void Service::setNodes(std::vector<std::string> nodes) {
-    auto shared = std::make_shared<const std::vector<std::string>>(std::move(nodes));
-    std::lock_guard<std::mutex> lock(mutex_);
-    nodes_ = std::move(shared);
+    change([&](State& state) { state.nodes = std::move(nodes); });
 }
 
 void Service::setWindow(std::chrono::milliseconds window) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    window_ = window;
+    change([&](State& state) { state.window = window; });
 }
 
 void Service::setAccounts(Accounts accounts) {
     auto shared = std::make_shared<const Accounts>(std::move(accounts));
-    std::lock_guard<std::mutex> lock(mutex_);
-    accounts_ = std::move(shared);
+    change([&](State& state) { state.accounts = std::move(shared); });
 }
 
 void Service::setZone(Zone zone) {
     auto shared = std::make_shared<const Zone>(std::move(zone));
-    std::lock_guard<std::mutex> lock(mutex_);
-    zone_ = std::move(shared);
+    change([&](State& state) { state.zone = std::move(shared); });
 }
 
 void Service::setUpstream(std::unique_ptr<Upstream> upstream) { upstream_ = std::move(upstream); }
@@ -91,25 +99,17 @@ Reply Service::answer(const std::string& method, const RequestTarget& target,
     }
     if (method != "GET") return refusal(405, "method " + method + " not allowed: use GET", authId);
 
-    std::shared_ptr<const Accounts> accounts;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        accounts = accounts_;
-    }
-    const auto secret = accounts->secretOf(authId);
+    const auto state = snapshot();
+    const auto secret = state->accounts->secretOf(authId);
     if (!secret) return refusal(403, "unknown account", authId);
-    return endpoint == "service" ? login(authId, *secret, target, authorization)
-                                 : resolve(authId, *secret, target, authorization);
+    return endpoint == "service" ? login(*state, authId, *secret, target, authorization)
+                                 : resolve(*state, authId, *secret, target, authorization);
 }
 
-std::string Service::timestampProblem(const std::string& timestamp) const {
+std::string Service::timestampProblem(const State& state, const std::string& timestamp) const {
     const auto sent = parseMilliseconds(timestamp);
     if (!sent) return "timestamp is not a number of milliseconds";
-    std::chrono::milliseconds window;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        window = window_;
-    }
+    const std::chrono::milliseconds window = state.window;
     const int64_t offset = *sent - clock_();
     if (std::llabs(offset) <= window.count()) return {};
     return "timestamp outside the accepted window: " + std::to_string(offset / 1000) +
@@ -117,7 +117,7 @@ std::string Service::timestampProblem(const std::string& timestamp) const {
            " s allowed";
 }
 
-Reply Service::login(const std::string& authId, const std::string& secret, const RequestTarget& target,
+Reply Service::login(const State& state, const std::string& authId, const std::string& secret, const RequestTarget& target,
                      const std::string& authorization) const {
     const auto timestamp = target.param("timestamp"), appId = target.param("app_id");
     if (!timestamp || !appId) return refusal(400, "timestamp and app_id are required", authId);
@@ -126,21 +126,17 @@ Reply Service::login(const std::string& authId, const std::string& secret, const
     if (!sameSignature(*signature, loginSignature(*appId, *timestamp, secret))) {
         return refusal(403, "signature mismatch", authId);
     }
-    if (auto problem = timestampProblem(*timestamp); !problem.empty()) {
+    if (auto problem = timestampProblem(state, *timestamp); !problem.empty()) {
         return refusal(403, problem, authId);
     }
-    std::shared_ptr<const std::vector<std::string>> nodes;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        nodes = nodes_;
-    }
-    if (nodes->empty()) return refusal(503, "no resolve node configured", authId);
+    const std::vector<std::string>& nodes = state.nodes;
+    if (nodes.empty()) return refusal(503, "no resolve node configured", authId);
     return {200,
-            json{{"auth_id", authId}, {"best_service_node", nodes->front()}, {"service_node_list", *nodes}},
-            {}, authId, "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes->size())};
+            json{{"auth_id", authId}, {"best_service_node", nodes.front()}, {"service_node_list", nodes}},
+            {}, authId, "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes.size())};
 }
 
-Reply Service::resolve(const std::string& authId, const std::string& secret, const RequestTarget& target,
+Reply Service::resolve(const State& state, const std::string& authId, const std::string& secret, const RequestTarget& target,
                        const std::string& authorization) const {
     const auto timestamp = target.param("timestamp"), host = target.param("host"),
                type = target.param("type"), appId = target.param("app_id");
@@ -152,18 +148,14 @@ Reply Service::resolve(const std::string& authId, const std::string& secret, con
     if (!sameSignature(*signature, resolveSignature(*appId, *host, *timestamp, *type, secret))) {
         return refusal(403, "signature mismatch", authId);
     }
-    if (auto problem = timestampProblem(*timestamp); !problem.empty()) {
+    if (auto problem = timestampProblem(state, *timestamp); !problem.empty()) {
         return refusal(403, problem, authId);
     }
     if (*type != "1" && *type != "2") return refusal(400, "type must be 1 (IPv4) or 2 (IPv6)", authId);
     if (host->empty()) return refusal(400, "host is empty", authId);
 
     const AddressType addressType = *type == "1" ? AddressType::V4 : AddressType::V6;
-    std::shared_ptr<const Zone> zone;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        zone = zone_;
-    }
+    const std::shared_ptr<const Zone>& zone = state.zone;
     AddressSet found;
     std::string source = "zone";
     if (zone->contains(*host)) {

@@ -60,24 +60,33 @@ public:
     void handle(const httplib::Request& request, httplib::Response& response) const;
 
 private:
+    struct State;
     Reply answer(const std::string& method, const RequestTarget& target,
                  const std::string& authorization) const;
-    Reply login(const std::string& authId, const std::string& secret, const RequestTarget& target,
-                const std::string& authorization) const;
-    Reply resolve(const std::string& authId, const std::string& secret, const RequestTarget& target,
-                  const std::string& authorization) const;
+    Reply login(const State& state, const std::string& authId, const std::string& secret,
+                const RequestTarget& target, const std::string& authorization) const;
+    Reply resolve(const State& state, const std::string& authId, const std::string& secret,
+                  const RequestTarget& target, const std::string& authorization) const;
     /// Empty when `timestamp` is a number within the window; else why not.
-    std::string timestampProblem(const std::string& timestamp) const;
+    std::string timestampProblem(const State& state, const std::string& timestamp) const;
 
     AccessLog& log_;
     const Clock clock_;
     std::unique_ptr<Upstream> upstream_;  // set before serving
 
+    // What a request is answered with, replaced whole: a request takes one snapshot, so it
+    // holds the lock once, briefly, and a reload never changes it halfway.
+    struct State {
+        std::shared_ptr<const Accounts> accounts;
+        std::shared_ptr<const Zone> zone;
+        std::vector<std::string> nodes;
+        std::chrono::milliseconds window{std::chrono::minutes(5)};
+    };
+    std::shared_ptr<const State> snapshot() const;
+    void change(const std::function<void(State&)>& edit);
+
     mutable std::mutex mutex_;
-    std::shared_ptr<const Accounts> accounts_;            // guarded by mutex_
-    std::shared_ptr<const Zone> zone_;                    // guarded by mutex_
-    std::shared_ptr<const std::vector<std::string>> nodes_;  // guarded by mutex_
-    std::chrono::milliseconds window_{std::chrono::minutes(5)};  // guarded by mutex_
+    std::shared_ptr<const State> state_;  // guarded by mutex_
 };
 
 }  // namespace qel::server

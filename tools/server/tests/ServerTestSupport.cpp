@@ -96,7 +96,8 @@ std::string TempFile::read() const {
     return content.str();
 }
 
-LocalService::LocalService(const std::string& zone, size_t endpoints) : logFile_(std::tmpfile()) {
+LocalService::LocalService(const std::string& zone, size_t endpoints)
+    : logFile_(std::fopen(logPath_.path().c_str(), "a")) {
     log_ = std::make_unique<AccessLog>(logFile_, logFile_);
     Accounts accounts;
     accounts.add(kAuthId, kSecret);
@@ -114,17 +115,7 @@ LocalService::~LocalService() {
     std::fclose(logFile_);
 }
 
-std::string LocalService::log() const {
-    std::fflush(logFile_);
-    std::string content;
-    std::array<char, 4096> buffer;
-    std::rewind(logFile_);
-    for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), logFile_)) > 0;) {
-        content.append(buffer.data(), got);
-    }
-    std::fseek(logFile_, 0, SEEK_END);
-    return content;
-}
+std::string LocalService::log() const { return logPath_.read(); }
 
 std::string LocalService::Answer::field(const char* key) const {
     const auto parsed = nlohmann::json::parse(body, nullptr, false);

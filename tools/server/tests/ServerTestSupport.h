@@ -79,6 +79,7 @@ public:
     Answer get(const SignedRequest& request, size_t endpoint = 0);
 
 private:
+    TempFile logPath_;  // opened for appending, as the service's own log file is
     std::FILE* logFile_;
     std::unique_ptr<AccessLog> log_;
     std::unique_ptr<Service> service_;
