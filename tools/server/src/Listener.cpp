@@ -112,12 +112,19 @@ Listener::Listener(const Service& service, const std::vector<Endpoint>& endpoint
 Listener::~Listener() { stop(); }
 
 void Listener::start() {
+    std::vector<std::shared_ptr<std::atomic<bool>>> ended;
     for (auto& server : servers_) {
-        threads_.emplace_back([raw = server.get()] { raw->listen_after_bind(); });
+        ended.push_back(std::make_shared<std::atomic<bool>>(false));
+        threads_.emplace_back([raw = server.get(), done = ended.back()] {
+            raw->listen_after_bind();
+            *done = true;
+        });
     }
     // stop() does nothing to a server whose accept loop has not begun.
-    for (auto& server : servers_) {
-        while (!server->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (size_t i = 0; i < servers_.size(); ++i) {
+        while (!servers_[i]->is_running() && !*ended[i]) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
 }
 

@@ -15,7 +15,8 @@ constexpr char kLastKey[] = "app_id=";
 
 }  // namespace
 
-std::string percentDecode(const std::string& text) {
+std::string percentDecode(std::string_view text) {
+    if (text.find('%') == std::string_view::npos) return std::string(text);
     std::string decoded;
     decoded.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
@@ -32,25 +33,27 @@ std::string percentDecode(const std::string& text) {
     return decoded;
 }
 
-RequestTarget parseTarget(const std::string& target) {
+RequestTarget parseTarget(const std::string& whole) {
+    const std::string_view target(whole);
     RequestTarget parsed;
     const size_t mark = target.find('?');
     parsed.path = percentDecode(target.substr(0, mark));
     if (mark == std::string::npos) return parsed;
-    const std::string query = target.substr(mark + 1);
+    const std::string_view query = target.substr(mark + 1);
+    parsed.query.reserve(4);
     size_t start = 0;
     while (start <= query.size()) {
         size_t end = query.compare(start, sizeof kLastKey - 1, kLastKey) == 0
                          ? query.size()
                          : query.find('&', start);
-        if (end == std::string::npos) end = query.size();
-        const std::string pair = query.substr(start, end - start);
+        if (end == std::string_view::npos) end = query.size();
+        const std::string_view pair = query.substr(start, end - start);
         if (!pair.empty()) {
             const size_t equals = pair.find('=');
             std::string key = percentDecode(pair.substr(0, equals));
             std::string value =
-                equals == std::string::npos ? std::string() : percentDecode(pair.substr(equals + 1));
-            parsed.query.emplace(std::move(key), std::move(value));
+                equals == std::string_view::npos ? std::string() : percentDecode(pair.substr(equals + 1));
+            parsed.query.emplace_back(std::move(key), std::move(value));
         }
         start = end + 1;
     }

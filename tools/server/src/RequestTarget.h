@@ -4,25 +4,29 @@
 // SDK puts app_id last, so its value runs to the end of the query and may hold "&" or "=".
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace qel::server {
 
 struct RequestTarget {
-    std::string path;                          // decoded
-    std::map<std::string, std::string> query;  // decoded; the first of repeated keys wins
+    std::string path;                                       // decoded
+    std::vector<std::pair<std::string, std::string>> query;  // decoded, in order
 
+    /// The value of the first `key`, or nothing.
     std::optional<std::string> param(const std::string& key) const {
-        const auto found = query.find(key);
-        if (found == query.end()) return std::nullopt;
-        return found->second;
+        for (const auto& [name, value] : query) {
+            if (name == key) return value;
+        }
+        return std::nullopt;
     }
 };
 
 /// Decodes "%XX" escapes; a "%" not followed by two hex digits stays as it is.
-std::string percentDecode(const std::string& text);
+std::string percentDecode(std::string_view text);
 
 RequestTarget parseTarget(const std::string& target);
 

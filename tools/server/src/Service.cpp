@@ -1,6 +1,9 @@
 #include "Service.h"
 
+#include <algorithm>
 #include <cstdlib>
+
+#include <nlohmann/json.hpp>
 
 #include "Signature.h"
 
@@ -11,9 +14,37 @@ namespace {
 using nlohmann::json;
 using Reply = Service::Reply;
 
+// Appends `text` as a JSON string. Plain printable ASCII, what nearly every field is, is copied
+// as it is; anything else goes through the JSON library, which escapes it and replaces bytes
+// that are not UTF-8 (names arrive as any bytes), so the answer stays valid JSON.
+void appendString(std::string& out, const std::string& text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+    });
+    if (plain) {
+        out += '"';
+        out += text;
+        out += '"';
+    } else {
+        out += json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    }
+}
+
+void appendList(std::string& out, const std::vector<std::string>& items) {
+    out += '[';
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (i) out += ',';
+        appendString(out, items[i]);
+    }
+    out += ']';
+}
+
 Reply refusal(int status, const std::string& message, std::string account = {}) {
-    return {status, json{{"status", status}, {"message", message}}, {}, std::move(account),
-            logQuoted(message)};
+    // Written by hand, as every answer: building a JSON tree costs more than the checks.
+    std::string body = "{\"message\":";
+    appendString(body, message);
+    body += ",\"status\":" + std::to_string(status) + "}";
+    return {status, std::move(body), {}, std::move(account), logQuoted(message)};
 }
 
 // "MD5 <32 hex digits>" gives the digits; anything else gives nothing.
@@ -131,9 +162,15 @@ Reply Service::login(const State& state, const std::string& authId, const std::s
     }
     const std::vector<std::string>& nodes = state.nodes;
     if (nodes.empty()) return refusal(503, "no resolve node configured", authId);
-    return {200,
-            json{{"auth_id", authId}, {"best_service_node", nodes.front()}, {"service_node_list", nodes}},
-            {}, authId, "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes.size())};
+    std::string body = "{\"auth_id\":";
+    appendString(body, authId);
+    body += ",\"best_service_node\":";
+    appendString(body, nodes.front());
+    body += ",\"service_node_list\":";
+    appendList(body, nodes);
+    body += '}';
+    return {200, std::move(body), {}, authId,
+            "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes.size())};
 }
 
 Reply Service::resolve(const State& state, const std::string& authId, const std::string& secret, const RequestTarget& target,
@@ -158,8 +195,8 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
     const std::shared_ptr<const Zone>& zone = state.zone;
     AddressSet found;
     std::string source = "zone";
-    if (zone->contains(*host)) {
-        found = zone->find(*host, addressType);
+    if (zone->lookup(*host, addressType, found)) {
+        // The zone holds the name: its answer stands, even without addresses of the type.
     } else if (upstream_) {
         source = "upstream";
         Upstream::Result result = upstream_->resolve(Zone::canonicalName(*host), addressType);
@@ -175,17 +212,19 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
                          " addresses=" + std::to_string(found.addresses.size()) +
                          " ttl=" + std::to_string(found.ttl);
     // An empty "ip_list" is the answer for a name without addresses of the type asked for.
-    return {200, json{{"host", *host}, {"ip_list", std::move(found.addresses)}, {"ttl", found.ttl}},
-            {}, authId, std::move(detail)};
+    std::string body = "{\"host\":";
+    appendString(body, *host);
+    body += ",\"ip_list\":";
+    appendList(body, found.addresses);
+    body += ",\"ttl\":" + std::to_string(found.ttl) + "}";
+    return {200, std::move(body), {}, authId, std::move(detail)};
 }
 
 void Service::handle(const httplib::Request& request, httplib::Response& response) const {
     const auto start = std::chrono::steady_clock::now();
     const Reply reply = answer(request.method, request.target, request.get_header_value("Authorization"));
     response.status = reply.status;
-    // Names arrive as any bytes; replacing what is not UTF-8 keeps the answer valid JSON.
-    response.set_content(reply.body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
-                         "application/json");
+    response.set_content(reply.body, "application/json");
     AccessRecord record;
     const bool v6 = request.remote_addr.find(':') != std::string::npos;
     record.remote = (v6 ? "[" + request.remote_addr + "]" : request.remote_addr) + ":" +

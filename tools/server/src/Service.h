@@ -8,7 +8,6 @@
 #pragma once
 
 #include <httplib.h>
-#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -34,7 +33,7 @@ public:
 
     struct Reply {
         int status = 200;
-        nlohmann::json body;
+        std::string body;     // JSON
         std::string path;     // decoded, for the log
         std::string account;  // from the path, for the log
         std::string detail;   // for the log

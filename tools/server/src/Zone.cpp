@@ -53,8 +53,10 @@ bool validName(const std::string& name) {
 std::string Zone::canonicalName(const std::string& name) {
     std::string canonical = name;
     if (!canonical.empty() && canonical.back() == '.') canonical.pop_back();
-    std::transform(canonical.begin(), canonical.end(), canonical.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    // ASCII only, as names are matched in DNS, and without the locale lookup of tolower.
+    for (char& c : canonical) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
     return canonical;
 }
 
@@ -112,6 +114,13 @@ Zone Zone::parse(const std::string& text, const std::string& source) {
 }
 
 bool Zone::contains(const std::string& name) const { return names_.count(canonicalName(name)) > 0; }
+
+bool Zone::lookup(const std::string& name, AddressType type, AddressSet& found) const {
+    const auto entry = names_.find(canonicalName(name));
+    if (entry == names_.end()) return false;
+    found = type == AddressType::V4 ? entry->second.v4 : entry->second.v6;
+    return true;
+}
 
 AddressSet Zone::find(const std::string& name, AddressType type) const {
     const auto found = names_.find(canonicalName(name));

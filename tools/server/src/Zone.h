@@ -35,6 +35,8 @@ public:
 
     /// Whether the zone holds `name` with any type.
     bool contains(const std::string& name) const;
+    /// Whether the zone holds `name`; if so, `found` gets its addresses of `type` (maybe none).
+    bool lookup(const std::string& name, AddressType type, AddressSet& found) const;
     /// The addresses of `name` and `type`; empty when the zone has none.
     AddressSet find(const std::string& name, AddressType type) const;
     size_t names() const { return names_.size(); }
