@@ -159,6 +159,8 @@ TEST(ZoneAnswers, AddressesOfTheTypeAskedWithTheSmallestTtl) {
         // A name without addresses of the type, and an unknown name: an empty list.
         {"v4only.example.test", 2, R"({"host":"v4only.example.test","ip_list":[],"ttl":0})"},
         {"nowhere.example.test", 1, R"({"host":"nowhere.example.test","ip_list":[],"ttl":0})"},
+        // Whatever bytes a name holds, the answer stays JSON: escaped, and not UTF-8 replaced.
+        {"odd\"name\xff", 1, "{\"host\":\"odd\\\"name\xEF\xBF\xBD\",\"ip_list\":[],\"ttl\":0}"},
     };
     for (const auto& c : cases) {
         const auto answer = local.get(sdkResolve(kAuthId, kSecret, c.host, c.type, nowMilliseconds()));
