@@ -1,10 +1,13 @@
-// Umbrella header for applications.
+// Umbrella header for applications: every installed header of the library.
 #pragma once
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
+#include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"

@@ -28,8 +28,8 @@
 
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "support/LoopbackHttpServer.h"
 
 using nlohmann::json;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeClock.h"
@@ -95,6 +95,30 @@ TEST_F(CacheManagerTest, LookupPrefersTheListInMemoryAndFallsBackToTheStore) {
     const auto persisted = cache().getIPsWithDomain("c.test_v4", true);
     ASSERT_TRUE(persisted);
     EXPECT_EQ(ips(persisted), Strings{"10.0.0.3"});
+}
+
+// A thread remembers its last memory hit; every change of the dictionary, and another
+// manager, must make it look again.
+TEST_F(CacheManagerTest, ARepeatedHitSeesEveryChangeOfTheDictionary) {
+    const auto first = list({record("10.0.0.1", 600, 1000)});
+    const auto second = list({record("10.0.0.2", 600, 1000)});
+    cache().saveIPs(first, "a.test_v4", false);
+    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
+    cache().saveIPs(second, "a.test_v4", false);
+    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), second);
+    cache().clearCacheForDomain("a.test_v4");
+    EXPECT_FALSE(cache().getIPsWithDomain("a.test_v4", true));
+
+    cache().saveIPs(first, "a.test_v4", false);
+    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
+    cache().setDict({});
+    EXPECT_FALSE(cache().getIPsWithDomain("a.test_v4", true));
+
+    QelDNSCacheManager other;
+    cache().saveIPs(first, "a.test_v4", false);
+    other.saveIPs(second, "a.test_v4", false);
+    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
+    EXPECT_EQ(other.getIPsWithDomain("a.test_v4", true), second);
 }
 
 TEST_F(CacheManagerTest, OnlyListsSavedToDiskAreFoundAfterAProcessRestart) {

@@ -11,7 +11,7 @@
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 #include "support/CallRecorder.h"
 #include "support/CapturingConsole.h"
 #include "support/LoopbackHttpServer.h"
@@ -135,14 +135,16 @@ TEST_F(QelDNSRequestTest, SendsContentTypeFirstThenTheCallersHeadersAsSafeText) 
     EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), body.dump(2));
 }
 
-TEST_F(QelDNSRequestTest, PercentEncodesTheWholeUrlOnce) {
+TEST_F(QelDNSRequestTest, SendsTheUrlExactlyAsThePercentEncodingLeavesIt) {
     // Read off the request line as sent; an HTTP library would decode (or reject) the target.
+    // Dot segments stay: an AuthId of ".." must not turn "/../service" into "/service".
     RawHttpServer raw;
     auto answered = raw.answerNext(kRawOk);
-    EXPECT_EQ(get(raw.url("/p a/\xc3\xa9?q=%41&k=v~!$'()*+,;=:@/?\"<>\\^`{|}[]#frag")), "{}");
+    EXPECT_EQ(get(raw.url("/p a/./x/../\xc3\xa9?q=%41&k=v~!$'()*+,;=:@/?\"<>\\^`{|}[]#frag")),
+              "{}");
     const std::string request = answered.get();
     EXPECT_EQ(request.substr(0, request.find("\r\n")),
-              "GET /p%20a/%C3%A9?q=%2541&k=v~!$'()*+,;=:@/?%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"
+              "GET /p%20a/./x/../%C3%A9?q=%2541&k=v~!$'()*+,;=:@/?%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"
               "%23frag HTTP/1.1");
 }
 

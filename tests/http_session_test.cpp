@@ -2,13 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <set>
 #include <string>
 
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "support/CallRecorder.h"
+#include "support/CapturingConsole.h"
+#include "support/DescriptorShortage.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/RawHttpServer.h"
 
@@ -125,4 +129,33 @@ TEST(CurlHttpSession, DestroyingASessionEndsItsPendingRequests) {
     // The completion ran before the destructor returned.
     ASSERT_EQ(responses.count(), 1u);
     EXPECT_TRUE(std::get<0>(responses.calls()[0].arguments).error);
+}
+
+TEST(CurlHttpSession, RequestsFailWithoutThrowingUntilThePlatformThreadCanStart) {
+    if (qel::test::DescriptorShortage::sanitizerNeedsDescriptors()) {
+        GTEST_SKIP() << "UBSan's vptr check needs descriptors this test takes away";
+    }
+    // Runs in a fresh process, whose platform thread has not started yet.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            qel::test::CapturingConsole console;
+            LoopbackHttpServer server;
+            server.respond("/ok", 200, "{}");
+            qel::test::DescriptorShortage shortage(1);  // the loop needs two
+            std::string early;
+            for (int i = 0; i < 2; ++i) {
+                CurlHttpSession::shared().send(get(server.url("/ok")), [&early](HttpResponse r) {
+                    early += r.error && r.statusCode == 0 ? "failed " : "other ";
+                });
+            }
+            // The failed starts gave their descriptor back.
+            const bool leaked = !shortage.isLowestFree(shortage.freeSlots()[0]);
+            shortage.restore();
+            const HttpResponse later = fetch(server.url("/ok"));
+            std::fprintf(stderr, "[%s] %s, %zu log line, then %s\n", early.c_str(),
+                         leaked ? "leak" : "no leak", console.lines().size(), later.body.c_str());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "\\[failed failed \\] no leak, 1 log line, then \\{\\}");
 }

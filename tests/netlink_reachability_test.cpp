@@ -1,39 +1,111 @@
 // Reachability against the real kernel. Each NetlinkReachability case moves its process into a
 // network namespace of its own (before the platform thread or any netlink socket exists, so
-// both inherit it) holding a veth pair v0/v1, 198.51.100.1/24 on v0 and the default route via
-// 198.51.100.2; it changes links and routes there with iproute2, watches the reports, and ends
-// by checking that no device of the namespace sent a packet.
+// both inherit it; without root, inside a user namespace of its own) holding a veth pair
+// v0/v1, 198.51.100.1/24 on v0 and the default route via 198.51.100.2; it changes links and
+// routes there with iproute2, watches the reports, and ends by checking that no device of the
+// namespace sent a packet. The kernel's refusals are made on demand by this file's own
+// definitions of socket, epoll_ctl and sendto, which the library's calls reach first.
 #include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <net/if_arp.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 #include "support/CapturingConsole.h"
+#include "support/DescriptorShortage.h"
 
 using qel::platform::EventLoop;
 using qel::platform::NetlinkRouteMonitor;
 using qel::platform::ReachabilitySource;
 using Lines = std::vector<std::string>;
 namespace flags = qel::platform::ReachabilityFlags;
+
+namespace {
+
+// How many of the next rtnetlink calls of each kind the kernel refuses.
+struct {
+    std::atomic<int> sockets{0};  // socket(AF_NETLINK, ...)
+    std::atomic<int> watches{0};  // epoll_ctl(ADD) of a netlink socket
+    std::atomic<int> dumps{0};    // sendto of a dump request
+} refuse;
+
+bool take(std::atomic<int>& count) {
+    int left = count.load();
+    while (left > 0 && !count.compare_exchange_weak(left, left - 1)) {
+    }
+    return left > 0;
+}
+
+bool isNetlink(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    return ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+           address.ss_family == AF_NETLINK;
+}
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    static auto* real = next<int(int, int, int)>("socket");
+    if (domain == AF_NETLINK && take(refuse.sockets)) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(domain, type, protocol);
+}
+
+extern "C" int epoll_ctl(int epfd, int op, int fd, epoll_event* event) noexcept {
+    static auto* real = next<int(int, int, int, epoll_event*)>("epoll_ctl");
+    if (op == EPOLL_CTL_ADD && isNetlink(fd) && take(refuse.watches)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return real(epfd, op, fd, event);
+}
+
+extern "C" ssize_t sendto(int fd, const void* buffer, size_t length, int flags,
+                          const sockaddr* to, socklen_t toLength) {
+    static auto* real = next<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)>(
+        "sendto");
+    if (length >= sizeof(nlmsghdr) &&
+        (static_cast<const nlmsghdr*>(buffer)->nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP &&
+        isNetlink(fd) && take(refuse.dumps)) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    return real(fd, buffer, length, flags, to, toLength);
+}
 
 namespace {
 
@@ -81,6 +153,13 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return values_.size();
     }
+    // Waits for a report of `value`; false when none comes.
+    bool waitFor(int64_t value) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, kPatience, [&] {
+            return std::find(values_.begin(), values_.end(), value) != values_.end();
+        });
+    }
 
 private:
     std::mutex mutex_;
@@ -113,6 +192,36 @@ void drainPlatformThread() {
     ASSERT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
 }
 
+bool writeFile(const char* path, const std::string& text) {
+    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    return written;
+}
+
+// Moves the process into a network namespace of its own: directly with CAP_SYS_ADMIN, else as
+// root of a new user namespace, which the kernel grants only to a process without threads.
+// Returns why it could not, or nothing.
+std::optional<std::string> enterNetworkNamespace() {
+    if (::unshare(CLONE_NEWNET) == 0) return std::nullopt;
+    const std::string direct = std::strerror(errno);
+    const uid_t uid = ::getuid();
+    const gid_t gid = ::getgid();
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+        return "unshare(CLONE_NEWNET): " + direct + "; unshare(CLONE_NEWUSER | CLONE_NEWNET): " +
+               std::strerror(errno);
+    }
+    // Root inside, so that iproute2 keeps its capabilities over the new network namespace.
+    if (!writeFile("/proc/self/setgroups", "deny") ||
+        !writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+        return std::string("cannot map the user into the new user namespace: ") +
+               std::strerror(errno);
+    }
+    return std::nullopt;
+}
+
 void post(const char* name) { qel::platform::NotificationCenter::defaultCenter().post(name); }
 
 class NetlinkReachability : public testing::Test {
@@ -120,9 +229,10 @@ protected:
     void SetUp() override {
         static bool entered = false;
         if (entered) GTEST_SKIP() << "one namespace case per process (ctest runs each alone)";
-        if (::unshare(CLONE_NEWNET) != 0) {
-            GTEST_SKIP() << "cannot create a network namespace (unshare: " << std::strerror(errno)
-                         << "); needs root or CAP_SYS_ADMIN";
+        if (std::optional<std::string> refused = enterNetworkNamespace()) {
+            GTEST_SKIP() << "no network namespace of its own (" << *refused
+                         << "): needs root, or unprivileged user namespaces "
+                            "(user.max_user_namespaces) and no thread started before the test";
         }
         entered = inNamespace_ = true;
         // IPv6 off unless a case turns it on for one link: no router solicitation, no DAD.
@@ -154,6 +264,22 @@ TEST(NetlinkRouteMonitor, RecognisesCellularModemsByNameKindDeviceTypeOrHardware
         EXPECT_EQ(NetlinkRouteMonitor::isCellularInterface(name, kind, type, deviceType), cellular)
             << name;
     }
+}
+
+TEST(NetlinkRouteMonitor, APlatformThreadThatCannotStartThrowsNothingAtTheApplication) {
+    // Runs in a fresh process, whose platform thread has not started yet. Two descriptors are
+    // left: enough for the rtnetlink sockets, not for them and the event loop.
+    if (qel::test::DescriptorShortage::sanitizerNeedsDescriptors()) {
+        GTEST_SKIP() << "UBSan's vptr check needs descriptors this test takes away";
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            qel::test::DescriptorShortage shortage(2);
+            QelDNSNetworkManager::startMonitor();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(NetlinkReachability, RouteAndLinkChangesAreReportedOnThePlatformThreadExceptInTheBackground) {
@@ -258,6 +384,50 @@ TEST_F(NetlinkReachability, ChangesDroppedByAnOverrunSocketAreRecoveredFromAFull
     ASSERT_EQ(status, 0);
 
     ASSERT_EQ(reports.nth(1), 0);
-    EXPECT_GT(NetlinkRouteMonitor::shared()->overrunCount(), 0u);
+    EXPECT_GT(NetlinkRouteMonitor::shared().overrunCount(), 0u);
     EXPECT_EQ(flagsOf(*internet), 0);
+}
+
+TEST_F(NetlinkReachability, MonitoringThatFailsReportsReachableOnceAndRetriesUntilItKnowsTheRoutes) {
+    qel::test::CapturingConsole console;
+    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
+    refuse.sockets = 1;
+    QelDNSNetworkManager& manager = QelDNSNetworkManager::shared();
+    EXPECT_TRUE(manager.networkAvailable()) << "routes not known yet count as reachable";
+    Reports changes;
+    manager.setNetworkStatusChangedBlock([&changes](QelDNSNetworkStatus status) { changes.add(status); });
+    ASSERT_EQ(changes.nth(1), QelDNSNetworkStatusNotReachable) << "a retry read the routes";
+    ASSERT_TRUE(run({kAddDefault}));
+    ASSERT_EQ(changes.nth(2), QelDNSNetworkStatusWiFi);
+
+    // The dump after v0 goes down fails, and the kernel drops v0's default route without
+    // notice: the routes stay unknown until a retry reads them, so once v0 is up again the
+    // stale route must not count.
+    Reports internetReports, gatewayReports;
+    auto internet = watch("0.0.0.0", internetReports);
+    ASSERT_TRUE(internet);
+    refuse.dumps = 1;
+    ASSERT_TRUE(run({"ip link set v0 down"}));
+    auto gateway = watch("198.51.100.2", gatewayReports);
+    ASSERT_TRUE(gateway && run({"ip link set v0 up", waitUntilUp("v0")}));
+    ASSERT_TRUE(gatewayReports.waitFor(flags::Reachable | flags::IsDirect));
+    EXPECT_EQ(flagsOf(*internet), 0);
+    EXPECT_FALSE(manager.networkAvailable());
+    EXPECT_EQ(console.lines().size(), 1u) << "the first failure is said, once";
+}
+
+TEST_F(NetlinkReachability, ANotifierThatStartedReportsEvenWhenTheFirstWatchFails) {
+    refuse.watches = 1;
+    auto reachability = QelDNSReachability::reachabilityForInternetConnection();
+    ASSERT_TRUE(reachability);
+    Reports posted;
+    auto& center = qel::platform::NotificationCenter::defaultCenter();
+    const auto token = center.addObserver(kQelDNSReachabilityChangedNotification,
+                                          [&](const qel::platform::Notification&) {
+        posted.add(reachability->currentReachabilityStatus());
+    });
+    ASSERT_TRUE(reachability->startNotifier());
+    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
+    EXPECT_EQ(posted.nth(1), QelDNSNetworkStatusNotReachable);
+    center.removeObserver(token);
 }

@@ -9,6 +9,7 @@
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
@@ -95,7 +96,7 @@ TEST_F(NetworkManager, ChangeHandlerLogsWhenEnabledCallsTheBlockOnChangeAndAlway
 
 TEST_F(NetworkManager, BackgroundStopsReportsUntilForegroundWhileAnswersComeFromFreshReads) {
     QelDNSLog::enable();
-    post(UIApplicationDidEnterBackgroundNotification);
+    QelDNSApplication::didEnterBackground();
     EXPECT_FALSE(report(0));
     EXPECT_FALSE(manager->networkAvailable());
     EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusNotReachable);
@@ -103,7 +104,7 @@ TEST_F(NetworkManager, BackgroundStopsReportsUntilForegroundWhileAnswersComeFrom
     EXPECT_TRUE(manager->networkAvailable());
     EXPECT_EQ(manager->networkStatus(), QelDNSNetworkStatusWWAN);
 
-    post(UIApplicationWillEnterForegroundNotification);
+    QelDNSApplication::willEnterForeground();
     EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWiFi);
     EXPECT_TRUE(seen.empty());
     EXPECT_EQ(console.lines(), (Lines{"App did enter background, stopNotifier",

@@ -11,19 +11,31 @@
 
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/HttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/StandardErrorLog.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "QelHttpDnsSDK/Platform/PlatformServices.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeClock.h"
+#include "support/FakeReachability.h"
+#include "support/ScratchDirectory.h"
 
 using qel::platform::Clock;
 using qel::platform::Console;
 using qel::platform::EventLoop;
+using qel::platform::HttpSession;
 using qel::platform::Notification;
 using qel::platform::NotificationCenter;
+using qel::platform::ScopedPlatformOverride;
+using qel::platform::UserDefaults;
 
 TEST(Console, DefaultLineHasTimeStampProgramAndProcessIdAndKeepsTheMessage) {
-    const std::string line = Console::formatLine("50% of %@ done");
+    const std::string line = qel::platform::StandardErrorLog::formatLine("50% of %@ done");
     const std::regex shape(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^\[\] ]+\[(\d+):\d+\] )"
                            R"(50% of %@ done\n$)");
     std::smatch match;
@@ -42,16 +54,32 @@ TEST(Console, SinkReceivesEachMessageOnceUntilRemoved) {
     Console::log("to stderr");
 }
 
-TEST(Clock, InstalledClockReplacesTheSystemClockUntilRemoved) {
-    const double before = Clock::currentTime();
-    EXPECT_GT(before, 1.6e9);
+TEST(ScopedPlatformOverride, ReplacesEachServiceUntilDestroyedAndNests) {
+    struct NullSession final : HttpSession {
+        void send(qel::platform::HttpRequest, Completion) override {}
+    } session;
+    qel::test::ScratchDirectory dir;
+    ASSERT_TRUE(UserDefaults::setStandardPath(dir.file("standard.sqlite3")));
+    qel::platform::SqliteUserDefaults store(dir.file("replacement.sqlite3"));
     {
-        qel::test::FakeClock fake(1000.5);
+        qel::test::FakeClock outer(1000.5);
+        {
+            qel::test::FakeClock inner(5.0);
+            qel::test::FakeReachabilityFactory reachability(0);
+            ScopedPlatformOverride scope;
+            scope.httpSession(session).userDefaults(store);
+            EXPECT_EQ(Clock::currentTime(), 5.0);
+            EXPECT_EQ(&HttpSession::shared(), &session);
+            EXPECT_EQ(&UserDefaults::standard(), &store);
+            reachability.failCreation = true;  // the fake factory answers, not the kernel
+            EXPECT_FALSE(QelDNSReachability::reachabilityForInternetConnection());
+        }
         EXPECT_EQ(Clock::currentTime(), 1000.5);
-        fake.advance(2.25);
-        EXPECT_EQ(Clock::currentTime(), 1002.75);
     }
-    EXPECT_GE(Clock::currentTime(), before);
+    EXPECT_GT(Clock::currentTime(), 1.6e9);
+    EXPECT_EQ(&HttpSession::shared(), &qel::platform::CurlHttpSession::shared());
+    EXPECT_NE(&UserDefaults::standard(), &store);
+    EXPECT_TRUE(QelDNSReachability::reachabilityForInternetConnection());
 }
 
 TEST(NotificationCenter, DeliversByNameSynchronouslyOnThePostingThread) {

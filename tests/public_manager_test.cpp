@@ -16,6 +16,7 @@
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
@@ -70,11 +71,17 @@ protected:
     // Made after the fake network is installed, so the SDK watches the fake.
     QelHttpDnsManager& dns() { return QelHttpDnsManager::shared(); }
 
-    void login(const std::string& secret = kSecret) {
+    // Registers and waits until the reply has set the status it must set and, on success,
+    // the node it hands out.
+    void login(const std::string& secret = kSecret, int64_t expectedStatus = 4) {
         dns().customServerUrl(service.baseUrl());
         const size_t before = service.logins();
         dns().registerAuthId(std::string(kId), secret);
-        ASSERT_TRUE(eventually([&] { return service.logins() > before && dns().initStatus() != 0; }));
+        ASSERT_TRUE(eventually([&] {
+            return service.logins() > before && dns().initStatus() == expectedStatus &&
+                   (expectedStatus != 4 ||
+                    QelHttpDnsCenterManager::shared().resolveUrl() == service.bestNode());
+        }));
     }
 
     Answer ask(const std::optional<std::string>& domain, int64_t type = 1) {
@@ -155,7 +162,7 @@ TEST_F(PublicManager, RegistrationWithoutNetworkOrCredentialsRefusesLookupsWithI
 
 TEST_F(PublicManager, FailedLoginIsRetriedByEachLaterLookup) {
     service.setAddresses("a.test", {"192.0.2.9"});
-    login("wrong-secret");
+    login("wrong-secret", 3);
     EXPECT_EQ(dns().initStatus(), 3);
     EXPECT_EQ(linesMatching("### 鉴权失败，请检查AuthId或AuthSecret是否正确 ###"), 1u);
 
@@ -296,6 +303,7 @@ TEST_F(PublicManager, UnreachableNodeWithoutARepeatEndsTheLookupAsServiceUnavail
     EXPECT_EQ(empty.code, -1);
     EXPECT_EQ(empty.message, "service unavailable");
     EXPECT_TRUE(empty.onPlatformThread);
+    EXPECT_EQ(service.resolvedHosts().size(), 1u);  // the stalled request, to the new node
 }
 
 // ---------------------------------------------------------------- pre-resolution, network
@@ -336,6 +344,21 @@ TEST_F(PublicManager, NetworkChangeRefreshesTheLatestLookup) {
     EXPECT_TRUE(refreshed.beforeReturn);
     EXPECT_EQ(refreshed.ips, Strings{"192.0.2.77"});
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
+}
+
+// A thread repeating its last lookup skips storing the pending pair only while no other
+// lookup has replaced it: here the other thread's type decides the key.
+TEST_F(PublicManager, ALookupOnAnotherThreadLeavesItsTypeToTheNextLookup) {
+    service.setAddresses("a.test", {"192.0.2.1"});
+    service.setAddresses("b.test", {"192.0.2.2"});
+    dns().enableCacheIP(true);
+    login();
+    ask("a.test", 1);
+    std::thread([&] { ask("b.test", 2); }).join();
+    dns().cleanAllCache();
+    ask("a.test", 1);
+    EXPECT_TRUE(cached("a.test_v6"));
+    EXPECT_FALSE(cached("a.test_v4"));
 }
 
 // ---------------------------------------------------------------- restart and load

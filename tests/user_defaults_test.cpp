@@ -1,15 +1,21 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sched.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"
@@ -37,6 +43,11 @@ std::string appQuery(const std::string& path, const std::string& sql) {
     }
     sqlite3_close(db);
     return result;
+}
+
+mode_t permissions(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 }  // namespace
@@ -128,19 +139,54 @@ TEST(SqliteUserDefaults, CommittedWritesSurviveAKillInTheMiddleOfWriting) {
     }
 }
 
-TEST(UserDefaultsStandard, FileFollowsXdgAndTheBundleUntilChosenAndStaysOnceOpen) {
+TEST(SqliteUserDefaults, FilesAndTheDirectoriesItMakesArePrivateWhateverTheUmask) {
+    ScratchDirectory dir;
+    const mode_t previous = ::umask(0);
+    SqliteUserDefaults store(dir.file("made/for/store.sqlite3"));
+    store.setString("k", "v");
+    ::umask(previous);
+    // The log and shared-memory files exist while the connection is open.
+    const std::pair<std::string, mode_t> expected[] = {
+        {"made", 0700}, {"made/for", 0700}, {"made/for/store.sqlite3", 0600},
+        {"made/for/store.sqlite3-wal", 0600}, {"made/for/store.sqlite3-shm", 0600},
+    };
+    for (const auto& [name, mode] : expected) {
+        EXPECT_EQ(permissions(dir.file(name)), mode) << name;
+    }
+    EXPECT_EQ(permissions(dir.path()), 0700u) << "a directory that exists is left as it is";
+}
+
+TEST(SqliteUserDefaults, AJournalThatCannotBeWalIsReportedOnceAndTheStoreStillWorks) {
+    // The dot-file locking VFS has no shared memory, which WAL needs.
+    ASSERT_EQ(sqlite3_vfs_register(sqlite3_vfs_find("unix-dotfile"), /*makeDefault=*/1), SQLITE_OK);
+    ScratchDirectory dir;
+    qel::test::CapturingConsole console;
+    SqliteUserDefaults store(dir.file("store.sqlite3"));
+    store.setString("k", "v");
+    EXPECT_EQ(store.string("k"), "v");
+    ASSERT_EQ(console.lines().size(), 1u);
+    EXPECT_NE(console.lines()[0].find("WAL"), std::string::npos) << console.lines()[0];
+}
+
+TEST(UserDefaultsStandard, FileFollowsXdgAndTheApplicationUntilChosenAndStaysOnceOpen) {
     ScratchDirectory dir;
     const std::string file = "/user-defaults.sqlite3";
-    setenv("HOME", dir.file("home").c_str(), 1);
-    struct { const char* xdg; std::optional<std::string> bundle; std::string expected; } cases[] = {
-        {dir.path().c_str(), std::nullopt, dir.path() + "/QelHttpDnsSDK"},
-        {dir.path().c_str(), "..", dir.path() + "/QelHttpDnsSDK"},
-        {dir.path().c_str(), "a/b", dir.path() + "/a_b"},
-        {"relative", "a/b", dir.path() + "/home/.local/share/a_b"},  // XDG: ignore relative
-        {nullptr, "com.example.app", dir.path() + "/home/.local/share/com.example.app"},
+    const std::string program = program_invocation_short_name;
+    const passwd* user = ::getpwuid(::getuid());
+    ASSERT_TRUE(user && user->pw_dir && user->pw_dir[0] == '/');
+    const std::string passwdHome = user->pw_dir;
+    struct { const char* xdg; const char* home; std::optional<std::string> bundle; std::string expected; } cases[] = {
+        {dir.path().c_str(), "/h", std::nullopt, dir.path() + "/" + program},
+        {dir.path().c_str(), "/h", "..", dir.path() + "/" + program},
+        {dir.path().c_str(), "/h", "a/b", dir.path() + "/a_b"},
+        {"relative", "/h", "a/b", "/h/.local/share/a_b"},  // XDG: ignore relative
+        {nullptr, "/h", "com.example.app", "/h/.local/share/com.example.app"},
+        {nullptr, "relative", "app", passwdHome + "/.local/share/app"},
+        {nullptr, nullptr, "app", passwdHome + "/.local/share/app"},
     };
     for (const auto& c : cases) {
         c.xdg ? setenv("XDG_DATA_HOME", c.xdg, 1) : unsetenv("XDG_DATA_HOME");
+        c.home ? setenv("HOME", c.home, 1) : unsetenv("HOME");
         MainBundle::setIdentifier(c.bundle);
         EXPECT_EQ(UserDefaults::standardPath(), c.expected + file);
     }
@@ -153,4 +199,45 @@ TEST(UserDefaultsStandard, FileFollowsXdgAndTheBundleUntilChosenAndStaysOnceOpen
     EXPECT_FALSE(UserDefaults::setStandardPath(dir.file("elsewhere")));
     MainBundle::setIdentifier("other");
     EXPECT_EQ(UserDefaults::standardPath(), chosen);
+}
+
+TEST(UserDefaultsStandard, WithoutAnyHomeTheStoreStaysInMemoryAndNothingIsWrittenHere) {
+    ScratchDirectory dir;
+    // A user without a passwd entry: this process's user seen from a user namespace of its
+    // own, where it has another number, or as root that number itself. A child does it: the
+    // kernel gives a user namespace only to a process without threads.
+    constexpr uid_t kUnknownUser = 4000000;
+    const uid_t uid = ::getuid();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const std::string map = std::to_string(kUnknownUser) + " " + std::to_string(uid) + " 1";
+        if (::unshare(CLONE_NEWUSER) == 0) {
+            const int fd = ::open("/proc/self/uid_map", O_WRONLY);
+            if (fd < 0 || ::write(fd, map.data(), map.size()) != static_cast<ssize_t>(map.size())) {
+                _exit(77);
+            }
+            ::close(fd);
+        } else if (::chmod(dir.path().c_str(), 0777) != 0 || ::setuid(kUnknownUser) != 0) {
+            _exit(77);
+        }
+        if (::getpwuid(::getuid()) != nullptr || ::chdir(dir.path().c_str()) != 0) _exit(77);
+        unsetenv("HOME");
+        unsetenv("XDG_DATA_HOME");
+        qel::test::CapturingConsole console;
+        EXPECT_EQ(UserDefaults::standardPath(), std::nullopt);
+        UserDefaults::standard().setString("k", "v");
+        EXPECT_EQ(UserDefaults::standard().string("k"), "v");
+        EXPECT_EQ(console.lines().size(), 1u);
+        EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "wrote into the working directory";
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "cannot become a user without a passwd entry: needs root or a user "
+                        "namespace";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "see the child's failures above";
 }

@@ -1,49 +1,20 @@
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
-#include <chrono>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/CapturingConsole.h"
+#include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
-
-TEST(Constants, HaveTheirExportedValuesAndTypes) {
-    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_NEED_RETRY_CODE), const int64_t>);
-    static_assert(std::is_same_v<decltype(QelDNS_SDK_REQ_FORBIDDEN_CODE), const int64_t>);
-    static_assert(std::is_same_v<decltype(QelHttpDnsSDKVersionNumber), const double>);
-    EXPECT_EQ(QelDNS_SDK_REQ_NEED_RETRY_CODE, -30000);
-    EXPECT_EQ(QelDNS_SDK_REQ_FORBIDDEN_CODE, 403);
-    EXPECT_EQ(QelHttpDnsSDKVersionNumber, 1.0);
-    EXPECT_STREQ(QelDNS_SDK_VERSION, "1.0.0");
-    EXPECT_STREQ(reinterpret_cast<const char*>(QelHttpDnsSDKVersionString),
-                 "@(#)PROGRAM:QelHttpDnsSDK  PROJECT:QelHttpDnsSDK-1\n");
-    // The default service is an http:// origin: no trailing slash, no path.
-    const std::string url = QelDNS_SDK_NET_DEFAULT_BASE_URL;
-    ASSERT_EQ(url.rfind("http://", 0), 0u);
-    EXPECT_EQ(url.find('/', strlen("http://")), std::string::npos);
-}
-
-TEST(ErrorResult, CarriesDomainCodeAndMessage) {
-    const QelDNSError error = QelDNSUntil::errorCode(-30000, "request error");
-    EXPECT_EQ(error.code(), -30000);
-    EXPECT_EQ(error.localizedDescription(), "request error");
-    const std::string& domain = error.domain();
-    ASSERT_GE(domain.size(), strlen("httpdnssdk"));
-    EXPECT_EQ(domain.substr(domain.size() - strlen("httpdnssdk")), "httpdnssdk");
-
-    const QelDNSError empty = QelDNSUntil::errorCode(3, "");
-    EXPECT_EQ(empty.code(), 3);
-    EXPECT_EQ(empty.localizedDescription(), "");
-    EXPECT_EQ(QelDNSUntil::errorCode(1, "域名格式错误").localizedDescription(), "域名格式错误");
-    EXPECT_EQ(QelDNSUntil::errorCode(INT64_MIN, "x").code(), INT64_MIN);
-}
 
 TEST(IsIP, AcceptsOnlyWhatInetPtonAccepts) {
     for (const char* ip : {"127.0.0.1", "::1", "0.0.0.0", "2001:db8::1", "::ffff:1.2.3.4"}) {
@@ -103,14 +74,38 @@ TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("\0abc"s), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
+TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
+    // OpenSSL reads its configuration once, possibly while the program loads (a library that
+    // uses it may initialise it then), so the check runs in a child process that has the
+    // configuration in its environment from the start.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    qel::test::ScratchDirectory scratch;
+    const std::string config = scratch.file("openssl.cnf");
+    std::ofstream(config) << "openssl_conf = init\n[init]\nproviders = providers\n"
+                             "alg_section = algorithms\n[providers]\nbase = base\n"
+                             "[base]\nactivate = 1\n[algorithms]\ndefault_properties = fips=yes\n";
+    ::setenv("OPENSSL_CONF", config.c_str(), 1);
+    EXPECT_EXIT(
+        {
+            unsigned char digest[EVP_MAX_MD_SIZE];
+            unsigned int length = 0;
+            const bool refused = EVP_Digest("abc", 3, digest, &length, EVP_md5(), nullptr) != 1;
+            std::filesystem::remove_all(scratch.path());  // no destructor runs in this process
+            std::fprintf(stderr, "%s [%s]\n", refused ? "refused" : "allowed",
+                         QelDNSUntil::MD5ForLower32Bate("abc").c_str());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "refused \\[900150983cd24fb0d6963f7d28e17f72\\]");
+    ::unsetenv("OPENSSL_CONF");
+}
+
 TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
-    using qel::platform::MainBundle;
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier("com.example.app");
+    QelDNSApplication::setBundleIdentifier("com.example.app");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
-    MainBundle::setIdentifier("");
+    QelDNSApplication::setBundleIdentifier("");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    MainBundle::setIdentifier(std::nullopt);
+    QelDNSApplication::setBundleIdentifier(std::nullopt);
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
 }
 

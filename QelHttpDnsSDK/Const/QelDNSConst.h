@@ -6,20 +6,22 @@
 
 #include <cstdint>
 
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
 /// Version record of the library ("@(#)PROGRAM:... PROJECT:...-1\n"); not read by the library.
-extern const unsigned char QelHttpDnsSDKVersionString[];
+QEL_EXPORT extern const unsigned char QelHttpDnsSDKVersionString[];
 /// Version number of the library (1.0); not read by the library.
-extern const double QelHttpDnsSDKVersionNumber;
+QEL_EXPORT extern const double QelHttpDnsSDKVersionNumber;
 
 /// Error code meaning "abandon the current resolve node and try the next one" (-30000).
-extern const int64_t QelDNS_SDK_REQ_NEED_RETRY_CODE;
+QEL_EXPORT extern const int64_t QelDNS_SDK_REQ_NEED_RETRY_CODE;
 /// Error code on which the resolver stops retrying (403); only ever a service-provided status.
-extern const int64_t QelDNS_SDK_REQ_FORBIDDEN_CODE;
+QEL_EXPORT extern const int64_t QelDNS_SDK_REQ_FORBIDDEN_CODE;
 
 /// Default service base URL (scheme and host, no trailing slash). It is the loopback address on
 /// which the reference service `qel-httpdns-server` listens by default, so the SDK works out of
 /// the box on one machine; an application points it elsewhere with `customServerUrl`.
-extern const char QelDNS_SDK_NET_DEFAULT_BASE_URL[];
+QEL_EXPORT extern const char QelDNS_SDK_NET_DEFAULT_BASE_URL[];
 
 /// The SDK version text returned by `QelHttpDnsManager::sdkVersion()`.
-extern const char QelDNS_SDK_VERSION[];
+QEL_EXPORT extern const char QelDNS_SDK_VERSION[];

@@ -1,6 +1,7 @@
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
@@ -104,21 +105,27 @@ void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional
         });
 }
 
-// Arms the resolver before any pending pre-resolution runs.
+// Arms the resolver, then publishes status 4, then runs any pending pre-resolution. Status 4
+// goes last so that a lookup on another thread that sees it finds the resolver armed: seen
+// earlier, it would send its request to no node, fail over to nothing and lift the attempt
+// limit for good.
 void QelHttpDnsManager::authSucceedHandler(std::optional<std::string> node) {
-    setInitStatus(kStatusReady);
     QelHttpDnsCenterManager& resolver = QelHttpDnsCenterManager::shared();
     std::optional<std::string> id, secret;
-    std::optional<std::vector<QelDNSPreResolveModel>> pending;
     {
         Lock lock(mutex_);
         id = authId_;
         secret = authSecret_;
-        if (!isPreResolved()) pending = preResolveDomians_;
     }
     resolver.setupWithAuthId(std::move(id), std::move(secret));
     resolver.setResolveUrl(std::move(node));
     resolver.setServiceEnable(true);
+    setInitStatus(kStatusReady);
+    std::optional<std::vector<QelDNSPreResolveModel>> pending;
+    {
+        Lock lock(mutex_);
+        if (!isPreResolved()) pending = preResolveDomians_;
+    }
     if (pending && !pending->empty()) preGetIPsWithDomains(*pending);
 }
 
@@ -261,8 +268,22 @@ bool QelHttpDnsManager::checkNetworkAvailable() {
 }
 
 bool QelHttpDnsManager::checkDomainIsValid(const std::optional<std::string>& domain) const {
-    if (QelDNSUntil::isIP(domain)) return false;
-    return QelDNSUntil::isDomain(domain);
+    // The answer depends on the text alone, and the address parse and the pattern match cost
+    // more than all the rest of a cache hit; applications ask for a few names again and
+    // again, so each thread remembers the last few names it found valid.
+    struct RecentNames {
+        std::array<std::string, 4> names;  // "" for a free slot: never valid
+        size_t next = 0;
+    };
+    thread_local RecentNames recent;
+    if (domain && !domain->empty() &&
+        std::find(recent.names.begin(), recent.names.end(), *domain) != recent.names.end()) {
+        return true;
+    }
+    if (QelDNSUntil::isIP(domain) || !QelDNSUntil::isDomain(domain)) return false;
+    recent.names[recent.next] = *domain;
+    recent.next = (recent.next + 1) % recent.names.size();
+    return true;
 }
 
 std::optional<std::vector<std::string>> QelHttpDnsManager::degradeHosts() const {

@@ -25,8 +25,9 @@
 
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 
-class QelHttpDnsManager {
+class QEL_EXPORT QelHttpDnsManager {
 public:
     /// A lookup's callback. In every call exactly one argument holds a value: an error, or
     /// the addresses of the domain as text ("192.0.2.1", "2001:db8::1"), in the service's

@@ -6,7 +6,9 @@
 #include <optional>
 #include <string>
 
-class QelDNSLog {
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
+class QEL_EXPORT QelDNSLog {
 public:
     QelDNSLog() = delete;
 

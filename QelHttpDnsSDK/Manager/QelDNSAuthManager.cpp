@@ -5,7 +5,12 @@
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+
+namespace {
+namespace codes = QelDNSErrorCodes;
+}  // namespace
 
 QelDNSAuthManager& QelDNSAuthManager::shared() {
     // Held by a shared_ptr (never released) so that login answers can hold it weakly.
@@ -24,11 +29,19 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     const auto id = authId();
     const auto secret = authSecret();
     if (!id || id->empty()) {
-        if (completion) completion(QelDNSUntil::errorCode(-30000, "parameter invalid"), std::nullopt);
+        if (completion) {
+            completion(
+                QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kParameterInvalidMessage),
+                std::nullopt);
+        }
         return;
     }
     if (!secret || secret->empty()) {
-        if (completion) completion(QelDNSUntil::errorCode(-30001, "parameter invalid"), std::nullopt);
+        if (completion) {
+            completion(
+                QelDNSUntil::errorCode(codes::kAuthSecretMissing, codes::kParameterInvalidMessage),
+                std::nullopt);
+        }
         return;
     }
     std::string baseUrl = QelDNS_SDK_NET_DEFAULT_BASE_URL;

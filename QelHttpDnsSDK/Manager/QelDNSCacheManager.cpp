@@ -24,7 +24,23 @@ const std::vector<KeyedUnarchiver::AllowedClass>& allowedClasses() {
     return *classes;
 }
 
+// The calling thread's last list found in memory, with the generation of the dictionary it
+// was found in. Reading the same key again in that generation finds the same list, so neither
+// the mutex nor the list's reference count (memory every reading thread writes to) is touched.
+struct LastMemoryHit {
+    uint64_t generation = 0;  // none: generations start at 1
+    std::string domain;
+    QelDNSIPModelListRef ips;
+};
+thread_local LastMemoryHit lastMemoryHit;
+
+std::atomic<uint64_t> lastGeneration{0};
+
 }  // namespace
+
+uint64_t QelDNSCacheManager::nextGeneration() {
+    return lastGeneration.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 QelDNSCacheManager& QelDNSCacheManager::shared() {
     static QelDNSCacheManager* const instance = new QelDNSCacheManager();
@@ -41,6 +57,7 @@ void QelDNSCacheManager::setDict(Dict dict) {
     std::lock_guard<std::mutex> lock(mutex_);
     old.swap(dict_);
     dict_ = std::move(dict);
+    generation_.store(nextGeneration(), std::memory_order_release);
 }
 
 void QelDNSCacheManager::saveIPs(QelDNSIPModelListRef ips, const std::string& domain,
@@ -52,31 +69,58 @@ void QelDNSCacheManager::saveIPs(QelDNSIPModelListRef ips, const std::string& do
         QelDNSIPModelListRef& slot = dict_[domain];
         replaced = std::move(slot);
         slot = ips;
+        generation_.store(nextGeneration(), std::memory_order_release);
     }
     if (cacheToDisk) saveCaches(*ips, domain);
 }
 
 QelDNSIPModelListRef QelDNSCacheManager::getIPsWithDomain(const std::string& domain,
                                                           bool expired) const {
+    QelDNSIPModelListRef found;
+    readIPsWithDomain(domain, expired, [&found](const QelDNSIPModelListRef& ips) { found = ips; });
+    return found;
+}
+
+bool QelDNSCacheManager::readIPsWithDomain(const std::string& domain, bool expired,
+                                           const Reader& read) const {
+    LastMemoryHit& last = lastMemoryHit;
+    if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
+        readAlive(last.ips, expired, read);
+        return true;
+    }
     QelDNSIPModelListRef ips;
+    uint64_t generation;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto found = dict_.find(domain);
         if (found != dict_.end()) ips = found->second;
+        generation = generation_.load(std::memory_order_relaxed);
     }
     if (!ips || ips->empty()) {
+        // Not remembered: the store may be changed through another handle on it.
         ips = getCacheWithDomain(domain);
-        if (!ips || ips->empty()) return nullptr;
+        if (!ips || ips->empty()) return false;
+        readAlive(ips, expired, read);
+        return true;
     }
-    if (expired) return ips;
+    last.generation = generation;
+    last.domain = domain;
+    last.ips = std::move(ips);
+    readAlive(last.ips, expired, read);
+    return true;
+}
+
+void QelDNSCacheManager::readAlive(const QelDNSIPModelListRef& ips, bool expired,
+                                   const Reader& read) {
+    if (expired) return read(ips);
     const double now = qel::platform::Clock::currentTime();
     // Lists are immutable, so when every record is alive the list itself is as good as a
     // copy, and a hit costs no allocation.
     if (std::all_of(ips->begin(), ips->end(),
                     [now](const auto& record) { return isAlive(record.get(), now); })) {
-        return ips;
+        return read(ips);
     }
-    return std::make_shared<const QelDNSIPModelList>(aliveRecords(*ips, now));
+    read(std::make_shared<const QelDNSIPModelList>(aliveRecords(*ips, now)));
 }
 
 bool QelDNSCacheManager::isAlive(const QelDNSIPModel* record, double now) {
@@ -106,6 +150,7 @@ void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {
         if (found != dict_.end()) {
             removed = std::move(found->second);
             dict_.erase(found);
+            generation_.store(nextGeneration(), std::memory_order_release);
         }
     }
     UserDefaults::standard().remove(domain);

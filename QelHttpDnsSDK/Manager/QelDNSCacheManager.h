@@ -8,13 +8,18 @@
 // by the manager's mutex, held only to find, insert or remove a list, never across the
 // store's I/O or archiving. Lists are shared, immutable, by reference (`QelDNSIPModelListRef`)
 // and read without a lock. Concurrent writers of one key each leave a whole list behind, but
-// memory and the store may then hold different ones of those lists.
+// memory and the store may then hold different ones of those lists. Each thread remembers
+// the last list it found in memory, so that reading the same key again while the dictionary
+// is unchanged writes nothing other threads share (see `readIPsWithDomain`).
 //
 // Nothing is reported to the caller: an absent, undecodable or foreign entry in the store, or
 // a store that cannot be used, reads as no records, and a failed write leaves the store as it
 // was.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +31,7 @@
 class QelDNSCacheManager {
 public:
     using Dict = std::unordered_map<std::string, QelDNSIPModelListRef>;
+    using Reader = std::function<void(const QelDNSIPModelListRef& ips)>;
 
     /// The process-wide manager, made on first use and never destroyed.
     static QelDNSCacheManager& shared();
@@ -51,6 +57,12 @@ public:
     /// which may be none: the list itself when all of them are, else a new list. Null when
     /// neither memory nor the store holds a record.
     QelDNSIPModelListRef getIPsWithDomain(const std::string& domain, bool expired) const;
+    /// Calls `read` with what `getIPsWithDomain(domain, expired)` returns unless that is null,
+    /// and returns whether it did. When the calling thread found `domain` in memory last time
+    /// and the dictionary has not changed since, the list is handed over without the lock and
+    /// without a new reference to it. `read` must not call into a cache manager: the reference
+    /// it gets may be the one the thread remembers.
+    bool readIPsWithDomain(const std::string& domain, bool expired, const Reader& read) const;
 
     /// The records whose lookupTime + ttl is strictly later than the current time (read once,
     /// not rounded), in order.
@@ -79,7 +91,13 @@ public:
 private:
     static bool isAlive(const QelDNSIPModel* record, double now);
     static QelDNSIPModelList aliveRecords(const QelDNSIPModelList& ips, double now);
+    static void readAlive(const QelDNSIPModelListRef& ips, bool expired, const Reader& read);
+    /// A number never handed out before, by any manager.
+    static uint64_t nextGeneration();
 
     mutable std::mutex mutex_;
     Dict dict_;  // guarded by mutex_
+    // Renewed (under mutex_) by every change of dict_: equal numbers mean the same state of
+    // this manager's dictionary.
+    std::atomic<uint64_t> generation_{nextGeneration()};
 };

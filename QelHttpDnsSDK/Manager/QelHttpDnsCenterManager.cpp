@@ -34,6 +34,18 @@ bool stepNode(std::optional<std::string>& node) {
     }
 }
 
+// The pending lookup as the calling thread last stored or found it, and the key of a lookup
+// of that same pair. While the version is unchanged, a lookup of the same pair would store
+// what is already there, so it skips the mutex and the stores (memory every looking-up thread
+// writes to) and the building of its key. There is one resolver, so one such view per thread.
+struct LastPending {
+    uint64_t version = 0;  // none: versions start at 1
+    std::optional<std::string> domain;
+    int64_t type = 0;
+    std::string key;
+};
+thread_local LastPending lastPending;
+
 }  // namespace
 
 QelHttpDnsCenterManager& QelHttpDnsCenterManager::shared() {
@@ -74,22 +86,44 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
     // The key takes the suffix of the type stored by the previous lookup; the exchange reads
     // it and stores this lookup's type in one step, so concurrent lookups each see a type
     // that some lookup really left behind.
-    std::optional<std::string> pendingDomain = domain;
-    int64_t previousType;
-    {
-        Lock lock(mutex_);
-        previousType = type_.exchange(type, std::memory_order_acq_rel);
-        domain_.swap(pendingDomain);
+    LastPending& last = lastPending;
+    int64_t previousType = type;
+    if (last.version != pendingVersion_.load(std::memory_order_acquire) || last.type != type ||
+        last.domain != domain) {
+        std::optional<std::string> pendingDomain = domain;
+        {
+            Lock lock(mutex_);
+            previousType = type_.exchange(type, std::memory_order_acq_rel);
+            const bool domainChanged = domain_ != domain;
+            if (domainChanged) domain_.swap(pendingDomain);
+            if (domainChanged || previousType != type) {
+                pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
+                                      std::memory_order_release);
+            }
+            last.version = pendingVersion_.load(std::memory_order_relaxed);
+        }
+        if (last.type != type || last.domain != domain || last.key.empty()) {
+            last.type = type;
+            last.domain = domain;
+            last.key = cacheKey(domain, type);
+        }
     }
-    std::string key = cacheKey(domain, previousType);
+    // Built only when it differs from the remembered key (the type changed).
+    std::string ownKey;
+    if (previousType != type) ownKey = cacheKey(domain, previousType);
+    const std::string& key = previousType == type ? last.key : ownKey;
 
     if (cacheIP()) {
-        QelDNSIPModelListRef cached = QelDNSCacheManager::shared().getIPsWithDomain(key, expiredIP());
-        if (cached && !cached->empty()) {
-            if (completion) completion(std::nullopt, filterIPs(*cached));
+        std::optional<std::vector<std::string>> addresses;
+        QelDNSCacheManager::shared().readIPsWithDomain(
+            key, expiredIP(), [&addresses](const QelDNSIPModelListRef& cached) {
+                if (!cached->empty()) addresses = filterIPs(*cached);
+            });
+        if (addresses) {
+            if (completion) completion(std::nullopt, std::move(addresses));
             return;
         }
-        requestIPsWithRetryCount(0, [this, key = std::move(key), completion = std::move(completion)](
+        requestIPsWithRetryCount(0, [this, key = std::string(key), completion = std::move(completion)](
                                         std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
             if (error) return callCatching(completion, std::move(error), std::nullopt);
             QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
@@ -202,6 +236,13 @@ void QelHttpDnsCenterManager::setResolveUrl(std::optional<std::string> resolveUr
     resolveUrl_.swap(resolveUrl);
 }
 
+void QelHttpDnsCenterManager::setType(int64_t type) {
+    Lock lock(mutex_);
+    type_.store(type, std::memory_order_release);
+    pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_release);
+}
+
 std::optional<std::string> QelHttpDnsCenterManager::domain() const {
     Lock lock(mutex_);
     return domain_;
@@ -210,6 +251,8 @@ std::optional<std::string> QelHttpDnsCenterManager::domain() const {
 void QelHttpDnsCenterManager::setDomain(std::optional<std::string> domain) {
     Lock lock(mutex_);
     domain_.swap(domain);
+    pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_release);
 }
 
 std::optional<std::string> QelHttpDnsCenterManager::authId() const {

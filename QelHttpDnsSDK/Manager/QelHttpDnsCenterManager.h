@@ -8,7 +8,9 @@
 // caller's thread before `getIPsWithDomain` returns; every other answer, every retry and the
 // network-change refresh run on the platform thread. The fields are guarded (atomics, and one
 // mutex for the strings) and no lock is held while the cache, the transport, the registry or
-// a completion runs. A completion that throws on the platform thread is caught and logged.
+// a completion runs; a thread repeating the lookup it made last, while that is still the
+// pending one, takes no lock at all. A completion that throws on the platform thread is
+// caught and logged.
 #pragma once
 
 #include <atomic>
@@ -84,7 +86,7 @@ public:
         retryCountNum_.store(retryCountNum, std::memory_order_release);
     }
     int64_t type() const { return type_.load(std::memory_order_acquire); }
-    void setType(int64_t type) { type_.store(type, std::memory_order_release); }
+    void setType(int64_t type);
 
     std::optional<std::string> resolveUrl() const;
     void setResolveUrl(std::optional<std::string> resolveUrl);
@@ -110,6 +112,9 @@ private:
     std::atomic<bool> expiredIP_{false};
     std::atomic<int32_t> retryCountNum_{0};
     std::atomic<int64_t> type_{0};
+    // Renewed (under mutex_) whenever the pending domain or type changes: a thread that saw
+    // the pending pair in some version knows it is unchanged while the version is.
+    std::atomic<uint64_t> pendingVersion_{1};
 
     mutable std::mutex mutex_;
     std::optional<std::string> resolveUrl_;  // guarded by mutex_

@@ -7,7 +7,9 @@
 #include <optional>
 #include <string>
 
-class QelDNSPreResolveModel {
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
+class QEL_EXPORT QelDNSPreResolveModel {
 public:
     QelDNSPreResolveModel() = default;
     /// Stores both as they are.

@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <string>
 
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
 class QelDNSUntil;
 
 /// An error of the SDK's one error domain, with a signed 64-bit code and one user-visible
 /// message. Values are made only by `QelDNSUntil::errorCode`; they are cheap to copy.
-class QelDNSError {
+class QEL_EXPORT QelDNSError {
 public:
     /// The SDK's error domain ("com.qel.httpdnssdk"), the same for every error.
     static const char kDomain[];

@@ -35,7 +35,8 @@ inline constexpr int64_t kAuthIdMissing = -30000;       // kParameterInvalidMess
 inline constexpr int64_t kAuthSecretMissing = -30001;   // kParameterInvalidMessage
 
 // The transport, QelDNSRequest. kNeedRetry is QelDNS_SDK_REQ_NEED_RETRY_CODE: every failed
-// exchange whose HTTP status is not 200 (refused, reset, timed out, unreachable).
+// exchange whose HTTP status is not 200 (refused, reset, timed out, unreachable), and a
+// request that could not go out at all (no platform thread, no MD5 to sign it with).
 inline constexpr int64_t kNeedRetry = -30000;           // kRequestErrorMessage
 inline constexpr int64_t kFailedWithStatus200 = 200;    // kRequestErrorMessage
 inline constexpr int64_t kEmptyBody = -10000;           // kRequestErrorMessage

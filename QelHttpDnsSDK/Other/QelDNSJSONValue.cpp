@@ -31,6 +31,10 @@ int32_t leadingInteger(const std::string& text) {
     return saturate(static_cast<long double>(negative ? -magnitude : magnitude));
 }
 
+std::string compactText(const nlohmann::json& value) {
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 }  // namespace
 
 const nlohmann::json* QelDNSJSONValue::member(const nlohmann::json& object, const char* key) {
@@ -65,7 +69,7 @@ std::optional<std::string> QelDNSJSONValue::stringValue(const nlohmann::json* va
 std::string QelDNSJSONValue::descriptionValue(const nlohmann::json* value) {
     if (!value || value->is_null()) return "";
     if (value->is_string()) return value->get<std::string>();
-    return value->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return compactText(*value);
 }
 
 std::optional<std::vector<std::string>> QelDNSJSONValue::stringArrayValue(
@@ -73,8 +77,10 @@ std::optional<std::vector<std::string>> QelDNSJSONValue::stringArrayValue(
     if (!value || !value->is_array()) return std::nullopt;
     std::vector<std::string> strings;
     strings.reserve(value->size());
+    // Every element stays, so positions match the service's list (the node registry walks
+    // it by index).
     for (const auto& element : *value) {
-        if (element.is_string()) strings.push_back(element.get<std::string>());
+        strings.push_back(element.is_string() ? element.get<std::string>() : compactText(element));
     }
     return strings;
 }

@@ -40,7 +40,8 @@ public:
     /// The answer a transport result stands for: the result, or an object with no keys.
     static const nlohmann::json& answerOf(const std::optional<nlohmann::json>& result);
 
-    /// The string elements of an array value, in order (elements of other types are skipped);
-    /// nothing when the value is absent or not an array.
+    /// Every element of an array value, in order: text as it is, any other element (a number,
+    /// null, an object) as its compact JSON text. Nothing when the value is absent or not an
+    /// array.
     static std::optional<std::vector<std::string>> stringArrayValue(const nlohmann::json* value);
 };

@@ -2,10 +2,12 @@
 
 #include <arpa/inet.h>
 #include <openssl/evp.h>
+#include <openssl/provider.h>
 #include <re2/re2.h>
 
 #include <cstring>
 
+#include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 
 namespace {
@@ -25,6 +27,25 @@ const RE2& hostNamePattern() {
             options);
     }();
     return *pattern;
+}
+
+// MD5 is the signature format the service checks, not a security choice. It is fetched once
+// from a library context of its own with the default provider, so that a system configuration
+// allowing only FIPS algorithms (where the process-wide EVP_md5() digests nothing) does not
+// leave every request signed with an empty digest. Null when even that fails.
+const EVP_MD* signatureDigest() {
+    static const EVP_MD* const digest = []() -> const EVP_MD* {
+        OSSL_LIB_CTX* context = OSSL_LIB_CTX_new();
+        OSSL_PROVIDER* provider = context ? OSSL_PROVIDER_load(context, "default") : nullptr;
+        EVP_MD* md5 = provider ? EVP_MD_fetch(context, "MD5", nullptr) : nullptr;
+        if (md5) return md5;  // the context and its provider stay loaded with it
+        if (provider) OSSL_PROVIDER_unload(provider);
+        OSSL_LIB_CTX_free(context);
+        qel::platform::Console::log("MD5 is not available from OpenSSL: requests cannot be signed "
+                                    "and fail without being sent");
+        return nullptr;
+    }();
+    return digest;
 }
 
 }  // namespace
@@ -59,7 +80,10 @@ std::string QelDNSUntil::MD5ForLower32Bate(const std::string& str) {
     const size_t length = std::strlen(str.c_str());  // digest stops at the first NUL
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    EVP_Digest(str.data(), length, digest, &digestLength, EVP_md5(), nullptr);
+    const EVP_MD* md5 = signatureDigest();
+    if (!md5 || EVP_Digest(str.data(), length, digest, &digestLength, md5, nullptr) != 1) {
+        return std::string();
+    }
     static const char kHex[] = "0123456789abcdef";
     std::string hex;
     hex.reserve(32);

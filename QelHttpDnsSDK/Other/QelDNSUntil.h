@@ -8,8 +8,9 @@
 #include <string>
 
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 
-class QelDNSUntil {
+class QEL_EXPORT QelDNSUntil {
 public:
     QelDNSUntil() = delete;
 
@@ -26,10 +27,13 @@ public:
     /// such as 1.2.3.4 match too. Absent or empty is false. Linear time on any input.
     static bool isDomain(const std::optional<std::string>& domain);
 
-    /// The application identifier set with `qel::platform::MainBundle::setIdentifier`, or
+    /// The application identifier set with `QelDNSApplication::setBundleIdentifier`, or
     /// nothing when it is unset or empty.
     static std::optional<std::string> currentPackageName();
 
     /// The 32-character lower-case hex MD5 of the UTF-8 bytes of `str` up to its first NUL.
+    /// MD5 is taken from OpenSSL's default provider even where the system configuration allows
+    /// only FIPS algorithms; the empty text only if OpenSSL cannot compute it at all (a request
+    /// is then failed, never sent with an empty signature).
     static std::string MD5ForLower32Bate(const std::string& str);
 };

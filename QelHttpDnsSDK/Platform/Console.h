@@ -1,7 +1,6 @@
 // The console the library writes its diagnostic lines to (the stand-in for the platform's
-// system log). By default each line goes to standard error as
-//   "2026-11-22 10:15:02.123 <program>[<pid>:<tid>] <message>"
-// written with a single write(2), so lines from several threads never interleave.
+// system log). Without a sink each line goes to the system's log, on Linux standard error
+// (see Platform/Linux/StandardErrorLog.h).
 #pragma once
 
 #include <functional>
@@ -20,11 +19,12 @@ public:
     static void log(std::string_view message);
 
     /// Replaces the destination of every line (an application's logger, a test's capture).
-    /// An empty sink restores standard error.
+    /// An empty sink restores the system's log.
     static void setSink(Sink sink);
 
-    /// The standard-error line for `message`, as the default sink writes it.
-    static std::string formatLine(std::string_view message);
+private:
+    // Defined where the platform's implementations are chosen (PlatformServices.cpp).
+    static void writeToSystemLog(std::string_view message);
 };
 
 }  // namespace qel::platform

@@ -18,8 +18,8 @@ public:
     /// Starts `request` and returns at once; callable from any thread.
     virtual void send(HttpRequest request, Completion completion) = 0;
 
-    /// The session the library uses: libcurl on `EventLoop::shared()`, made on first use and
-    /// kept for the life of the process.
+    /// The session the library uses, made on first use and kept for the life of the process
+    /// (see PlatformServices.h). Callable from any thread.
     static HttpSession& shared();
 };
 

@@ -156,10 +156,6 @@ const KeyedUnarchiver::Field* KeyedUnarchiver::find(std::string_view key) const 
     return nullptr;
 }
 
-bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-    return find(key) != nullptr;
-}
-
 std::optional<std::string> KeyedUnarchiver::decodeStringForKey(std::string_view key) const {
     const Field* field = find(key);
     if (!field || field->tag != kString) return std::nullopt;

@@ -66,7 +66,6 @@ public:
         return objects;
     }
 
-    bool containsValueForKey(std::string_view key) const;
     /// The string object under `key`; nothing when absent, null or not a string.
     std::optional<std::string> decodeStringForKey(std::string_view key) const;
     /// The integer under `key`, 0 when absent or not an integer. A 64-bit value that does not

@@ -3,7 +3,7 @@
 // Made by `ReachabilitySourceFactory`.
 //
 // Threads: every operation may be called from any thread. Change reports run on the platform
-// thread (`EventLoop::shared()`), never on the thread that scheduled them.
+// thread, never on the thread that scheduled them.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
-// Makes reachability sources. Rtnetlink sources (`NetlinkReachabilitySource`) are the default;
-// a test installs its own factory to hand the SDK sources whose flags it sets by hand.
+// Makes reachability sources. The platform's own sources are the default (see
+// PlatformServices.h); a test puts its own factory in place to hand the SDK sources whose
+// flags it sets by hand.
 #pragma once
 
 #include <sys/socket.h>
@@ -21,15 +22,9 @@ public:
     /// internet as a whole); nullptr when none can be made.
     virtual std::unique_ptr<ReachabilitySource> makeWithAddress(const sockaddr* address) = 0;
 
-    /// Made by the installed factory, or by the rtnetlink one when none is installed.
-    /// Callable from any thread.
+    /// Made by the factory in use. Callable from any thread.
     static std::unique_ptr<ReachabilitySource> createWithName(const std::string& hostName);
     static std::unique_ptr<ReachabilitySource> createWithAddress(const sockaddr* address);
-
-    /// Installs `factory` for every later creation; nullptr restores the rtnetlink sources.
-    /// The caller keeps ownership and must uninstall the factory before destroying it.
-    /// Sources already made are not affected.
-    static void install(ReachabilitySourceFactory* factory);
 };
 
 }  // namespace qel::platform

@@ -31,18 +31,19 @@ public:
     /// Every key at the moment of the call, in ascending byte order.
     virtual std::vector<std::string> allKeys() = 0;
 
-    /// The process-wide store, opened on first use at `standardPath()` and never destroyed.
+    /// The process-wide store, opened on first use at `standardPath()` (in memory when that
+    /// is absent) and never destroyed. Callable from any thread.
     static UserDefaults& standard();
 
     /// Chooses the file of the standard store. Takes effect only before the first call of
     /// `standard()`; returns false (and changes nothing) once the store is open.
     static bool setStandardPath(const std::string& path);
 
-    /// The file the standard store uses: the path chosen with `setStandardPath`, or else
-    /// `$XDG_DATA_HOME/<dir>/user-defaults.sqlite3` (with `~/.local/share` when XDG_DATA_HOME
-    /// is unset or not absolute), where <dir> is the bundle identifier of `MainBundle`, or
-    /// "QelHttpDnsSDK" when none is set.
-    static std::string standardPath();
+    /// The file the standard store uses: the path chosen with `setStandardPath`, or else the
+    /// platform's place for it, which is private to the user and to the application (on Linux
+    /// see `SqliteUserDefaults::standardLocation`). Absent when the platform has no place for
+    /// it; the store then lives in memory.
+    static std::optional<std::string> standardPath();
 };
 
 }  // namespace qel::platform

@@ -1,12 +1,17 @@
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 
 #include <any>
+#include <type_traits>
 
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
+#include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 
 using qel::platform::Notification;
 using qel::platform::NotificationCenter;
+
+// The header keeps the tokens without naming the platform's type.
+static_assert(std::is_same_v<NotificationCenter::ObserverToken, uint64_t>);
 
 QelDNSNetworkManager& QelDNSNetworkManager::shared() {
     static auto* instance = new std::shared_ptr<QelDNSNetworkManager>(create());

@@ -4,26 +4,30 @@
 // while the application is in the background.
 //
 // Observers (default notification center, any sender): kQelDNSReachabilityChangedNotification
-// runs the change handler; qel::platform::UIApplicationDidEnterBackgroundNotification stops
-// the notifier and UIApplicationWillEnterForegroundNotification starts it again (see
-// Platform/ApplicationLifecycle.h for how an application posts them).
+// runs the change handler; the application's `QelDNSApplication::didEnterBackground` stops the
+// notifier and `QelDNSApplication::willEnterForeground` starts it again.
 //
 // Threads: every operation may be called from any thread. The change handler, and so the
 // block, runs on the platform thread for reports (or on whichever thread posts the
-// notification); the life-cycle handlers run on the thread that posts them. No lock is held
-// while the block runs or the notifier starts or stops.
+// notification); the life-cycle handlers run on the thread that calls QelDNSApplication. No
+// lock is held while the block runs or the notifier starts or stops.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 
-class QelDNSNetworkManager {
+namespace qel::platform {
+struct Notification;
+}  // namespace qel::platform
+
+class QEL_EXPORT QelDNSNetworkManager {
 public:
     /// Receives the new status; called only when it differs from `lastNetworkStatus`.
     using NetworkStatusChangedBlock = std::function<void(QelDNSNetworkStatus status)>;
@@ -59,7 +63,7 @@ public:
 private:
     QelDNSNetworkManager() = default;
     void init(const std::weak_ptr<QelDNSNetworkManager>& weakSelf);
-    void reachabilityChanged(const qel::platform::Notification& notification);
+    QEL_HIDDEN void reachabilityChanged(const qel::platform::Notification& notification);
     void didEnterBackground();
     void willEnterForeground();
 
@@ -68,5 +72,5 @@ private:
     std::shared_ptr<QelDNSReachability> reachability_;                 // guarded by mutex_
     QelDNSNetworkStatus lastNetworkStatus_ = QelDNSNetworkStatusNotReachable;  // guarded
     // Kept so that a destroyed manager leaves no observers behind in the default center.
-    std::vector<qel::platform::NotificationCenter::ObserverToken> observerTokens_;  // guarded
+    std::vector<uint64_t> observerTokens_;  // NotificationCenter tokens; guarded
 };

@@ -1,11 +1,13 @@
 #include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <any>
 
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/Platform/ReachabilitySource.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 
 namespace flags = qel::platform::ReachabilityFlags;

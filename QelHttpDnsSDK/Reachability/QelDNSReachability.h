@@ -4,18 +4,21 @@
 // object (a std::shared_ptr<QelDNSReachability> in the notification's std::any) as its object.
 //
 // Threads: all operations may be called from any thread. Change reports, and so the
-// notification, arrive on the platform thread (`qel::platform::EventLoop::shared()`), not on
+// notification, arrive on the platform thread (the library's one network thread), not on
 // the run loop of the thread that started the notifier as on the original platform: Linux
 // applications have no per-thread run loop, and a report must not depend on one running.
 #pragma once
-
-#include <sys/socket.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "QelHttpDnsSDK/Platform/ReachabilitySource.h"
+#include "QelHttpDnsSDK/QelDNSExport.h"
+
+struct sockaddr;
+namespace qel::platform {
+class ReachabilitySource;
+}  // namespace qel::platform
 
 /// Network status: how the target can be reached.
 enum QelDNSNetworkStatus : int64_t {
@@ -25,13 +28,13 @@ enum QelDNSNetworkStatus : int64_t {
 };
 
 /// "kQelDNSReachabilityChangedNotification": posted on every reported change.
-extern const char kQelDNSReachabilityChangedNotification[];
+QEL_EXPORT extern const char kQelDNSReachabilityChangedNotification[];
 /// "kQelDNSInternetConnection"; for applications, not read by the library.
-extern const char kQelDNSInternetConnection[];
+QEL_EXPORT extern const char kQelDNSInternetConnection[];
 /// "kQelDNSLocalWiFiConnection"; for applications, not read by the library.
-extern const char kQelDNSLocalWiFiConnection[];
+QEL_EXPORT extern const char kQelDNSLocalWiFiConnection[];
 
-class QelDNSReachability : public std::enable_shared_from_this<QelDNSReachability> {
+class QEL_EXPORT QelDNSReachability : public std::enable_shared_from_this<QelDNSReachability> {
 public:
     /// A target for `hostName`; nullptr when the platform makes none.
     static std::shared_ptr<QelDNSReachability> reachabilityWithHostName(const std::string& hostName);
@@ -46,8 +49,8 @@ public:
     QelDNSReachability(const QelDNSReachability&) = delete;
     QelDNSReachability& operator=(const QelDNSReachability&) = delete;
 
-    /// Registers for change reports and schedules them; true when both succeed. Calling it
-    /// again registers and schedules again.
+    /// Registers for change reports and schedules them; true when both succeed, which is
+    /// exactly when reports will come. Calling it again registers and schedules again.
     bool startNotifier();
     /// Unschedules change reports, from whichever thread calls it; the registration stays.
     /// A report already running on the platform thread may still post once.
@@ -63,8 +66,9 @@ public:
     QelDNSNetworkStatus networkStatusForFlags(uint32_t flags) const;
 
 private:
-    explicit QelDNSReachability(std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
-    static std::shared_ptr<QelDNSReachability> make(
+    QEL_HIDDEN explicit QelDNSReachability(
+        std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
+    QEL_HIDDEN static std::shared_ptr<QelDNSReachability> make(
         std::unique_ptr<qel::platform::ReachabilitySource> reachabilityRef);
 
     // Set by the factory, never empty, never replaced: safe to use from any thread.

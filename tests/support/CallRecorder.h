@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 
 namespace qel::test {
 

@@ -1,5 +1,5 @@
 // A reachability source factory whose sources answer the flags the test sets and report only
-// when the test fires them, on the firing thread. It is the installed factory for its lifetime,
+// when the test fires them, on the firing thread. It is the factory in use for its lifetime,
 // so every QelDNSReachability made meanwhile gets a fake source. All its sources share its one
 // state, and it must outlive them. Thread-safe.
 #pragma once
@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "QelHttpDnsSDK/Platform/PlatformServices.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 
 namespace qel::test {
@@ -18,8 +19,9 @@ class FakeReachabilityFactory final : public platform::ReachabilitySourceFactory
     using Callback = platform::ReachabilitySource::Callback;
 
 public:
-    explicit FakeReachabilityFactory(uint32_t flags) : flags_(flags) { install(this); }
-    ~FakeReachabilityFactory() override { install(nullptr); }
+    explicit FakeReachabilityFactory(uint32_t flags) : flags_(flags) {
+        scope_.reachabilitySources(*this);
+    }
 
     bool failCreation = false;  // set before the creations that must fail
 
@@ -79,6 +81,7 @@ private:
     uint32_t flags_;
     bool scheduled_ = false;
     Callback callback_;
+    platform::ScopedPlatformOverride scope_;
 };
 
 }  // namespace qel::test

@@ -60,6 +60,11 @@ void ResolutionService::scriptResolves(std::vector<Behaviour> behaviours) {
     resolveScript_.assign(behaviours.begin(), behaviours.end());
 }
 
+std::string ResolutionService::bestNode() const {
+    Lock lock(mutex_);
+    return nodes_["best_service_node"].get<std::string>();
+}
+
 size_t ResolutionService::logins() const {
     Lock lock(mutex_);
     return logins_;

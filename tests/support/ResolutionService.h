@@ -46,6 +46,8 @@ public:
     void scriptLogins(std::vector<Behaviour> behaviours);
     void scriptResolves(std::vector<Behaviour> behaviours);
 
+    /// The best node a successful login hands out now.
+    std::string bestNode() const;
     size_t logins() const;
     /// The hosts of the resolve requests received, in order of arrival.
     std::vector<std::string> resolvedHosts() const;

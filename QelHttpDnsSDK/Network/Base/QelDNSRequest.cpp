@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/HttpSession.h"
@@ -19,6 +19,8 @@ using qel::platform::HttpResponse;
 using qel::platform::HttpSession;
 
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 constexpr double kDefaultTimeoutSeconds = 20.0;
 // Far deeper than any real answer, shallow enough that printing (which recurses) is safe.
@@ -120,12 +122,16 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
 
 void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
-        const int64_t code = response.statusCode == 200 ? 200 : QelDNS_SDK_REQ_NEED_RETRY_CODE;
-        finishWith(finishBlock, QelDNSUntil::errorCode(code, "request error"), std::nullopt);
+        const int64_t code =
+            response.statusCode == 200 ? codes::kFailedWithStatus200 : codes::kNeedRetry;
+        finishWith(finishBlock, QelDNSUntil::errorCode(code, codes::kRequestErrorMessage),
+                   std::nullopt);
         return;
     }
     if (response.body.empty()) {
-        finishWith(finishBlock, QelDNSUntil::errorCode(-10000, "request error"), std::nullopt);
+        finishWith(finishBlock,
+                   QelDNSUntil::errorCode(codes::kEmptyBody, codes::kRequestErrorMessage),
+                   std::nullopt);
         return;
     }
     std::optional<json> answer = parseAnswer(response.body);
@@ -133,7 +139,10 @@ void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse 
     // nothing to print, which reads "(null)" like any absent text.
     Console::log("response url " + (answer ? prettyJSON(*answer) : std::string("(null)")));
     if (!answer) {
-        finishWith(finishBlock, QelDNSUntil::errorCode(-10001, "json convert error"), std::nullopt);
+        finishWith(
+            finishBlock,
+            QelDNSUntil::errorCode(codes::kJsonConvertError, codes::kJsonConvertErrorMessage),
+            std::nullopt);
         return;
     }
     finishWith(finishBlock, std::nullopt, std::move(answer));

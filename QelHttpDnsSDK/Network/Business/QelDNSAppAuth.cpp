@@ -2,12 +2,15 @@
 
 #include <utility>
 
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth::Completion& completion,
                   std::optional<QelDNSError> error, const std::optional<nlohmann::json>& result) {
@@ -28,15 +31,25 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
         QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
 
     if (!answeredId || !authId || *answeredId != *authId) {
-        completion(QelDNSUntil::errorCode(-20000, "invalid data"), std::nullopt, std::nullopt);
+        completion(QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kInvalidDataMessage),
+                   std::nullopt, std::nullopt);
     } else if (bestNode && !bestNode->empty()) {
         completion(std::nullopt, bestNode, std::move(nodeList));
     } else if (nodeList && !nodeList->empty()) {
         std::string first = nodeList->front();
         completion(std::nullopt, std::move(first), std::move(nodeList));
     } else {
-        completion(QelDNSUntil::errorCode(-20001, "empty data"), std::nullopt, std::nullopt);
+        completion(QelDNSUntil::errorCode(codes::kLoginEmptyData, codes::kEmptyDataMessage),
+                   std::nullopt, std::nullopt);
     }
+}
+
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
 }
 
 }  // namespace
@@ -46,11 +59,19 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
                                 const std::optional<std::string>& authSecret,
                                 Completion completion) {
     const std::string path = "/" + QelDNSNullable::text(authId) + "/service";
+    // Read once each, so the URL and the signature carry the same values.
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
-    const std::string sign = calcSignWithAuthSecret(authSecret, timestamp);
+    const auto package = QelDNSUntil::currentPackageName();
+    const std::string sign = signature(package, authSecret, timestamp);
+    if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
+        handleAnswer(authId, completion,
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     std::nullopt);
+        return;
+    }
     const std::string requestUrl = QelDNSNullable::text(url) + path +
                                    "?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
-                                   "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());
+                                   "&app_id=" + QelDNSNullable::text(package);
     const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
     get(requestUrl, headers,
         [authId, completion = std::move(completion)](std::optional<QelDNSError> error,
@@ -61,8 +82,5 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
 
 std::string QelDNSAppAuth::calcSignWithAuthSecret(const std::optional<std::string>& authSecret,
                                                   double timestamp) {
-    const std::string signedText = QelDNSNullable::text(QelDNSUntil::currentPackageName()) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
+    return signature(QelDNSUntil::currentPackageName(), authSecret, timestamp);
 }

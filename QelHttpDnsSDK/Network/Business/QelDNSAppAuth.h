@@ -31,8 +31,10 @@ public:
     /// message = "message"); an "auth_id" other than `authId` (exact text) is -20000
     /// "invalid data"; a non-empty "best_service_node" text is the node; else the first
     /// element of "service_node_list"; else -20001 "empty data". Values of the wrong JSON type
-    /// count as absent (a non-string node, a list that is not an array); non-string list
-    /// elements are skipped.
+    /// count as absent (a non-string node, a list that is not an array); a list element that
+    /// is not text is kept as its JSON text, so positions match the service's list. A request that cannot be signed (OpenSSL computes no MD5) is not
+    /// sent: its completion receives -30000 "request error" on the calling thread, before this
+    /// returns.
     static void authWithUrl(const std::optional<std::string>& url,
                             const std::optional<std::string>& authId,
                             const std::optional<std::string>& authSecret, Completion completion);

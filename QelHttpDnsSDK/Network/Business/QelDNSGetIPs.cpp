@@ -4,12 +4,15 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 
 namespace {
+
+namespace codes = QelDNSErrorCodes;
 
 void handleAnswer(const std::optional<std::string>& domain, int32_t type,
                   const QelDNSGetIPs::Completion& completion, std::optional<QelDNSError> error,
@@ -29,11 +32,13 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(-20002, "invalid data"), nullptr);
+        completion(QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kInvalidDataMessage),
+                   nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(-20003, "empty data"), nullptr);
+        completion(QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kEmptyDataMessage),
+                   nullptr);
         return;
     }
     auto records = std::make_shared<QelDNSIPModelList>();
@@ -50,6 +55,16 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     completion(std::nullopt, std::move(records));
 }
 
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp,
+                      const std::optional<std::string>& host, int32_t type) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   QelDNSNullable::text(host) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
+
 }  // namespace
 
 void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t type,
@@ -57,13 +72,21 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
                                  const std::optional<std::string>& authSecret,
                                  const std::optional<std::string>& domain, Completion completion) {
     const std::string path = "/" + QelDNSNullable::text(authId) + "/resolve";
+    // Read once each, so the URL and the signature carry the same values.
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
-    const std::string sign = calcSignWithAuthSecret(authSecret, timestamp, domain, type);
+    const auto package = QelDNSUntil::currentPackageName();
+    const std::string sign = signature(package, authSecret, timestamp, domain, type);
+    if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
+        handleAnswer(domain, type, completion,
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     std::nullopt);
+        return;
+    }
     const std::string requestUrl =
         QelDNSNullable::text(url) + path + "?timestamp=" +
         std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + QelDNSNullable::text(domain) +
         "&type=" + std::to_string(type) +
-        "&app_id=" + QelDNSNullable::text(QelDNSUntil::currentPackageName());
+        "&app_id=" + QelDNSNullable::text(package);
     const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
     get(requestUrl, headers,
         [domain, type, completion = std::move(completion)](std::optional<QelDNSError> error,
@@ -76,11 +99,7 @@ std::string QelDNSGetIPs::calcSignWithAuthSecret(const std::optional<std::string
                                                  double timestamp,
                                                  const std::optional<std::string>& host,
                                                  int32_t type) {
-    const std::string signedText = QelDNSNullable::text(QelDNSUntil::currentPackageName()) + "-" +
-                                   QelDNSNullable::text(host) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
+    return signature(QelDNSUntil::currentPackageName(), authSecret, timestamp, host, type);
 }
 
 void QelDNSGetIPs::getIPsWithDomains(const std::vector<std::string>& /*domains*/,

@@ -1,7 +1,14 @@
-#include "QelHttpDnsSDK/Platform/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 
+#include <fcntl.h>
+#include <pwd.h>
 #include <sqlite3.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -23,7 +30,72 @@ sqlite3_stmt* prepare(sqlite3* db, const char* sql) {
     return statement;
 }
 
+constexpr char kFileName[] = "user-defaults.sqlite3";
+
+std::optional<std::string> absolute(const char* path) {
+    if (path && path[0] == '/') return std::string(path);
+    return std::nullopt;
+}
+
+std::optional<std::string> homeDirectory() {
+    if (auto home = absolute(std::getenv("HOME"))) return home;
+    struct passwd entry {};
+    struct passwd* found = nullptr;
+    char buffer[4096];
+    if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found) {
+        return absolute(found->pw_dir);
+    }
+    return std::nullopt;
+}
+
+// XDG: $XDG_DATA_HOME when it is an absolute path, else ~/.local/share.
+std::optional<std::string> dataHome() {
+    if (auto xdg = absolute(std::getenv("XDG_DATA_HOME"))) return xdg;
+    if (auto home = homeDirectory()) return *home + "/.local/share";
+    return std::nullopt;
+}
+
+// `name` as one directory name: no separators, not "." or "..".
+std::optional<std::string> directoryName(std::string name) {
+    if (name.empty() || name == "." || name == "..") return std::nullopt;
+    for (char& c : name) {
+        if (c == '/' || c == '\0') c = '_';
+    }
+    return name;
+}
+
+// Makes the missing directories of `directory`, each 0700 whatever the umask; the ones that
+// exist are left as they are. A failure shows up as the database's own open error.
+void makePrivateDirectories(const std::filesystem::path& directory) {
+    std::error_code ignored;
+    if (directory.empty() || std::filesystem::exists(directory, ignored)) return;
+    makePrivateDirectories(directory.parent_path());
+    if (::mkdir(directory.c_str(), 0700) == 0) ::chmod(directory.c_str(), 0700);
+}
+
+// Creates the database file 0600 whatever the umask, unless it exists; SQLite takes an empty
+// file for an empty database.
+void makePrivateFile(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) return;
+    ::fchmod(fd, 0600);
+    ::close(fd);
+}
+
 }  // namespace
+
+std::optional<std::string> SqliteUserDefaults::standardLocation(
+    const std::optional<std::string>& bundleIdentifier) {
+    std::optional<std::string> directory;
+    if (bundleIdentifier) directory = directoryName(*bundleIdentifier);
+    // glibc's short program name (declared by <cerrno> under _GNU_SOURCE).
+    if (!directory && ::program_invocation_short_name) {
+        directory = directoryName(::program_invocation_short_name);
+    }
+    std::optional<std::string> base = dataHome();
+    if (!directory || !base) return std::nullopt;
+    return *base + "/" + *directory + "/" + kFileName;
+}
 
 // Holds the store's lock for one operation; on the way out it releases the lock before it
 // writes a pending report, so a console sink may use the store itself.
@@ -31,10 +103,10 @@ class SqliteUserDefaults::Session {
 public:
     explicit Session(SqliteUserDefaults& store) : store_(store), lock_(store.mutex_) {}
     ~Session() {
-        std::string report = std::move(store_.pendingReport_);
-        store_.pendingReport_.clear();
+        std::vector<std::string> reports = std::move(store_.pendingReports_);
+        store_.pendingReports_.clear();
         lock_.unlock();
-        if (!report.empty()) Console::log(report);
+        for (const std::string& report : reports) Console::log(report);
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -55,10 +127,10 @@ SqliteUserDefaults::~SqliteUserDefaults() {
 }
 
 bool SqliteUserDefaults::open() {
-    const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
-    if (!parent.empty()) {
-        std::error_code ignored;  // a failure shows up as the open's own error below
-        std::filesystem::create_directories(parent, ignored);
+    const bool inMemory = path_ == kInMemory;
+    if (!inMemory) {
+        makePrivateDirectories(std::filesystem::path(path_).parent_path());
+        makePrivateFile(path_);
     }
     int rc = sqlite3_open_v2(path_.c_str(), &db_,
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
@@ -72,17 +144,28 @@ bool SqliteUserDefaults::open() {
     // The first statement reads the file header, so a file that is not a database fails
     // here, before anything could be written to it.
     static const char* const kSetup[] = {
-        "PRAGMA journal_mode=WAL",
+        "PRAGMA journal_mode=WAL",  // answers the mode it leaves the database in
         "PRAGMA synchronous=NORMAL",
         "CREATE TABLE IF NOT EXISTS user_defaults "
         "(key TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID",
     };
+    std::string journalMode;
+    const auto firstColumn = [](void* out, int, char** values, char**) {
+        if (values[0]) *static_cast<std::string*>(out) = values[0];
+        return 0;
+    };
     for (const char* sql : kSetup) {
-        rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+        rc = sqlite3_exec(db_, sql, firstColumn, &journalMode, nullptr);
         if (rc != SQLITE_OK) {
             reportOnceLocked("open", rc);
             return false;
         }
+    }
+    // A database in memory has no journal file to put in WAL mode.
+    if (!inMemory && ::strcasecmp(journalMode.c_str(), "wal") != 0) {
+        pendingReports_.push_back("QelHttpDnsSDK: user defaults \"" + path_ + "\": journal mode is " +
+                                  journalMode + ", not WAL: each write syncs to disk and "
+                                  "blocks the application's readers");
     }
     select_ = prepare(db_, "SELECT value FROM user_defaults WHERE key = ?1");
     upsert_ = prepare(db_,
@@ -123,7 +206,7 @@ void SqliteUserDefaults::reportOnceLocked(const char* operation, int resultCode)
     if (std::string(operation) == "open") {
         message += "; the store is treated as empty and the file is left as it is";
     }
-    pendingReport_ = std::move(message);
+    pendingReports_.push_back(std::move(message));
 }
 
 void SqliteUserDefaults::finishLocked(sqlite3_stmt* statement) {

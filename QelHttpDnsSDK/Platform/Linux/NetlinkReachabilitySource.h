@@ -3,7 +3,12 @@
 // default route exists; a host name is not resolved, since a name that the system resolver
 // would answer is reachable exactly when the network is. Any other address is reachable when
 // the kernel has a usable route to it. Flags are read from the monitor's snapshot, or for an
-// address from one route query per change of the routing state.
+// address from one route query per change of the routing state. Flags that cannot be known
+// (the monitor has not read the routes, or the kernel did not answer the query) read as
+// Reachable: a lookup then fails on the transport if the network really is down.
+//
+// Scheduling always succeeds: reports come as long as the monitor lives, which is the
+// process's life, and a monitor that lost the kernel retries until it has it back.
 //
 // Threads: all operations may be called from any thread. Reports run on the platform thread,
 // only when the target's flags differ from the ones last reported (or seen at scheduling).
@@ -20,10 +25,9 @@ namespace qel::platform {
 
 class NetlinkReachabilitySource final : public ReachabilitySource {
 public:
-    /// nullptr when rtnetlink cannot be opened.
     static std::unique_ptr<NetlinkReachabilitySource> createWithName(const std::string& hostName);
-    /// nullptr for a null address, a family other than AF_INET / AF_INET6, or when rtnetlink
-    /// cannot be opened. `address` must point to a whole sockaddr_in or sockaddr_in6.
+    /// nullptr for a null address or a family other than AF_INET / AF_INET6. `address` must
+    /// point to a whole sockaddr_in or sockaddr_in6.
     static std::unique_ptr<NetlinkReachabilitySource> createWithAddress(const sockaddr* address);
 
     /// Unschedules; a report already running on the platform thread may still finish.

@@ -6,6 +6,7 @@
 // had none):
 //   - redirects are followed, at most 16, to http/https only; 301/302/303 turn a POST into a
 //     GET, 307/308 keep it, as a browser does;
+//   - the URL is sent as given: dot segments ("/./", "/../") are not resolved;
 //   - the timeout bounds the whole exchange (see HttpRequest::timeoutSeconds);
 //   - a body above kMaxResponseBodyBytes (after content decoding) ends the transfer with a
 //     transport error, so a hostile server cannot make us hold an unbounded answer;
@@ -22,7 +23,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/HttpSession.h"
 
 namespace qel::platform {
@@ -42,12 +43,17 @@ public:
     CurlHttpSession(const CurlHttpSession&) = delete;
     CurlHttpSession& operator=(const CurlHttpSession&) = delete;
 
-    /// The process-wide session on `EventLoop::shared()`; never destroyed.
+    /// The process-wide session on `EventLoop::shared()`; never destroyed. While that loop
+    /// cannot start (descriptors or threads run out), a session without a loop, whose `send`
+    /// fails each request with a transport error on the sending thread before it returns;
+    /// every call tries to start the loop again. Never throws.
     static CurlHttpSession& shared();
 
     void send(HttpRequest request, Completion completion) override;
 
 private:
+    CurlHttpSession() = default;  // without a loop: see shared()
+
     class Core;
     struct Transfer;
     std::shared_ptr<Core> core_;

@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 
 // net/if.h before the kernel headers, which then leave its definitions alone.
 #include <net/if.h>
@@ -17,7 +17,7 @@
 #include <tuple>
 
 #include "QelHttpDnsSDK/Platform/Console.h"
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
 namespace qel::platform {
@@ -42,6 +42,8 @@ DumpRequest<Body> dumpRequest(uint16_t type) {
 
 constexpr size_t kBufferSize = 64 * 1024;  // larger than any single rtnetlink datagram
 constexpr int kResyncAttempts = 3;
+constexpr double kFirstRetryDelay = 0.5;  // seconds; doubles after each failed retry
+constexpr double kLastRetryDelay = 30.0;
 
 template <typename T>
 const T* payload(const nlmsghdr& message) {
@@ -90,60 +92,6 @@ std::string sysfsDeviceType(const std::string& name, int index) {
     return {};
 }
 
-struct ParsedRoute {
-    uint8_t family = 0;
-    uint8_t dstLength = 0;
-    uint8_t tos = 0;
-    uint8_t type = 0;
-    uint32_t table = 0;
-    uint32_t priority = 0;
-    uint32_t flags = 0;
-    int oif = 0;
-    std::string gateway;
-    std::vector<int> interfaces;
-};
-
-std::optional<ParsedRoute> parseRoute(const nlmsghdr& message) {
-    const rtmsg* header = payload<rtmsg>(message);
-    if (!header) return std::nullopt;
-    ParsedRoute route;
-    route.family = header->rtm_family;
-    route.dstLength = header->rtm_dst_len;
-    route.tos = header->rtm_tos;
-    route.type = header->rtm_type;
-    route.table = header->rtm_table;
-    route.flags = header->rtm_flags;
-    forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
-                     [&](unsigned short type, const void* data, size_t length) {
-        switch (type) {
-            case RTA_TABLE: route.table = readU32(data, length); break;
-            case RTA_PRIORITY: route.priority = readU32(data, length); break;
-            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
-            case RTA_GATEWAY:
-                route.gateway.assign(static_cast<const char*>(data), length);
-                break;
-            case RTA_MULTIPATH: {
-                auto* hop = static_cast<const rtnexthop*>(data);
-                int left = static_cast<int>(length);
-                while (RTNH_OK(hop, left)) {
-                    route.interfaces.push_back(hop->rtnh_ifindex);
-                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
-                    hop = RTNH_NEXT(hop);
-                }
-                break;
-            }
-            default: break;
-        }
-    });
-    if (route.oif != 0) route.interfaces.push_back(route.oif);
-    return route;
-}
-
-bool isDefaultUnicast(const ParsedRoute& route) {
-    return (route.family == AF_INET || route.family == AF_INET6) && route.dstLength == 0 &&
-           route.type == RTN_UNICAST && (route.flags & RTM_F_CLONED) == 0;
-}
-
 // Index, flags, name and kind of a link message; `deviceType` is read from sysfs when asked.
 struct ParsedLink {
     int index = 0;
@@ -175,14 +123,13 @@ std::optional<ParsedLink> parseLink(const nlmsghdr& message) {
 
 }  // namespace
 
-NetlinkRouteMonitor* NetlinkRouteMonitor::shared() {
+NetlinkRouteMonitor& NetlinkRouteMonitor::shared() {
     static NetlinkRouteMonitor* monitor = [] {
-        auto* made = new NetlinkRouteMonitor();
-        if (made->start()) return made;
-        delete made;
-        return static_cast<NetlinkRouteMonitor*>(nullptr);
+        auto* made = new NetlinkRouteMonitor(EventLoop::shared());
+        made->start();
+        return made;
     }();
-    return monitor;
+    return *monitor;
 }
 
 bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std::string& kind,
@@ -195,41 +142,97 @@ bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std
     return false;
 }
 
-bool NetlinkRouteMonitor::start() {
+void NetlinkRouteMonitor::start() {
     requestBuffer_.resize(kBufferSize);
     eventBuffer_.resize(kBufferSize);
-    eventFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-    requestFd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    bool ok = eventFd_ >= 0 && requestFd_ >= 0;
-    if (ok) {
-        // Subscribed before the first dump, so nothing that changes after the dump is missed;
-        // changes already in the dump are applied twice, which leaves the same state.
-        sockaddr_nl local{};
-        local.nl_family = AF_NETLINK;
-        local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
-                          RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-        ok = ::bind(eventFd_, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+    // Read on the calling thread, so that the first answers already know the routes; the
+    // loop thread takes over the sockets with the posted task.
+    std::optional<std::string> failure;
+    if (!openSockets()) {
+        failure = "cannot open rtnetlink (" + std::string(std::strerror(errno)) + ")";
+    } else if (!resync()) {
+        failure = "cannot dump the routes";
+    } else {
+        known_.store(true, std::memory_order_release);
+        publish();
     }
-    if (ok) {
-        // A kernel that never answers must not hang the platform thread.
-        timeval timeout{2, 0};
-        ::setsockopt(requestFd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ok = resync();
-    }
-    if (!ok) {
-        if (eventFd_ >= 0) ::close(eventFd_);
-        if (requestFd_ >= 0) ::close(requestFd_);
-        eventFd_ = requestFd_ = -1;
-        return false;
-    }
-    publish();
-    EventLoop& loop = EventLoop::shared();
-    loop.post([this, &loop] {
-        if (loop.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); }) == 0) {
-            Console::log("reachability: cannot watch the rtnetlink socket; no change reports");
+    loop_.post([this, failure] {
+        if (failure) {
+            fail(*failure);
+        } else if (!watch()) {
+            fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) + ")");
         }
     });
+}
+
+bool NetlinkRouteMonitor::openSockets() {
+    const int events = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+    const int requests = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    // Subscribed before the dump, so nothing that changes after the dump is missed; changes
+    // already in the dump are applied twice, which leaves the same state.
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
+                      RTMGRP_IPV6_ROUTE;
+    if (events < 0 || requests < 0 ||
+        ::bind(events, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+        const int error = errno;
+        if (events >= 0) ::close(events);
+        if (requests >= 0) ::close(requests);
+        errno = error;
+        return false;
+    }
+    // A kernel that never answers must not hang the platform thread.
+    timeval timeout{2, 0};
+    ::setsockopt(requests, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    eventFd_ = events;
+    std::lock_guard<std::mutex> lock(requestMutex_);
+    requestFd_ = requests;
     return true;
+}
+
+void NetlinkRouteMonitor::closeSockets() {
+    if (watch_ != 0) loop_.unwatchFd(watch_);
+    watch_ = 0;
+    if (eventFd_ >= 0) ::close(eventFd_);
+    eventFd_ = -1;
+    std::lock_guard<std::mutex> lock(requestMutex_);
+    if (requestFd_ >= 0) ::close(requestFd_);
+    requestFd_ = -1;
+}
+
+bool NetlinkRouteMonitor::watch() {
+    watch_ = loop_.watchFd(eventFd_, EPOLLIN, [this](uint32_t) { onReadable(); });
+    return watch_ != 0;
+}
+
+void NetlinkRouteMonitor::retry() {
+    retry_ = 0;
+    if (eventFd_ < 0 && !openSockets()) {
+        return fail("cannot open rtnetlink (" + std::string(std::strerror(errno)) + ")");
+    }
+    if (watch_ == 0 && !watch()) {
+        return fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) + ")");
+    }
+    if (!resync()) return fail("cannot dump the routes");
+    retryDelay_ = 0;
+    known_.store(true, std::memory_order_release);
+    publish();
+    notifyListeners();
+}
+
+void NetlinkRouteMonitor::fail(const std::string& what) {
+    known_.store(false, std::memory_order_release);
+    publish();
+    notifyListeners();
+    if (!failureSaid_) {
+        failureSaid_ = true;
+        Console::log("reachability: " + what +
+                     "; the network counts as reachable until the routes are read (retrying)");
+    }
+    if (retry_ != 0) return;
+    retryDelay_ = retryDelay_ == 0 ? kFirstRetryDelay : std::min(retryDelay_ * 2, kLastRetryDelay);
+    retry_ = loop_.runAfter(retryDelay_, [this] { retry(); });
 }
 
 NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
@@ -274,7 +277,7 @@ NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
 bool NetlinkRouteMonitor::resync() {
     for (int attempt = 0; attempt < kResyncAttempts; ++attempt) {
         std::unordered_map<int, Link> links;
-        std::vector<DefaultRoute> routes;
+        std::vector<Route> routes;
 
         auto linkRequest = dumpRequest<ifinfomsg>(RTM_GETLINK);
         Outcome outcome = transact(linkRequest.header, [&](const nlmsghdr& message) {
@@ -290,11 +293,8 @@ bool NetlinkRouteMonitor::resync() {
         auto routeRequest = dumpRequest<rtmsg>(RTM_GETROUTE);
         outcome = transact(routeRequest.header, [&](const nlmsghdr& message) {
             if (message.nlmsg_type != RTM_NEWROUTE) return;
-            std::optional<ParsedRoute> route = parseRoute(message);
-            if (!route || !isDefaultUnicast(*route)) return;
-            routes.push_back(DefaultRoute{route->family, route->tos, route->table,
-                                          route->priority, route->oif, route->gateway,
-                                          route->interfaces});
+            std::optional<Route> route = parseRoute(message);
+            if (route && route->isDefaultUnicast()) routes.push_back(std::move(*route));
         });
         if (outcome == Outcome::Interrupted) continue;
         if (outcome != Outcome::Answered) return false;
@@ -305,6 +305,47 @@ bool NetlinkRouteMonitor::resync() {
         return true;
     }
     return false;
+}
+
+std::optional<NetlinkRouteMonitor::Route> NetlinkRouteMonitor::parseRoute(const nlmsghdr& message) {
+    const rtmsg* header = payload<rtmsg>(message);
+    if (!header) return std::nullopt;
+    Route route;
+    route.family = header->rtm_family;
+    route.dstLength = header->rtm_dst_len;
+    route.tos = header->rtm_tos;
+    route.type = header->rtm_type;
+    route.table = header->rtm_table;
+    route.flags = header->rtm_flags;
+    forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
+                     [&](unsigned short type, const void* data, size_t length) {
+        switch (type) {
+            case RTA_TABLE: route.table = readU32(data, length); break;
+            case RTA_PRIORITY: route.priority = readU32(data, length); break;
+            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
+            case RTA_GATEWAY:
+                route.gateway.assign(static_cast<const char*>(data), length);
+                break;
+            case RTA_MULTIPATH: {
+                auto* hop = static_cast<const rtnexthop*>(data);
+                int left = static_cast<int>(length);
+                while (RTNH_OK(hop, left)) {
+                    route.interfaces.push_back(hop->rtnh_ifindex);
+                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
+                    hop = RTNH_NEXT(hop);
+                }
+                break;
+            }
+            default: break;
+        }
+    });
+    if (route.oif != 0) route.interfaces.push_back(route.oif);
+    return route;
+}
+
+bool NetlinkRouteMonitor::Route::isDefaultUnicast() const {
+    return (family == AF_INET || family == AF_INET6) && dstLength == 0 && type == RTN_UNICAST &&
+           (flags & RTM_F_CLONED) == 0;
 }
 
 NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flags,
@@ -336,7 +377,11 @@ void NetlinkRouteMonitor::onReadable() {
                 continue;
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                Console::log("reachability: rtnetlink read failed, errno " + std::to_string(errno));
+                // The socket is broken: start over with new ones.
+                const std::string what = "rtnetlink read failed (" +
+                                         std::string(std::strerror(errno)) + ")";
+                closeSockets();
+                return fail(what);
             }
             break;
         }
@@ -361,9 +406,8 @@ void NetlinkRouteMonitor::onReadable() {
             changed = true;
         }
     }
-    if (mustResync && !resync()) {
-        Console::log("reachability: rtnetlink dump failed; routes may be stale until the next change");
-    }
+    // A failed dump leaves the routes unknown; a change may be missing from them.
+    if (mustResync && !resync()) return fail("cannot dump the routes");
     if (changed) {
         publish();
         notifyListeners();
@@ -388,15 +432,14 @@ bool NetlinkRouteMonitor::applyLink(const nlmsghdr& message) {
 }
 
 void NetlinkRouteMonitor::applyRoute(const nlmsghdr& message) {
-    std::optional<ParsedRoute> parsed = parseRoute(message);
-    if (!parsed || !isDefaultUnicast(*parsed)) return;
-    DefaultRoute route{parsed->family, parsed->tos, parsed->table, parsed->priority,
-                       parsed->oif,    parsed->gateway, parsed->interfaces};
-    auto sameSlot = [&route](const DefaultRoute& other) {
+    std::optional<Route> parsed = parseRoute(message);
+    if (!parsed || !parsed->isDefaultUnicast()) return;
+    Route& route = *parsed;
+    auto sameSlot = [&route](const Route& other) {
         return std::tie(other.family, other.table, other.priority, other.tos) ==
                std::tie(route.family, route.table, route.priority, route.tos);
     };
-    auto sameRoute = [&](const DefaultRoute& other) {
+    auto sameRoute = [&](const Route& other) {
         return sameSlot(other) && other.oif == route.oif && other.gateway == route.gateway;
     };
     std::lock_guard<std::mutex> lock(stateMutex_);
@@ -411,7 +454,7 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
     bool found = false;
     std::tuple<uint32_t, bool> best{};  // (metric, is IPv6): lowest wins, IPv4 before IPv6
     bool bestCellular = false;
-    for (const DefaultRoute& route : routes_) {
+    for (const Route& route : routes_) {
         for (int index : route.interfaces) {
             auto link = links_.find(index);
             if (link == links_.end() || !link->second.usable || link->second.loopback) continue;
@@ -428,8 +471,8 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
 }
 
 void NetlinkRouteMonitor::publish() {
-    uint32_t flags;
-    {
+    uint32_t flags = ReachabilityFlags::Reachable;
+    if (known_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> lock(stateMutex_);
         flags = computeInternetFlags();
     }
@@ -493,7 +536,7 @@ bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
         return false;
     }
 
-    std::optional<ParsedRoute> answer;
+    std::optional<Route> answer;
     const Outcome outcome = transact(request.header, [&answer](const nlmsghdr& message) {
         if (message.nlmsg_type == RTM_NEWROUTE) answer = parseRoute(message);
     });

@@ -31,6 +31,7 @@ public:
     using TimerId = uint64_t;
 
     /// Starts the loop thread. A test may make its own loop; the library uses `shared()`.
+    /// Throws std::system_error when no descriptor or thread is left, holding nothing then.
     EventLoop();
     /// Stops and joins the loop thread; tasks still queued are dropped.
     ~EventLoop();
@@ -38,7 +39,10 @@ public:
     EventLoop& operator=(const EventLoop&) = delete;
 
     /// The process-wide platform loop, started on first use and kept for the life of the
-    /// process (never destroyed, so no completion races a static destructor at exit).
+    /// process (never destroyed, so no completion races a static destructor at exit). Throws
+    /// what the constructor throws, and the next call tries again; the library's callers turn
+    /// that into a failed request or a monitor that has not started, never into an exception
+    /// for the application.
     static EventLoop& shared();
 
     /// Queues `task` to run on the loop thread, after the tasks queued before it. Never blocks

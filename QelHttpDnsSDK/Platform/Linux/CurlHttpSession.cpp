@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 
 #include <curl/curl.h>
 #include <strings.h>
@@ -228,6 +228,9 @@ void EasyHandlePool::setSharedOptions(CURL* easy) const {
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket_);
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, closeData_);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    // The path goes out as given: curl would otherwise resolve "/./" and "/../", and an AuthId
+    // of ".." would send "<base>/../service" to "<base>/service".
+    curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
@@ -453,6 +456,7 @@ private:
 CurlHttpSession::CurlHttpSession(EventLoop& loop) : core_(std::make_shared<Core>(loop)) {}
 
 CurlHttpSession::~CurlHttpSession() {
+    if (!core_) return;
     EventLoop& loop = core_->loop();
     if (loop.isLoopThread()) {
         core_->close();
@@ -467,13 +471,29 @@ CurlHttpSession::~CurlHttpSession() {
 }
 
 CurlHttpSession& CurlHttpSession::shared() {
-    static CurlHttpSession* session = new CurlHttpSession(EventLoop::shared());
-    return *session;
+    try {
+        static CurlHttpSession* session = new CurlHttpSession(EventLoop::shared());
+        return *session;
+    } catch (const std::exception& error) {
+        // The platform thread cannot start (no descriptor or thread left). The application
+        // must not see that as an exception: until the next call starts it, requests go to a
+        // session without a loop, which fails each of them at once.
+        static CurlHttpSession* const unstarted = [&error] {
+            Console::log(std::string("http session: the platform thread cannot start (") +
+                         error.what() + "); requests fail until it can");
+            return new CurlHttpSession();
+        }();
+        return *unstarted;
+    }
 }
 
-HttpSession& HttpSession::shared() { return CurlHttpSession::shared(); }
-
 void CurlHttpSession::send(HttpRequest request, Completion completion) {
+    if (!core_) {
+        HttpResponse response;
+        response.error = "no platform thread to run the request on";
+        runCompletion(completion, std::move(response));
+        return;
+    }
     auto transfer = std::make_shared<Transfer>();
     transfer->pool = core_->handlePool();
     transfer->completion = std::move(completion);

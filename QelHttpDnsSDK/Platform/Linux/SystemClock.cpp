@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/SystemClock.h"
+#include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
 
 #include <chrono>
 

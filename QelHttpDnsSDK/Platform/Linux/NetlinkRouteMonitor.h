@@ -3,10 +3,17 @@
 // IPv6. It answers the internet-as-a-whole question from a snapshot (one atomic load, so it
 // can sit on every lookup's path) and asks the kernel for the route to a given address.
 //
-// Threads: `shared()` fills the state on the calling thread, then watches the socket on the
-// platform thread (`EventLoop::shared()`), where every later change is applied and listeners
-// are told. Readers may call from any thread. The sockets belong to the network namespace of
-// the thread that first calls `shared()`.
+// Until the monitor has read the routes, and whenever it cannot be sure of them (a socket, a
+// watch or a dump the kernel refused), the routes are unknown and the internet counts as
+// reachable: a lookup then fails on the transport if it really is not, instead of being
+// refused for the life of the process. Each such failure is retried on the platform thread,
+// 0.5 s after it and then twice as long each time up to 30 s, until the routes are read
+// again; the first failure is written once to the `Console`.
+//
+// Threads: `shared()` tries to read the state on the calling thread, then watches the socket
+// on the platform thread (`EventLoop::shared()`), where every later change and every retry is
+// applied and listeners are told. Readers may call from any thread. The sockets belong to the
+// network namespace of the thread that first calls `shared()`.
 #pragma once
 
 #include <sys/socket.h>
@@ -16,9 +23,13 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
 struct nlmsghdr;
 
@@ -33,15 +44,17 @@ public:
         virtual void routesChanged() = 0;
     };
 
-    /// The process-wide monitor, started on first use and never destroyed; nullptr when the
-    /// kernel refuses rtnetlink (then it is not tried again).
-    static NetlinkRouteMonitor* shared();
+    /// The process-wide monitor, started on first use and never destroyed.
+    static NetlinkRouteMonitor& shared();
 
     /// `ReachabilityFlags` of the internet as a whole: Reachable when an IPv4 or IPv6 unicast
     /// default route leads through an interface that is up and running and is not loopback;
     /// IsWWAN too when the preferred such route (lowest metric, IPv4 first) uses a cellular
-    /// modem. Lock-free.
+    /// modem. Reachable alone while the routes are unknown. Lock-free.
     uint32_t internetFlags() const { return internetFlags_.load(std::memory_order_acquire); }
+
+    /// False until the routes have been read, and after a failure until a retry reads them.
+    bool routesKnown() const { return known_.load(std::memory_order_acquire); }
 
     /// Grows by one after every applied batch of changes (any link, address or route).
     uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
@@ -75,22 +88,37 @@ private:
         bool loopback = false;
         bool cellular = false;
     };
-    struct DefaultRoute {
+    // A route as rtnetlink describes it; the state keeps the default unicast ones.
+    struct Route {
         uint8_t family = 0;
+        uint8_t dstLength = 0;
         uint8_t tos = 0;
+        uint8_t type = 0;
         uint32_t table = 0;
         uint32_t priority = 0;
+        uint32_t flags = 0;
         int oif = 0;
         std::string gateway;          // raw address bytes; empty without a gateway
         std::vector<int> interfaces;  // oif, or every next hop of a multipath route
+
+        bool isDefaultUnicast() const;
     };
     using MessageHandler = std::function<void(const nlmsghdr& message)>;
     enum class Outcome { Answered, Refused, Interrupted, Failed };
 
-    NetlinkRouteMonitor() = default;
-    bool start();
+    explicit NetlinkRouteMonitor(EventLoop& loop) : loop_(loop) {}
+    // The first attempt, on the calling thread; the watch and any retry follow on the loop.
+    void start();
+    bool openSockets();
+    void closeSockets();  // loop thread
+    bool watch();         // loop thread
+    // Reads everything that is missing (sockets, watch, state); on the loop thread.
+    void retry();
+    // The routes are unknown again: say so once, report them reachable, retry later.
+    void fail(const std::string& what);  // loop thread
     static Link makeLink(int index, unsigned flags, unsigned short hardwareType,
                          const std::string& name, const std::string& kind);
+    static std::optional<Route> parseRoute(const nlmsghdr& message);
 
     // Sends one request on the request socket and hands each answer of it to `onMessage`.
     // Refused: the kernel answered with an error; Interrupted: a dump changed while it was
@@ -107,8 +135,13 @@ private:
     void notifyListeners();
     uint32_t computeInternetFlags() const;  // needs stateMutex_
 
-    int eventFd_ = -1;    // subscribed; read on the platform thread only
+    EventLoop& loop_;
+    int eventFd_ = -1;    // subscribed; loop thread only, once `start` posted to it
     int requestFd_ = -1;  // dumps and route queries; guarded by requestMutex_
+    EventLoop::WatchId watch_ = 0;  // of eventFd_; loop thread only
+    EventLoop::TimerId retry_ = 0;  // the pending retry; loop thread only
+    double retryDelay_ = 0;         // loop thread only
+    bool failureSaid_ = false;      // loop thread only
 
     std::mutex requestMutex_;
     uint32_t sequence_ = 0;                 // guarded by requestMutex_
@@ -117,9 +150,10 @@ private:
 
     mutable std::mutex stateMutex_;
     std::unordered_map<int, Link> links_;  // by interface index; guarded by stateMutex_
-    std::vector<DefaultRoute> routes_;     // guarded by stateMutex_
+    std::vector<Route> routes_;            // default unicast only; guarded by stateMutex_
 
-    std::atomic<uint32_t> internetFlags_{0};
+    std::atomic<bool> known_{false};
+    std::atomic<uint32_t> internetFlags_{ReachabilityFlags::Reachable};
     std::atomic<uint64_t> generation_{0};
     std::atomic<uint64_t> overruns_{0};
 

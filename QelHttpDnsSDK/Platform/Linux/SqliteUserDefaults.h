@@ -12,15 +12,22 @@
 //
 // One connection with prepared statements serves all threads, one operation at a time.
 //
+// The store is private to its user: the file is made 0600 and each directory the store makes
+// 0700, whatever the umask (SQLite gives its -wal and -shm files the mode of the database
+// file). A file or directory that exists keeps its mode: the application chose it.
+//
 // A file that cannot be opened as a database (damaged, not a database, a directory, no
 // permission) is never deleted, repaired or rewritten: it may hold the application's own
 // keys. The store then behaves as empty and ignores writes for its whole life. The first
 // problem a store meets (at open or on a later operation) is written once to the `Console`;
-// callers are told nothing.
+// callers are told nothing. So is a database that cannot run in WAL mode (it then keeps its
+// journal mode and works on).
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 
@@ -31,13 +38,24 @@ namespace qel::platform {
 
 class SqliteUserDefaults final : public UserDefaults {
 public:
+    /// The path of a store that lives in memory, for this process only.
+    static constexpr char kInMemory[] = ":memory:";
+
     /// Opens the database at `path`, creating the file and its missing parent directories.
     explicit SqliteUserDefaults(std::string path);
     ~SqliteUserDefaults() override;
     SqliteUserDefaults(const SqliteUserDefaults&) = delete;
     SqliteUserDefaults& operator=(const SqliteUserDefaults&) = delete;
 
-    const std::string& path() const { return path_; }
+    /// Where the standard store lives: `$XDG_DATA_HOME/<dir>/user-defaults.sqlite3`, with
+    /// `$HOME/.local/share` when XDG_DATA_HOME is not an absolute path, and the home directory
+    /// of the user's passwd entry when HOME is not one either. <dir> is `bundleIdentifier`, or
+    /// the program's name without one, so applications never share a store ('/' becomes '_';
+    /// "", "." and ".." do not count). Nothing when no absolute directory or no name is known:
+    /// a relative path would put the store wherever the process happens to run.
+    static std::optional<std::string> standardLocation(
+        const std::optional<std::string>& bundleIdentifier);
+
     /// False when the file could not be opened as a database (the store is then empty).
     bool isUsable() const;
 
@@ -67,7 +85,7 @@ private:
     sqlite3_stmt* delete_ = nullptr;
     sqlite3_stmt* keys_ = nullptr;
     bool reported_ = false;
-    std::string pendingReport_;  // written to the Console once the lock is released
+    std::vector<std::string> pendingReports_;  // written to the Console once the lock is released
 };
 
 }  // namespace qel::platform

@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/EventLoop.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -20,16 +20,29 @@ constexpr int kMaxEventsPerWait = 64;
 }  // namespace
 
 EventLoop::EventLoop() {
+    // A loop that fails to start gives back what it took, so that starting it again later
+    // (when descriptors are free again) finds them.
+    auto closeAll = [this] {
+        if (wakeFd_ >= 0) ::close(wakeFd_);
+        if (epollFd_ >= 0) ::close(epollFd_);
+    };
     epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
     wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (epollFd_ < 0 || wakeFd_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "platform event loop");
+        const int error = errno;
+        closeAll();
+        throw std::system_error(error, std::generic_category(), "platform event loop");
     }
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = kWakeWatchId;
     ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &event);
-    thread_ = std::thread([this] { run(); });
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (...) {
+        closeAll();
+        throw;
+    }
 }
 
 EventLoop::~EventLoop() {

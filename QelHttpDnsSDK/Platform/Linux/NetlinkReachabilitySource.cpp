@@ -1,4 +1,4 @@
-#include "QelHttpDnsSDK/Platform/NetlinkReachabilitySource.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
 
 #include <netinet/in.h>
 
@@ -6,7 +6,8 @@
 #include <mutex>
 #include <optional>
 
-#include "QelHttpDnsSDK/Platform/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
 namespace qel::platform {
 
@@ -16,31 +17,26 @@ public:
     Target(NetlinkRouteMonitor& monitor, std::optional<sockaddr_storage> address)
         : monitor_(monitor), address_(address) {}
 
-    bool getFlags(uint32_t& flags) {
-        if (!address_) {
-            flags = monitor_.internetFlags();
-            return true;
-        }
+    uint32_t flags() {
+        if (!address_) return monitor_.internetFlags();
+        // Unknown routes count as reachable, as for the internet as a whole.
+        if (!monitor_.routesKnown()) return ReachabilityFlags::Reachable;
         // The route to one address changes only when the routing state does: ask the kernel
         // once per generation.
         const uint64_t generation = monitor_.generation();
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (cachedOk_ && cachedGeneration_ == generation) {
-                flags = cachedFlags_;
-                return true;
-            }
+            if (cachedOk_ && cachedGeneration_ == generation) return cachedFlags_;
         }
         uint32_t fresh = 0;
         if (!monitor_.routeFlags(reinterpret_cast<const sockaddr*>(&*address_), fresh)) {
-            return false;
+            return ReachabilityFlags::Reachable;
         }
         std::lock_guard<std::mutex> lock(mutex_);
         cachedOk_ = true;
         cachedGeneration_ = generation;
         cachedFlags_ = fresh;
-        flags = fresh;
-        return true;
+        return fresh;
     }
 
     void setCallback(Callback callback) {
@@ -49,11 +45,10 @@ public:
     }
 
     void schedule() {
-        uint32_t flags = 0;
-        const bool ok = getFlags(flags);
+        const uint32_t now = flags();
         std::lock_guard<std::mutex> lock(mutex_);
         scheduled_ = true;
-        lastReported_ = ok ? flags : 0;
+        lastReported_ = now;
     }
 
     bool unschedule() {
@@ -68,16 +63,15 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             if (!scheduled_) return;
         }
-        uint32_t flags = 0;
-        if (!getFlags(flags)) flags = 0;
+        const uint32_t now = flags();
         Callback callback;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (!scheduled_ || flags == lastReported_) return;
-            lastReported_ = flags;
+            if (!scheduled_ || now == lastReported_) return;
+            lastReported_ = now;
             callback = callback_;
         }
-        if (callback) callback(flags);
+        if (callback) callback(now);
     }
 
 private:
@@ -111,10 +105,9 @@ NetlinkReachabilitySource::~NetlinkReachabilitySource() { target_->unschedule();
 
 std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWithName(
     const std::string& /*hostName*/) {
-    NetlinkRouteMonitor* monitor = NetlinkRouteMonitor::shared();
-    if (!monitor) return nullptr;
-    auto target = std::make_shared<Target>(*monitor, std::nullopt);
-    monitor->addListener(target);
+    NetlinkRouteMonitor& monitor = NetlinkRouteMonitor::shared();
+    auto target = std::make_shared<Target>(monitor, std::nullopt);
+    monitor.addListener(target);
     return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(target));
 }
 
@@ -126,16 +119,18 @@ std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWith
     sockaddr_storage copy{};
     std::memcpy(&copy, address,
                 address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
-    NetlinkRouteMonitor* monitor = NetlinkRouteMonitor::shared();
-    if (!monitor) return nullptr;
+    NetlinkRouteMonitor& monitor = NetlinkRouteMonitor::shared();
     std::optional<sockaddr_storage> target;
     if (!isUnspecified(copy)) target = copy;
-    auto made = std::make_shared<Target>(*monitor, target);
-    monitor->addListener(made);
+    auto made = std::make_shared<Target>(monitor, target);
+    monitor.addListener(made);
     return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(made));
 }
 
-bool NetlinkReachabilitySource::getFlags(uint32_t& flags) { return target_->getFlags(flags); }
+bool NetlinkReachabilitySource::getFlags(uint32_t& flags) {
+    flags = target_->flags();
+    return true;
+}
 
 bool NetlinkReachabilitySource::setCallback(Callback callback) {
     target_->setCallback(std::move(callback));

@@ -1,0 +1,161 @@
+// The one place that picks the platform's implementations: the Linux ones, unless a
+// ScopedPlatformOverride put a replacement in place. Each replaceable service is one atomic
+// pointer, null for the default, so the clock and the store (read on every lookup) cost one
+// load more than a direct call.
+#include "QelHttpDnsSDK/Platform/PlatformServices.h"
+
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "QelHttpDnsSDK/Platform/AssumedReachableSource.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/HttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
+#include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/Linux/StandardErrorLog.h"
+#include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+
+namespace qel::platform {
+
+namespace {
+
+std::atomic<const Clock*> clockOverride{nullptr};
+std::atomic<HttpSession*> sessionOverride{nullptr};
+std::atomic<ReachabilitySourceFactory*> reachabilityOverride{nullptr};
+std::atomic<UserDefaults*> defaultsOverride{nullptr};
+
+// Where the standard store goes; fixed when it opens.
+std::mutex standardMutex;
+std::optional<std::string> standardChosenPath;  // guarded by standardMutex
+bool standardOpened = false;                     // guarded by standardMutex
+
+std::optional<std::string> standardPathLocked() {
+    if (standardChosenPath || standardOpened) return standardChosenPath;
+    return SqliteUserDefaults::standardLocation(MainBundle::identifier());
+}
+
+UserDefaults& standardStore() {
+    static UserDefaults* const store = [] {
+        std::optional<std::string> path;
+        {
+            std::lock_guard<std::mutex> lock(standardMutex);
+            path = standardPathLocked();
+            standardOpened = true;
+            standardChosenPath = path;  // later changes of the environment no longer move it
+        }
+        if (!path) {
+            Console::log("QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
+                         "or a passwd entry) or no program name; the store is kept in memory");
+            return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
+        }
+        return new SqliteUserDefaults(std::move(*path));
+    }();
+    return *store;
+}
+
+template <typename T>
+std::function<void()> replace(std::atomic<T*>& slot, T* replacement) {
+    T* previous = slot.exchange(replacement, std::memory_order_acq_rel);
+    return [&slot, previous] { slot.store(previous, std::memory_order_release); };
+}
+
+}  // namespace
+
+double Clock::currentTime() {
+    if (const Clock* clock = clockOverride.load(std::memory_order_acquire)) return clock->now();
+    return SystemClock::instance().now();
+}
+
+HttpSession& HttpSession::shared() {
+    if (HttpSession* session = sessionOverride.load(std::memory_order_acquire)) return *session;
+    return CurlHttpSession::shared();
+}
+
+UserDefaults& UserDefaults::standard() {
+    if (UserDefaults* store = defaultsOverride.load(std::memory_order_acquire)) return *store;
+    return standardStore();
+}
+
+bool UserDefaults::setStandardPath(const std::string& path) {
+    std::lock_guard<std::mutex> lock(standardMutex);
+    if (standardOpened) return false;
+    standardChosenPath = path;
+    return true;
+}
+
+std::optional<std::string> UserDefaults::standardPath() {
+    std::lock_guard<std::mutex> lock(standardMutex);
+    return standardPathLocked();
+}
+
+// Monitoring needs the platform thread; when even that cannot start (no descriptor or thread
+// left), the network counts as reachable rather than refusing every lookup, and the failure
+// is said once.
+template <typename Make>
+std::unique_ptr<ReachabilitySource> netlinkOrAssumedReachable(Make make) {
+    try {
+        return make();
+    } catch (const std::exception& failure) {
+        static std::atomic<bool> said{false};
+        if (!said.exchange(true)) {
+            Console::log(std::string("reachability: network monitoring cannot start (") +
+                         failure.what() + "); the network counts as reachable");
+        }
+        return std::make_unique<AssumedReachableSource>();
+    }
+}
+
+std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithName(
+    const std::string& hostName) {
+    if (auto* factory = reachabilityOverride.load(std::memory_order_acquire)) {
+        return factory->makeWithName(hostName);
+    }
+    return netlinkOrAssumedReachable([&] { return NetlinkReachabilitySource::createWithName(hostName); });
+}
+
+std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithAddress(
+    const sockaddr* address) {
+    if (auto* factory = reachabilityOverride.load(std::memory_order_acquire)) {
+        return factory->makeWithAddress(address);
+    }
+    return netlinkOrAssumedReachable(
+        [&]() -> std::unique_ptr<ReachabilitySource> { return NetlinkReachabilitySource::createWithAddress(address); });
+}
+
+void Console::writeToSystemLog(std::string_view message) { StandardErrorLog::write(message); }
+
+ScopedPlatformOverride::~ScopedPlatformOverride() {
+    for (auto restore = restores_.rbegin(); restore != restores_.rend(); ++restore) (*restore)();
+}
+
+ScopedPlatformOverride& ScopedPlatformOverride::clock(const Clock& clock) {
+    restores_.push_back(replace(clockOverride, &clock));
+    return *this;
+}
+
+ScopedPlatformOverride& ScopedPlatformOverride::httpSession(HttpSession& session) {
+    restores_.push_back(replace(sessionOverride, &session));
+    return *this;
+}
+
+ScopedPlatformOverride& ScopedPlatformOverride::reachabilitySources(
+    ReachabilitySourceFactory& factory) {
+    restores_.push_back(replace(reachabilityOverride, &factory));
+    return *this;
+}
+
+ScopedPlatformOverride& ScopedPlatformOverride::userDefaults(UserDefaults& store) {
+    restores_.push_back(replace(defaultsOverride, &store));
+    return *this;
+}
+
+}  // namespace qel::platform

@@ -1,0 +1,499 @@
+// The public manager as an application meets it, QelHttpDnsManager::shared() registered with
+// a signature-checking resolution service on loopback (network status faked as up), against
+// bare baselines measured in the same run:
+//   cache hit of getIPV4ByDomain        vs  a std::unordered_map find and copy of the same list
+//   the same hit                        vs  getaddrinfo("localhost") (/etc/hosts, no DNS)
+//   hits from 2 threads                 vs  1 thread, in aggregate throughput
+//   miss answered by the service        vs  a bare reused libcurl GET of the same URL
+//   bytes in memory per cached domain with two addresses
+// The ratios are printed after the table.
+//
+//   build/release/bench/public_manager_bench
+//
+// A miss is timed from the call to the moment its callback runs on the platform thread, the
+// bare GET to the moment curl returns (manual timing): the benchmark thread's own wake-up is
+// the harness's cost, not the library's.
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <malloc.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
+#include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "support/FakeReachability.h"
+#include "support/ResolutionService.h"
+#include "support/ScratchDirectory.h"
+
+using Clock = std::chrono::steady_clock;
+using Ips = std::optional<std::vector<std::string>>;
+
+namespace {
+
+constexpr char kId[] = "acct-7";
+constexpr char kSecret[] = "s3cr3t";
+constexpr char kApp[] = "com.example.app";
+constexpr char kHitDomain[] = "www.hit.example.test";
+constexpr char kMissDomain[] = "www.miss.example.test";
+const std::vector<std::string> kAddresses = {"192.0.2.1", "192.0.2.2"};
+constexpr int kMemoryDomains = 3000;
+
+// Waits for one answer and keeps the moment it came.
+class Answer {
+public:
+    void reset() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        answered_ = false;
+    }
+    void set(const Ips& ips) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            answered_ = true;
+            ok_ = ips && *ips == kAddresses;
+            at_ = Clock::now();
+        }
+        changed_.notify_one();
+    }
+    /// Whether the addresses came, within 20 s.
+    bool wait() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(20), [this] { return answered_; }) && ok_;
+    }
+    bool answered() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return answered_;
+    }
+    double secondsSince(Clock::time_point start) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::chrono::duration<double>(at_ - start).count();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool answered_ = false;
+    bool ok_ = false;
+    Clock::time_point at_;
+};
+
+// Never destroyed: the manager it sets up lives for the process, and its sources and requests
+// refer to the fake network and the service. main removes the scratch directory.
+struct Fixture {
+    qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
+    qel::test::ScratchDirectory scratch;
+    qel::test::ResolutionService service{kId, kSecret, kApp};
+
+    Fixture() {
+        qel::platform::Console::setSink([](const std::string&) {});
+        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
+        service.setAddresses(kHitDomain, kAddresses);
+        service.setAddresses(kMissDomain, kAddresses);
+        for (int i = 0; i < kMemoryDomains; ++i) {
+            for (bool longName : {false, true}) service.setAddresses(memoryDomain(i, longName), kAddresses);
+        }
+
+        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+        dns.customServerUrl(service.baseUrl());
+        dns.registerAuthId(std::string(kId), std::string(kSecret));
+        for (int i = 0; i < 2000 && dns.initStatus() != 4; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        if (dns.initStatus() != 4) fail("the login did not succeed");
+        dns.enableCacheIP(true);
+        // The first lookups store under the suffix of the type before them; once a type-1
+        // lookup has gone before, every type-1 lookup of the domain hits.
+        for (int i = 0; i < 3 && !lookUp(kHitDomain); ++i) {}
+        if (!lookUp(kHitDomain)) fail("a cached domain was not answered on the calling thread");
+    }
+
+    /// 9 to 12 characters, which std::string keeps inline, or 18 to 21, which it allocates.
+    static std::string memoryDomain(int i, bool longName) {
+        return (longName ? "host" : "h") + std::to_string(i) + (longName ? ".example.test" : ".ex.com");
+    }
+
+    /// Looks `domain` up and waits for the addresses; true when they came before the call
+    /// returned.
+    static bool lookUp(const std::string& domain) {
+        Answer answer;
+        QelHttpDnsManager::shared().getIPV4ByDomain(
+            domain, [&answer](std::optional<QelDNSError>, Ips ips) { answer.set(ips); });
+        const bool synchronous = answer.answered();
+        if (!answer.wait()) fail(("no addresses for " + domain).c_str());
+        return synchronous;
+    }
+
+    [[noreturn]] static void fail(const char* what) {
+        std::fprintf(stderr, "public_manager_bench: %s\n", what);
+        std::exit(1);
+    }
+};
+
+Fixture& fixture() {
+    static Fixture* const instance = new Fixture();
+    return *instance;
+}
+
+// ---------------------------------------------------------------------- hits
+
+void BM_Hit_getIPV4ByDomain(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        dns.getIPV4ByDomain(domain, [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    // Every answer ran before its call returned, with both addresses.
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+void BM_BareMap_FindAndCopy(benchmark::State& state) {
+    static const auto* const map = [] {
+        auto* made = new std::unordered_map<std::string, std::vector<std::string>>();
+        (*made)[std::string(kHitDomain) + "_v4"] = kAddresses;
+        (*made)[std::string(kMissDomain) + "_v4"] = kAddresses;
+        return made;
+    }();
+    const std::string key = std::string(kHitDomain) + "_v4";
+    for (auto _ : state) {
+        Ips ips;
+        if (const auto found = map->find(key); found != map->end()) ips = found->second;
+        benchmark::DoNotOptimize(ips);
+    }
+}
+
+void BM_Getaddrinfo_Localhost(benchmark::State& state) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    for (auto _ : state) {
+        addrinfo* found = nullptr;
+        if (getaddrinfo("localhost", nullptr, &hints, &found) != 0 || !found) {
+            state.SkipWithError("localhost did not resolve");
+            break;
+        }
+        freeaddrinfo(found);
+    }
+}
+
+// The steps of a hit, each alone, to show where its time goes: the checks before the cache,
+// then the resolver's part (pending lookup, key, cache, addresses, callback), and within it
+// the cache manager's.
+
+void BM_Step_CheckDomainIsValid(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    for (auto _ : state) benchmark::DoNotOptimize(dns.checkDomainIsValid(domain));
+}
+
+void BM_Step_CheckNetworkAvailable(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    for (auto _ : state) benchmark::DoNotOptimize(dns.checkNetworkAvailable());
+}
+
+void BM_Step_ResolverHit(benchmark::State& state) {
+    QelHttpDnsCenterManager& resolver = QelHttpDnsCenterManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        resolver.getIPsWithDomain(domain, 1, [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+// As the resolver reads the cache on a hit.
+void BM_Step_CacheManagerHit(benchmark::State& state) {
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    const std::string key = std::string(kHitDomain) + "_v4";
+    size_t records = 0;
+    for (auto _ : state) {
+        cache.readIPsWithDomain(key, false,
+                                [&records](const QelDNSIPModelListRef& ips) { records += ips->size(); });
+    }
+    if (records != 2 * static_cast<size_t>(state.iterations())) state.SkipWithError("not a hit");
+}
+
+BENCHMARK(BM_Step_CheckDomainIsValid)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_CheckNetworkAvailable)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_ResolverHit)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Step_CacheManagerHit)->ThreadRange(1, 2)->UseRealTime();
+
+// ---------------------------------------------------------------------- misses
+
+size_t collectBody(char* data, size_t size, size_t count, void* user) {
+    static_cast<std::string*>(user)->append(data, size * count);
+    return size * count;
+}
+
+// The lookup's GET of the miss domain, made once, on an easy handle set up as the library's
+// session sets up its own: the same request on the wire, the signature checked by the service.
+struct BareGet {
+    CURL* easy = curl_easy_init();
+    curl_slist* headers = nullptr;
+    std::string body;
+
+    BareGet() {
+        const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
+        const std::string sign =
+            QelDNSGetIPs::calcSignWithAuthSecret(std::string(kSecret), timestamp, std::string(kMissDomain), 1);
+        const std::string url = fixture().service.baseUrl() + "/" + kId + "/resolve?timestamp=" +
+                                std::to_string(static_cast<int64_t>(timestamp)) + "&host=" +
+                                kMissDomain + "&type=1&app_id=" + kApp;
+        headers = curl_slist_append(headers, "Content-Type: application/json;charset=UTF-8");
+        headers = curl_slist_append(headers, ("Authorization: MD5 " + sign).c_str());
+        headers = curl_slist_append(headers, "Expect:");
+        curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 20000L);
+    }
+    ~BareGet() {
+        curl_easy_cleanup(easy);
+        curl_slist_free_all(headers);
+    }
+    /// Whether the last GET brought the addresses (the body is the service's JSON answer).
+    bool answered() {
+        long status = 0;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+        const bool ok = status == 200 && body.find(kAddresses[0]) != std::string::npos &&
+                        body.find(kAddresses[1]) != std::string::npos;
+        body.clear();
+        return ok;
+    }
+};
+
+void BM_Miss_BareCurl(benchmark::State& state) {
+    BareGet get;
+    int failures = 0;
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        const CURLcode result = curl_easy_perform(get.easy);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        if (result != CURLE_OK || !get.answered()) ++failures;
+    }
+    if (failures) state.SkipWithError("requests failed");
+    if (fixture().service.badSignatures() != 0) state.SkipWithError("a signature did not check out");
+}
+
+// range(0) 0: caching off, every lookup asks the service. 1: caching on, the domain's entry
+// cleared (outside the timing) before each lookup, so each one also reads the store and then
+// stores the answer in memory and in the store.
+void BM_Miss_getIPV4ByDomain(benchmark::State& state) {
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const bool cached = state.range(0) != 0;
+    const std::optional<std::string> domain = kMissDomain;
+    const std::string key = std::string(kMissDomain) + "_v4";
+    static Answer answer;  // outlives a late callback of the last lookup
+    int failures = 0;
+    dns.enableCacheIP(cached);
+    for (auto _ : state) {
+        if (cached) QelDNSCacheManager::shared().clearCacheForDomain(key);
+        answer.reset();
+        const auto start = Clock::now();
+        dns.getIPV4ByDomain(domain, [](std::optional<QelDNSError>, Ips ips) { answer.set(ips); });
+        if (!answer.wait()) ++failures;
+        state.SetIterationTime(answer.secondsSince(start));
+    }
+    dns.enableCacheIP(true);
+    if (failures) state.SkipWithError("lookups failed");
+    if (fixture().service.badSignatures() != 0) state.SkipWithError("a signature did not check out");
+}
+
+BENCHMARK(BM_BareMap_FindAndCopy)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Hit_getIPV4ByDomain)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(BM_Getaddrinfo_Localhost)->UseRealTime();
+BENCHMARK(BM_Miss_BareCurl)->UseManualTime();
+BENCHMARK(BM_Miss_getIPV4ByDomain)->ArgName("cacheIP")->Arg(0)->Arg(1)->UseManualTime();
+
+// ---------------------------------------------------------------------- memory
+
+// Heap bytes in use (glibc's count over every arena: the chunks, headers included).
+size_t heapInUse() { return mallinfo2().uordblks; }
+
+struct CachedDomainBytes {
+    double total = 0;
+    double entry = 0;    // the dictionary's node, key and bucket
+    double records = 0;  // the list and its records
+};
+
+// Looks up kMemoryDomains new domains through the manager, each stored from the service's
+// answer, then empties the memory cache in two steps (the entries while a copy of the
+// dictionary keeps the lists, then the lists): what each step releases is what the entries
+// held.
+CachedDomainBytes bytesPerCachedDomain(bool longNames) {
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    cache.setDict({});
+    for (int i = 0; i < kMemoryDomains; ++i) Fixture::lookUp(Fixture::memoryDomain(i, longNames));
+    // Every lookup of the run is of type 1, so each domain has one entry, under "_v4".
+    auto lists = std::make_unique<QelDNSCacheManager::Dict>(cache.dict());
+    if (lists->size() != static_cast<size_t>(kMemoryDomains)) {
+        Fixture::fail("the lookups did not leave one entry per domain");
+    }
+    const size_t filled = heapInUse();
+    cache.setDict({});
+    const size_t listsOnly = heapInUse();
+    for (auto& entry : *lists) entry.second.reset();
+    const size_t emptied = heapInUse();
+    lists.reset();
+    Fixture::lookUp(kHitDomain);  // cached again, as before
+    CachedDomainBytes bytes;
+    bytes.total = static_cast<double>(filled - emptied) / kMemoryDomains;
+    bytes.entry = static_cast<double>(filled - listsOnly) / kMemoryDomains;
+    bytes.records = static_cast<double>(listsOnly - emptied) / kMemoryDomains;
+    return bytes;
+}
+
+// ---------------------------------------------------------------------- report
+
+// Prints as usual and keeps the median real time per iteration of each benchmark (by name and
+// thread count) for the ratios.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred || run.run_type != Run::RT_Aggregate ||
+                run.aggregate_name != "median") {
+                continue;
+            }
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
+            name += "/" + std::to_string(run.threads);
+            const double unit = benchmark::GetTimeUnitMultiplier(run.time_unit);
+            medians_[name] = run.GetAdjustedRealTime() / unit;
+            cpuMedians_[name] = run.GetAdjustedCPUTime() / unit;
+        }
+    }
+
+    /// Seconds per iteration of `name` with `threads` threads (iterations of all threads
+    /// counted, so the inverse is the aggregate throughput); nothing when it did not run.
+    std::optional<double> seconds(const std::string& name, int threads = 1) const {
+        const auto found = medians_.find(name + "/" + std::to_string(threads));
+        if (found == medians_.end()) return std::nullopt;
+        return found->second;
+    }
+
+    /// CPU seconds per iteration, all threads' CPU time over all their iterations. Unlike the
+    /// real time it does not grow when other processes take the cores, but it does when the
+    /// threads wait for memory the other thread wrote.
+    std::optional<double> cpuSeconds(const std::string& name, int threads = 1) const {
+        const auto found = cpuMedians_.find(name + "/" + std::to_string(threads));
+        if (found == cpuMedians_.end()) return std::nullopt;
+        return found->second;
+    }
+
+private:
+    std::map<std::string, double> medians_;     // real time
+    std::map<std::string, double> cpuMedians_;  // CPU time
+};
+
+void printRatio(const char* what, std::optional<double> value, const char* target = nullptr) {
+    if (!value) return;
+    std::printf("%-58s %8.2fx", what, *value);
+    if (target) std::printf("  (target %s)", target);
+    std::printf("\n");
+}
+
+void printBytes(const char* names, const CachedDomainBytes& bytes) {
+    std::printf("memory per cached domain, two addresses, %-17s %8.0f B  (target <= 512 B)\n",
+                names, bytes.total);
+    std::printf("  %-56s %8.0f B\n", "of which the dictionary entry (node, key, bucket):",
+                bytes.entry);
+    std::printf("  %-56s %8.0f B\n", "of which the list and its two records:", bytes.records);
+}
+
+std::optional<double> divide(std::optional<double> a, std::optional<double> b) {
+    if (!a || !b) return std::nullopt;
+    return *a / *b;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // Defaults first, so that flags given on the command line win. The machine may be shared:
+    // repetitions of all benchmarks are interleaved and their medians compared.
+    std::vector<char*> args{argv[0]};
+    std::string defaults[] = {"--benchmark_repetitions=7",
+                              "--benchmark_enable_random_interleaving=true",
+                              "--benchmark_display_aggregates_only=true",
+                              "--benchmark_min_time=0.2"};
+    for (auto& flag : defaults) args.push_back(flag.data());
+    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
+    int count = static_cast<int>(args.size());
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    fixture();
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const CachedDomainBytes shortNames = bytesPerCachedDomain(false);
+    const CachedDomainBytes longNames = bytesPerCachedDomain(true);
+
+    std::printf("\nMedians of the repetitions:\n");
+    const auto hit = reporter.seconds("BM_Hit_getIPV4ByDomain");
+    printRatio("hit / bare map find and copy:", divide(hit, reporter.seconds("BM_BareMap_FindAndCopy")),
+               "<= 10x");
+    printRatio("getaddrinfo(\"localhost\") / hit:",
+               divide(reporter.seconds("BM_Getaddrinfo_Localhost"), hit), ">= 100x");
+    // Throughput on two threads needs two free cores. Where others' work takes them, the CPU
+    // time each lookup costs on two threads against one tells what sharing memory adds; twice
+    // its inverse is the throughput two free cores would give.
+    std::printf("2 threads / 1 thread:                 throughput   CPU per call   2 x CPU ratio\n");
+    for (const char* name : {"BM_Hit_getIPV4ByDomain", "BM_BareMap_FindAndCopy",
+                             "BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",
+                             "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
+        const auto throughput = divide(reporter.seconds(name), reporter.seconds(name, 2));
+        const auto cpu = divide(reporter.cpuSeconds(name, 2), reporter.cpuSeconds(name));
+        if (!throughput || !cpu) continue;
+        std::printf("  %-34s %9.2fx  %11.2fx  %12.2fx%s\n", name + 3, *throughput, *cpu, 2 / *cpu,
+                    name == std::string("BM_Hit_getIPV4ByDomain") ? "  (target >= 1.5x)" : "");
+    }
+    std::printf("steps of a hit, ns per call on 1 thread:");
+    for (const char* step : {"BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",
+                             "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
+        if (const auto one = reporter.seconds(step)) std::printf("  %s %.1f", step + 8, *one * 1e9);
+    }
+    std::printf("\n");
+    const auto bare = reporter.seconds("BM_Miss_BareCurl");
+    printRatio("miss, cacheIP off / bare libcurl GET:",
+               divide(reporter.seconds("BM_Miss_getIPV4ByDomain/cacheIP:0"), bare), "<= 1.3x");
+    printRatio("miss, cacheIP on, answer stored / bare libcurl GET:",
+               divide(reporter.seconds("BM_Miss_getIPV4ByDomain/cacheIP:1"), bare));
+    printBytes("short names:", shortNames);
+    printBytes("long names:", longNames);
+    benchmark::Shutdown();
+    std::filesystem::remove_all(fixture().scratch.path());
+    return 0;
+}

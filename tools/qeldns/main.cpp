@@ -1,0 +1,165 @@
+// qeldns: resolves names from a shell through the SDK, like `dig +short` or `getent hosts`
+// for an HTTP resolution service. Uses the library's public API only.
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "QeldnsOptions.h"
+#include "QelHttpDnsSDK/QelHttpDnsSDK.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Ips = std::optional<std::vector<std::string>>;
+
+// What one lookup got.
+struct Result {
+    bool answered = false;
+    bool onCallingThread = false;  // a cache hit or a refusal, answered before the call returned
+    std::optional<QelDNSError> error;
+    Ips ips;
+    int64_t microseconds = 0;
+};
+
+// Runs one lookup and waits for its callback, at most `limit`.
+Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type, Clock::duration limit) {
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable done;
+        Result result;
+    };
+    auto shared = std::make_shared<Shared>();
+    const auto caller = std::this_thread::get_id();
+    const auto start = Clock::now();
+    dns.getIPByDomain(name, type, [shared, caller, start](std::optional<QelDNSError> error, Ips ips) {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        Result& result = shared->result;
+        result.microseconds =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+        result.onCallingThread = std::this_thread::get_id() == caller;
+        result.error = std::move(error);
+        result.ips = std::move(ips);
+        result.answered = true;
+        shared->done.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(shared->mutex);
+    shared->done.wait_for(lock, limit, [&] { return shared->result.answered; });
+    return shared->result;
+}
+
+bool readNames(const std::string& path, std::vector<std::string>& names) {
+    std::ifstream file(path);
+    if (!file) return false;
+    for (std::string line; std::getline(file, line);) {
+        line = line.substr(0, line.find('#'));
+        const auto first = line.find_first_not_of(" \t\r");
+        if (first == std::string::npos) continue;
+        const auto last = line.find_last_not_of(" \t\r");
+        names.push_back(line.substr(first, last - first + 1));
+    }
+    return true;
+}
+
+// Prints one answer; true when it carried addresses.
+bool report(const QeldnsOptions& options, const std::string& name, const Result& result,
+            double waitedSeconds) {
+    if (options.json) {
+        nlohmann::json line = {{"domain", name}, {"type", options.type == 1 ? "A" : "AAAA"}};
+        if (!result.answered) {
+            line["error"] = {{"code", nullptr},
+                             {"message", "no answer within " + std::to_string(waitedSeconds) + " s"}};
+        } else if (result.error) {
+            line["error"] = {{"code", result.error->code()},
+                             {"message", result.error->localizedDescription()}};
+            line["microseconds"] = result.microseconds;
+        } else {
+            line["addresses"] = *result.ips;
+            line["source"] = result.onCallingThread ? "cache" : "network";
+            line["microseconds"] = result.microseconds;
+        }
+        std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    } else if (!result.answered) {
+        std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", name.c_str(), waitedSeconds);
+    } else if (result.error) {
+        std::fprintf(stderr, "qeldns: %s: error %lld: %s\n", name.c_str(),
+                     static_cast<long long>(result.error->code()),
+                     result.error->localizedDescription().c_str());
+    } else {
+        std::string line = name;
+        for (const auto& ip : *result.ips) line += " " + ip;
+        std::printf("%s\n", line.c_str());
+    }
+    std::fflush(stdout);
+    return result.answered && !result.error;
+}
+
+void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
+    QelDNSApplication::setBundleIdentifier(std::string("qeldns"));
+    if (options.storePath) QelDNSApplication::setStorePath(*options.storePath);
+    // Without -v the SDK's console lines (it always logs each request) stay out of the output.
+    if (!options.verbose) QelDNSApplication::setLogSink([](const std::string&) {});
+    dns.consolePrintLogEnable(options.verbose);
+    dns.enableCacheIP(options.cache);
+    dns.enableExpiredIp(options.expired);
+    dns.setTimeout(options.timeout);
+    if (!options.degradeHosts.empty()) dns.setDegradeHosts(options.degradeHosts);
+    if (options.server) dns.customServerUrl(options.server);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string usageError;
+    std::optional<QeldnsOptions> parsed = QeldnsOptions::parse(argc, argv, usageError);
+    if (!parsed) {
+        std::fprintf(stderr, "qeldns: %s\nTry 'qeldns --help'.\n", usageError.c_str());
+        return 2;
+    }
+    const QeldnsOptions& options = *parsed;
+    if (options.help) {
+        std::fputs(QeldnsOptions::kUsage, stdout);
+        return 0;
+    }
+    std::vector<std::string> names = options.names;
+    if (options.namesFile && !readNames(*options.namesFile, names)) {
+        std::fprintf(stderr, "qeldns: cannot read %s\n", options.namesFile->c_str());
+        return 2;
+    }
+
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    configure(dns, options);
+    if (options.clearCache) dns.cleanAllCache();
+    if (names.empty()) return 0;
+
+    // One request's time limit, and some room for the login and the retries after it.
+    const double requestSeconds = options.timeout > 0 ? options.timeout : 20.0;
+    const double waitSeconds = 4 * requestSeconds + 1;
+    const auto limit = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(waitSeconds));
+    dns.registerAuthId(options.authId, options.authSecret);
+    // Until the login's reply arrives the SDK answers no lookup at all.
+    const auto loginDeadline = Clock::now() + limit;
+    while (dns.initStatus() == 0 && Clock::now() < loginDeadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+
+    const bool progress = options.namesFile && !options.json && isatty(STDERR_FILENO) && !options.verbose;
+    bool allAnswered = true;
+    size_t done = 0;
+    for (const std::string& name : names) {
+        for (int round = 0; round < options.repeat; ++round) {
+            allAnswered &= report(options, name, lookUp(dns, name, options.type, limit), waitSeconds);
+        }
+        if (progress) std::fprintf(stderr, "\r%zu/%zu names", ++done, names.size());
+    }
+    if (progress) std::fprintf(stderr, "\n");
+    return allAnswered ? 0 : 1;
+}

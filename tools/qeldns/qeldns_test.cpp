@@ -1,0 +1,85 @@
+// The qeldns command against a signature-checking resolution service on loopback.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "support/ResolutionService.h"
+#include "support/ScratchDirectory.h"
+
+using nlohmann::json;
+
+namespace {
+
+struct Outcome {
+    int status = -1;
+    std::vector<std::string> lines;
+};
+
+Outcome qeldns(const std::string& arguments) {
+    Outcome run;
+    FILE* pipe = popen((std::string(QELDNS_BINARY) + " " + arguments + " 2>/dev/null").c_str(), "r");
+    if (!pipe) return run;
+    char buffer[4096];
+    while (std::fgets(buffer, sizeof buffer, pipe)) {
+        std::string line = buffer;
+        if (!line.empty() && line.back() == '\n') line.pop_back();
+        run.lines.push_back(line);
+    }
+    const int status = pclose(pipe);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+class Qeldns : public testing::Test {
+protected:
+    Qeldns() {
+        service.setAddresses("a.test", {"192.0.2.1", "2001:db8::1"});
+        setenv("QELDNS_AUTH_ID", "acct", 1);
+        setenv("QELDNS_AUTH_SECRET", "secret", 1);
+    }
+    std::string common() const {
+        return "--server " + service.baseUrl() + " --store " + scratch.file("store.sqlite3") + " ";
+    }
+
+    qel::test::ScratchDirectory scratch;
+    qel::test::ResolutionService service{"acct", "secret", "qeldns"};
+};
+
+TEST_F(Qeldns, PrintsAddressesAndExitsZeroWhenEveryNameIsAnswered) {
+    const Outcome run = qeldns(common() + "-6 a.test");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.lines, std::vector<std::string>{"a.test 192.0.2.1 2001:db8::1"});
+    EXPECT_EQ(service.badSignatures(), 0u);
+}
+
+TEST_F(Qeldns, JsonShowsTheSourceOfEachAnswerAndTheErrorsWithTheirCodes) {
+    // Three lookups of one name: the first two fill the keys of both type suffixes, the third
+    // is a hit; then a malformed name fails, so the exit status is 1.
+    const Outcome run = qeldns(common() + "--json --repeat 3 a.test 192.168.1.1");
+    EXPECT_EQ(run.status, 1);
+    ASSERT_EQ(run.lines.size(), 6u);
+    const json hit = json::parse(run.lines[2]);
+    EXPECT_EQ(hit["source"], "cache");
+    EXPECT_EQ(hit["addresses"], json({"192.0.2.1", "2001:db8::1"}));
+    EXPECT_EQ(json::parse(run.lines[0])["source"], "network");
+    const json refused = json::parse(run.lines[3]);
+    EXPECT_EQ(refused["domain"], "192.168.1.1");
+    EXPECT_EQ(refused["error"]["code"], 1);
+    EXPECT_EQ(refused["error"]["message"], "域名格式错误");
+    EXPECT_EQ(service.resolvedHosts().size(), 2u);
+}
+
+TEST_F(Qeldns, BadUsageExitsTwo) {
+    EXPECT_EQ(qeldns("--bogus a.test").status, 2);
+    EXPECT_EQ(qeldns("--timeout soon a.test").status, 2);
+    unsetenv("QELDNS_AUTH_SECRET");
+    EXPECT_EQ(qeldns(common() + "a.test").status, 2);
+    EXPECT_EQ(service.logins(), 0u);
+}
+
+}  // namespace
