@@ -1,0 +1,44 @@
+// The command line of qel-httpdns-server.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Endpoint.h"
+
+namespace qel::server {
+
+/// A command line that cannot be used; what() says why.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Options {
+    Endpoint listen{"127.0.0.1", 18053};
+    std::vector<Endpoint> nodes;          // further listeners, handed out in this order
+    std::vector<std::string> advertised;  // when given, the node list handed out instead
+    std::string accountsFile;
+    std::string zoneFile;                 // empty: no zone
+    std::optional<Endpoint> upstream;
+    int upstreamTimeoutMs = 2000;
+    int windowSeconds = 300;
+    size_t threads = 16;
+    std::string accessLog = "-";          // "-": standard output
+    bool help = false;
+
+    /// Every endpoint to listen on: `listen`, then `nodes`.
+    std::vector<Endpoint> listeners() const;
+    /// The node list a login hands out: `advertised` if given, else the URLs of `nodes`, else
+    /// the URL of `listen`.
+    std::vector<std::string> nodeList(const std::vector<Endpoint>& bound) const;
+};
+
+/// Throws UsageError.
+Options parseOptions(const std::vector<std::string>& arguments);
+
+std::string usage();
+
+}  // namespace qel::server

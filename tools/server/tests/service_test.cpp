@@ -1,0 +1,249 @@
+// The service's checks and answers, driven over HTTP in-process with requests signed by the
+// SDK's own signers and encoded the way its transport encodes them.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <dirent.h>
+
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "ServerTestSupport.h"
+
+using namespace qel::server;
+using namespace qel::server::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const char kZone[] = R"(
+$TTL 300
+; several lines of one name add up; the answer carries the smallest TTL
+www.example.test.   60  IN  A     192.0.2.10
+WWW.Example.Test        30  A     192.0.2.11   # a comment after a record
+www.example.test            AAAA  2001:DB8::10
+v4only.example.test     120 A     192.0.2.20
+)";
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> all;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) all.push_back(line);
+    return all;
+}
+
+}  // namespace
+
+TEST(Signature, RequestsSignedByTheSdkAreAcceptedWhateverTheApplicationIdentifier) {
+    LocalService local(kZone, 2);
+    // Characters the transport leaves as they are ("+", "&", "="), ones it escapes, and an
+    // absent identifier, which the SDK sends and signs as "(null)".
+    const std::vector<std::optional<std::string>> appIds = {
+        std::string(kAppId), std::string("com.example app+beta&x=1"), std::string("100%-прил"),
+        std::nullopt};
+    for (const auto& appId : appIds) {
+        SCOPED_TRACE(appId.value_or("(absent)"));
+        const auto login = local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds(), appId));
+        EXPECT_EQ(login.status, 200) << login.body;
+        EXPECT_EQ(login.field("auth_id"), kAuthId);
+        EXPECT_EQ(login.field("best_service_node"), local.url(0));
+        EXPECT_EQ(login.field("service_node_list"), "[\"" + local.url(0) + "\",\"" + local.url(1) + "\"]");
+
+        const auto resolve =
+            local.get(sdkResolve(kAuthId, kSecret, "www.example.test", 1, nowMilliseconds(), appId), 1);
+        EXPECT_EQ(resolve.status, 200) << resolve.body;
+        EXPECT_EQ(resolve.field("ip_list"), R"(["192.0.2.10","192.0.2.11"])");
+    }
+}
+
+TEST(Signature, EverySignedFieldIsChecked) {
+    LocalService local(kZone);
+    const int64_t now = nowMilliseconds();
+    // Each request carries the signature of one request and asks another.
+    const SignedRequest good = sdkResolve(kAuthId, kSecret, "www.example.test", 1, now);
+    const std::vector<std::pair<std::string, SignedRequest>> forged = {
+        {"other host", sdkResolve(kAuthId, kSecret, "v4only.example.test", 1, now)},
+        {"other type", sdkResolve(kAuthId, kSecret, "www.example.test", 2, now)},
+        {"other time", sdkResolve(kAuthId, kSecret, "www.example.test", 1, now + 1)},
+        {"other app", sdkResolve(kAuthId, kSecret, "www.example.test", 1, now, std::string("x"))},
+        {"login time", sdkLogin(kAuthId, kSecret, now + 1)},
+        {"login app", sdkLogin(kAuthId, kSecret, now, std::string("x"))},
+    };
+    for (const auto& [what, request] : forged) {
+        SCOPED_TRACE(what);
+        const SignedRequest signedForOther{request.target,
+                                           request.target.find("/service") != std::string::npos
+                                               ? sdkLogin(kAuthId, kSecret, now).authorization
+                                               : good.authorization};
+        const auto answer = local.get(signedForOther);
+        EXPECT_EQ(answer.status, 403);
+        EXPECT_EQ(answer.field("status"), "403");
+        EXPECT_EQ(answer.field("message"), "signature mismatch");
+    }
+    const auto wrongSecret = local.get(sdkResolve(kAuthId, "guess", "www.example.test", 1, now));
+    EXPECT_EQ(wrongSecret.field("message"), "signature mismatch");
+    const auto unsignedRequest = local.get({good.target, ""});
+    EXPECT_EQ(unsignedRequest.status, 403);
+    EXPECT_EQ(unsignedRequest.field("message"), "missing Authorization header 'MD5 <signature>'");
+    EXPECT_EQ(local.get(good).status, 200);
+}
+
+TEST(Checks, UnknownAccountsAreRefusedOnBothEndpoints) {
+    LocalService local(kZone);
+    const int64_t now = nowMilliseconds();
+    for (const auto& request : {sdkLogin("acct-8", kSecret, now),
+                                sdkResolve("acct-8", kSecret, "www.example.test", 1, now),
+                                sdkLogin("ACCT-7", kSecret, now)}) {
+        const auto answer = local.get(request);
+        EXPECT_EQ(answer.status, 403);
+        EXPECT_EQ(answer.body, R"({"message":"unknown account","status":403})");
+    }
+}
+
+TEST(Checks, TimestampsOutsideTheWindowAreRefusedEitherWay) {
+    LocalService local(kZone);
+    local.service().setWindow(120s);
+    const int64_t minute = 60 * 1000;
+    for (int64_t offset : {-3 * minute, 3 * minute}) {
+        const auto login = local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds() + offset));
+        const auto resolve =
+            local.get(sdkResolve(kAuthId, kSecret, "www.example.test", 1, nowMilliseconds() + offset));
+        for (const auto& answer : {login, resolve}) {
+            EXPECT_EQ(answer.status, 403);
+            EXPECT_NE(answer.field("message").find("timestamp outside the accepted window"),
+                      std::string::npos) << answer.body;
+        }
+    }
+    for (int64_t offset : {-minute, minute}) {
+        EXPECT_EQ(local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds() + offset)).status, 200);
+    }
+}
+
+TEST(Checks, MalformedRequestsGetAStatusAndAReason) {
+    LocalService local(kZone);
+    const int64_t now = nowMilliseconds();
+    // The SDK signs and sends a type other than 1 or 2 as it is given.
+    const auto badType = local.get(sdkResolve(kAuthId, kSecret, "www.example.test", 3, now));
+    EXPECT_EQ(badType.status, 400);
+    EXPECT_EQ(badType.field("message"), "type must be 1 (IPv4) or 2 (IPv6)");
+
+    const auto noHost = local.get({"/acct-7/resolve?timestamp=1&type=1&app_id=a", "MD5 x"});
+    EXPECT_EQ(noHost.status, 400);
+    EXPECT_EQ(noHost.field("message"), "timestamp, host, type and app_id are required");
+
+    const auto elsewhere = local.get({"/acct-7/other", ""});
+    EXPECT_EQ(elsewhere.status, 404);
+    EXPECT_EQ(elsewhere.field("status"), "404");
+
+    httplib::Client client("127.0.0.1", local.port());
+    const auto post = client.Post(sdkLogin(kAuthId, kSecret, now).target.c_str());
+    ASSERT_TRUE(post);
+    EXPECT_EQ(post->status, 405);
+}
+
+TEST(ZoneAnswers, AddressesOfTheTypeAskedWithTheSmallestTtl) {
+    LocalService local(kZone);
+    struct Case {
+        std::string host;
+        int type;
+        std::string body;
+    };
+    const std::vector<Case> cases = {
+        {"www.example.test", 1, R"({"host":"www.example.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":30})"},
+        {"www.example.test", 2, R"({"host":"www.example.test","ip_list":["2001:db8::10"],"ttl":300})"},
+        // Matched without regard to case; the host is echoed as asked, as the SDK requires.
+        {"Www.EXAMPLE.test", 1, R"({"host":"Www.EXAMPLE.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":30})"},
+        // A name without addresses of the type, and an unknown name: an empty list.
+        {"v4only.example.test", 2, R"({"host":"v4only.example.test","ip_list":[],"ttl":0})"},
+        {"nowhere.example.test", 1, R"({"host":"nowhere.example.test","ip_list":[],"ttl":0})"},
+        // Whatever bytes a name holds, the answer stays JSON: escaped, and not UTF-8 replaced.
+        {"odd\"name\xff", 1, "{\"host\":\"odd\\\"name\xEF\xBF\xBD\",\"ip_list\":[],\"ttl\":0}"},
+    };
+    for (const auto& c : cases) {
+        const auto answer = local.get(sdkResolve(kAuthId, kSecret, c.host, c.type, nowMilliseconds()));
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.body, c.body);
+    }
+}
+
+TEST(ZoneAnswers, AReplacedZoneAnswersOnTheConnectionAlreadyOpen) {
+    LocalService local(kZone);
+    const auto ask = [&] {
+        return local.get(sdkResolve(kAuthId, kSecret, "new.example.test", 1, nowMilliseconds()))
+            .field("ip_list");
+    };
+    EXPECT_EQ(ask(), "[]");
+    local.service().setZone(Zone::parse("new.example.test 5 A 198.51.100.1\n", "zone"));
+    EXPECT_EQ(ask(), R"(["198.51.100.1"])");
+    // Both requests came over one connection: the same client port in both access lines.
+    std::set<std::string> remotes;
+    const std::regex remote(R"(^\S+ (\S+) acct-7 GET /acct-7/resolve 200 .*)");
+    for (const auto& line : lines(local.log())) {
+        std::smatch match;
+        if (std::regex_match(line, match, remote)) remotes.insert(match[1]);
+    }
+    EXPECT_EQ(remotes.size(), 1u) << local.log();
+    EXPECT_EQ(lines(local.log()).size(), 2u);
+}
+
+TEST(AccessLog, OneLinePerRequestAndNeverTheSecret) {
+    LocalService local(kZone);
+    const int64_t now = nowMilliseconds();
+    local.get(sdkLogin(kAuthId, kSecret, now));
+    local.get(sdkResolve(kAuthId, kSecret, "www.example.test", 1, now));
+    local.get(sdkResolve(kAuthId, kSecret, "forged\nline 200", 1, now));
+    local.get(sdkResolve(kAuthId, kSecret, "www.example.test", 1, now - 3600 * 1000));
+    local.get(sdkLogin("acct-8", kSecret, now));
+
+    const auto logged = lines(local.log());
+    ASSERT_EQ(logged.size(), 5u) << local.log();
+    const std::string stamp = R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 127\.0\.0\.1:\d+ )";
+    const std::vector<std::string> expected = {
+        stamp + R"(acct-7 GET /acct-7/service 200 \d+us app_id=com\.example\.app nodes=1$)",
+        stamp + R"(acct-7 GET /acct-7/resolve 200 \d+us host=www\.example\.test type=1 source=zone addresses=2 ttl=30$)",
+        stamp + R"(acct-7 GET /acct-7/resolve 200 \d+us host=forged%0Aline%20200 type=1 source=none addresses=0 ttl=0$)",
+        stamp + R"(acct-7 GET /acct-7/resolve 403 \d+us "timestamp outside the accepted window: -3600 s .*"$)",
+        stamp + R"(acct-8 GET /acct-8/service 403 \d+us "unknown account"$)",
+    };
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_TRUE(std::regex_match(logged[i], std::regex(expected[i]))) << logged[i];
+        EXPECT_EQ(logged[i].find(kSecret), std::string::npos);
+    }
+}
+
+TEST(Connections, AcceptedConnectionsSendWithoutDelay) {
+    LocalService local(kZone);
+    ASSERT_EQ(local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds())).status, 200);
+    // The server's end of the kept-alive connection is a descriptor of this process.
+    int accepted = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    while (dirent* entry = readdir(fds)) {
+        const int fd = std::atoi(entry->d_name);
+        sockaddr_in local_{};
+        socklen_t length = sizeof local_;
+        int listening = 1, noDelay = 0;
+        socklen_t size = sizeof listening;
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local_), &length) != 0 ||
+            local_.sin_family != AF_INET || ntohs(local_.sin_port) != local.port() ||
+            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || listening) {
+            continue;
+        }
+        getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size);
+        EXPECT_NE(noDelay, 0);
+        ++accepted;
+    }
+    closedir(fds);
+    EXPECT_EQ(accepted, 1);
+}
+
+TEST(Connections, StopEndsKeptAliveConnectionsAndRefusesNewOnes) {
+    LocalService local(kZone);
+    const auto first = local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds()));
+    ASSERT_EQ(first.status, 200);
+    local.listener().stop();
+    const auto after = local.get(sdkLogin(kAuthId, kSecret, nowMilliseconds()));
+    EXPECT_EQ(after.status, 0) << after.body;
+}
