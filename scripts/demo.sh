@@ -1,8 +1,87 @@
 #!/usr/bin/env bash
-# The main job: builds the SDK and the tools, then runs the end-to-end demo.
+# The main job: builds the SDK, its reference service and qeldns, starts the service on
+# loopback with a sample account and zone, and shows what the SDK does, step by step.
+# Everything it starts is stopped when it ends, Ctrl-C included. Only loopback traffic.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
 scripts/setup.sh
 cmake --preset release -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF >/dev/null
-cmake --build --preset release -j2
-build/release/tools/qel-httpdns-version
+cmake --build --preset release -j2 --target qel-httpdns-server qeldns >/dev/null
+
+bin=build/release/tools
+work=$(mktemp -d)
+pids=()
+stop_all() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap stop_all EXIT
+trap 'exit 130' INT TERM
+
+login=127.0.0.1:18053 node_a=127.0.0.1:18061 node_b=127.0.0.1:18062
+cat >"$work/accounts" <<'EOF'
+# AuthId  AuthSecret
+demo      demo-secret
+EOF
+cat >"$work/zone" <<'EOF'
+$TTL 300
+www.example.test.  60  A     192.0.2.10
+www.example.test.  60  A     192.0.2.11
+www.example.test.  60  AAAA  2001:db8::10
+api.example.test.  120 A     192.0.2.20
+EOF
+
+# The login service hands out node A, then node B. The client switches nodes only when the
+# node after the failed one repeats it, so A is listed three times before B.
+serve() {  # name, then the server's own options
+  local name=$1; shift
+  "$bin/server/qel-httpdns-server" --accounts "$work/accounts" --zone "$work/zone" \
+    --access-log "$work/$name.log" "$@" &
+  pids+=($!)
+}
+serve login --listen "$login" --advertise "http://$node_a" --advertise "http://$node_a" \
+  --advertise "http://$node_a" --advertise "http://$node_b"
+serve node-a --listen "$node_a"
+serve node-b --listen "$node_b"
+for address in $login $node_a $node_b; do
+  for _ in $(seq 100); do
+    (exec 3<>"/dev/tcp/${address%:*}/${address#*:}") 2>/dev/null && break
+    sleep 0.05
+  done
+done
+
+export QELDNS_AUTH_ID=demo QELDNS_AUTH_SECRET=demo-secret
+store="$work/store.sqlite3"
+qeldns() {
+  echo "\$ qeldns $*"
+  "$bin/qeldns" --server "http://$login" --store "$store" "$@" || echo "(exit status $?)"
+  echo
+}
+step() { printf '\n== %s\n' "$*"; }
+
+step "1. A first lookup is answered by the service (node A)"
+qeldns --json www.example.test
+
+step "2. A new process: its first lookup comes from the persisted store, before any request;"
+echo "   the second misses (the cache key takes the previous lookup's type), the third hits memory"
+qeldns --json --repeat 3 www.example.test
+
+step "3. IPv6 (without the cache: a first lookup would read the \"_v6\" key, where step 1 stored IPv4)"
+qeldns -6 --no-cache --json www.example.test
+
+step "4. A name the service does not know: retried three times, then an error"
+qeldns nothing.example.test
+
+step "5. A degraded host is left to the system resolver, and a malformed name is refused"
+qeldns --degrade www.example.test www.example.test
+qeldns 192.168.1.1
+
+step "6. Node A stops: the lookup fails over to node B"
+kill "${pids[1]}"; wait "${pids[1]}" 2>/dev/null || true
+qeldns --no-cache --json api.example.test
+echo "node B's access log:"
+sed 's/^/  /' "$work/node-b.log"
+
+step "Done: every process started here is stopped."
