@@ -16,10 +16,8 @@
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/PlatformServices.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
-#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeClock.h"
-#include "support/FakeReachability.h"
 #include "support/ScratchDirectory.h"
 
 using qel::platform::Clock;
@@ -53,21 +51,17 @@ TEST(ScopedPlatformOverride, ReplacesEachServiceUntilDestroyedAndNests) {
         qel::test::FakeClock outer(1000.5);
         {
             qel::test::FakeClock inner(5.0);
-            qel::test::FakeReachabilityFactory reachability(0);
             ScopedPlatformOverride scope;
             scope.httpSession(session).userDefaults(store);
             EXPECT_EQ(Clock::currentTime(), 5.0);
             EXPECT_EQ(&HttpSession::shared(), &session);
             EXPECT_EQ(&UserDefaults::standard(), &store);
-            reachability.failCreation = true;  // the fake factory answers, not the kernel
-            EXPECT_FALSE(QelDNSReachability::reachabilityForInternetConnection());
         }
         EXPECT_EQ(Clock::currentTime(), 1000.5);
     }
     EXPECT_GT(Clock::currentTime(), 1.6e9);
     EXPECT_EQ(&HttpSession::shared(), &qel::platform::CurlHttpSession::shared());
     EXPECT_NE(&UserDefaults::standard(), &store);
-    EXPECT_TRUE(QelDNSReachability::reachabilityForInternetConnection());
 }
 
 TEST(NotificationCenter, DeliversByNameOnThePostingThreadAndSurvivesReentrantBlocks) {
