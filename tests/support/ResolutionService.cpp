@@ -1,27 +1,12 @@
 #include "support/ResolutionService.h"
 
-#include <openssl/evp.h>
-
-#include <cstdio>
+#include "support/Md5.h"
 
 namespace qel::test {
 
 namespace {
 
 using Lock = std::lock_guard<std::mutex>;
-
-std::string md5Hex(const std::string& text) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);
-    std::string hex;
-    char byte[3];
-    for (unsigned int i = 0; i < length; ++i) {
-        std::snprintf(byte, sizeof byte, "%02x", digest[i]);
-        hex += byte;
-    }
-    return hex;
-}
 
 }  // namespace
 
