@@ -57,6 +57,7 @@ QelDNSNetworkManager::~QelDNSNetworkManager() {
     for (NotificationCenter::ObserverToken token : observerTokens_) {
         NotificationCenter::defaultCenter().removeObserver(token);
     }
+    current_.store(nullptr, std::memory_order_release);
     if (reachability_) reachability_->stopNotifier();
     reachability_.reset();
 }
@@ -94,12 +95,12 @@ void QelDNSNetworkManager::willEnterForeground() {
 }
 
 bool QelDNSNetworkManager::networkAvailable() {
-    std::shared_ptr<QelDNSReachability> internet = reachability();
+    QelDNSReachability* internet = current_.load(std::memory_order_acquire);
     return internet && internet->currentReachabilityStatus() != QelDNSNetworkStatusNotReachable;
 }
 
 QelDNSNetworkStatus QelDNSNetworkManager::networkStatus() {
-    std::shared_ptr<QelDNSReachability> internet = reachability();
+    QelDNSReachability* internet = current_.load(std::memory_order_acquire);
     return internet ? internet->currentReachabilityStatus() : QelDNSNetworkStatusNotReachable;
 }
 
@@ -131,10 +132,14 @@ void QelDNSNetworkManager::setReachability(std::shared_ptr<QelDNSReachability> r
     std::shared_ptr<QelDNSReachability> previous;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        previous = std::move(reachability_);
+        if (reachability == reachability_) return;
+        previous = reachability_;
+        if (reachability_) replaced_.push_back(std::move(reachability_));
         reachability_ = std::move(reachability);
+        current_.store(reachability_.get(), std::memory_order_release);
     }
-    // The replaced object (and its teardown) goes here, outside the lock.
+    // A replaced reachability reports nothing more, as if it were gone; stopped outside the lock.
+    if (previous) previous->stopNotifier();
 }
 
 QelDNSNetworkStatus QelDNSNetworkManager::lastNetworkStatus() const {
