@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs the library to a temporary prefix and builds examples/minimal against that copy
-# alone, once with find_package(QelHttpDnsSDK) and once with pkg-config. Fails when an installed
-# header reaches a header that is not installed or is not the standard library's, when a file
-# beyond the umbrella's headers is installed, or when the shared library hides a public name or
-# exports an internal one.
+# alone, once with find_package(QelHttpDnsSDK) and once with pkg-config, and examples/curl with
+# find_package. Fails when an installed header reaches a header that is not installed or is not
+# the standard library's, when a file beyond the umbrella's headers is installed, or when the
+# shared library hides a public name or exports an internal one.
 #   scripts/check-install.sh                 static and shared library
 #   scripts/check-install.sh static|shared   one of them
 set -euo pipefail
@@ -79,6 +79,9 @@ build_example() {
     cmake -S examples/minimal -B "$work/example-cmake-$kind" -DCMAKE_PREFIX_PATH="$prefix" \
           -DCMAKE_CXX_FLAGS="${warnings[*]}" >/dev/null
     cmake --build "$work/example-cmake-$kind" -j2 >/dev/null
+    cmake -S examples/curl -B "$work/example-curl-$kind" -DCMAKE_PREFIX_PATH="$prefix" \
+          -DCMAKE_CXX_FLAGS="${warnings[*]}" >/dev/null
+    cmake --build "$work/example-curl-$kind" -j2 >/dev/null
     # pkg-config, the same line for either kind of library.
     export PKG_CONFIG_PATH
     PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name QelHttpDnsSDK.pc)")
@@ -88,7 +91,8 @@ build_example() {
         -Wl,-rpath,"$(pkg-config --variable=libdir QelHttpDnsSDK)"
     unset PKG_CONFIG_PATH
     # Both load with every symbol bound at start; without arguments they print their usage.
-    for program in "$work/example-cmake-$kind/minimal" "$work/example-pc-$kind"; do
+    for program in "$work/example-cmake-$kind/minimal" "$work/example-pc-$kind" \
+                   "$work/example-curl-$kind/curl_fetch"; do
         local status=0
         LD_BIND_NOW=1 "$program" >/dev/null 2>&1 || status=$?
         [ "$status" -eq 2 ] || fail "$program did not start (exit $status)"

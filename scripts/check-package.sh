@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Builds the Debian package from a clean shared release build (the `package` preset), unpacks it
+# into a scratch root and checks it: its metadata and dependencies, every file it must hold and
+# nothing of the build tree, qeldns and qel-httpdns-server start from the root with the packaged
+# library, and examples/minimal builds against the root with find_package.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "check-package: $*" >&2; exit 1; }
+
+build=build/package
+rm -rf "$build"
+cmake --preset package -DQEL_WERROR=ON >/dev/null
+cmake --build --preset package -j2 --target package >"$work/build.log" 2>&1 ||
+    { cat "$work/build.log" >&2; fail "the package build failed"; }
+debs=("$build"/qel-httpdns-sdk_*.deb)
+[ ${#debs[@]} -eq 1 ] && [ -f "${debs[0]}" ] || fail "expected one package in $build"
+deb=${debs[0]}
+
+for field in Package Version Architecture Maintainer Description; do
+    [ -n "$(dpkg-deb -f "$deb" "$field")" ] || fail "the control file has no $field"
+done
+depends=$(dpkg-deb -f "$deb" Depends)
+for library in libcurl4 libssl3 libsqlite3-0 libre2-9 libc-ares2 libcpp-httplib; do
+    grep -q "$library" <<<"$depends" || fail "Depends lacks $library: $depends"
+done
+
+root=$work/root
+dpkg-deb -x "$deb" "$root"
+libdir=$(dirname "$(find "$root" -name libQelHttpDnsSDK.so.1)")
+[ -d "$libdir" ] || fail "libQelHttpDnsSDK.so.1 is not in the package"
+for file in usr/bin/qeldns usr/bin/qel-httpdns-server usr/share/man/man1/qeldns.1 \
+            usr/include/QelHttpDnsSDK/QelHttpDnsSDK.h; do
+    [ -e "$root/$file" ] || fail "$file is not in the package"
+done
+for file in libQelHttpDnsSDK.so pkgconfig/QelHttpDnsSDK.pc \
+            cmake/QelHttpDnsSDK/QelHttpDnsSDKConfig.cmake; do
+    [ -e "$libdir/$file" ] || fail "${libdir#"$root"/}/$file is not in the package"
+done
+programs=$(ls "$root/usr/bin" | tr '\n' ' ')
+[ "$programs" = "qel-httpdns-server qeldns " ] || fail "unexpected programs: $programs"
+
+# The packaged programs run with the packaged library (no RPATH points back to the build tree).
+export LD_LIBRARY_PATH=$libdir
+ldd "$root/usr/bin/qeldns" | grep -q "$libdir/libQelHttpDnsSDK.so.1" ||
+    fail "qeldns does not load the packaged library"
+"$root/usr/bin/qeldns" --help | grep -q '^usage: qeldns' || fail "qeldns --help failed"
+"$root/usr/bin/qel-httpdns-server" --help | grep -q '^Usage: qel-httpdns-server' ||
+    fail "qel-httpdns-server --help failed"
+
+# An application builds against the unpacked root alone; without arguments it prints its usage.
+cmake -S examples/minimal -B "$work/minimal" -DCMAKE_PREFIX_PATH="$root/usr" \
+      -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
+cmake --build "$work/minimal" -j2 >/dev/null
+status=0
+"$work/minimal/minimal" >/dev/null 2>&1 || status=$?
+[ "$status" -eq 2 ] || fail "the example built against the package did not start (exit $status)"
+echo "check-package: $deb: $(dpkg-deb -c "$deb" | grep -vc '/$') files, installs and runs"
