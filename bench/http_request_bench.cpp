@@ -26,6 +26,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "BareCurlGet.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
@@ -107,41 +108,12 @@ void getThroughQelDNSRequest(Countdown& countdown) {
                        });
 }
 
-size_t collectBody(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
-    return size * count;
-}
-
 // A bare easy handle that puts the same bytes on the wire as the session does.
 struct BareHandle {
-    CURL* easy = curl_easy_init();
-    curl_slist* headers = nullptr;
-    std::string body;
+    qel::bench::BareCurlGet get{resolveUrl(), kAuthorization};
+    CURL* easy = get.easy();
 
-    BareHandle() {
-        headers = curl_slist_append(headers, "Content-Type: application/json;charset=UTF-8");
-        headers = curl_slist_append(headers, (std::string("Authorization: ") + kAuthorization).c_str());
-        curl_easy_setopt(easy, CURLOPT_URL, resolveUrl().c_str());
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 20000L);
-    }
-    ~BareHandle() {
-        curl_easy_cleanup(easy);
-        curl_slist_free_all(headers);
-    }
-    bool answered() {
-        long status = 0;
-        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-        const bool ok = status == 200 && body == kAnswer;
-        body.clear();
-        return ok;
-    }
+    bool answered() { return get.status() == 200 && get.takeBody() == kAnswer; }
 };
 
 // No HTTP at all: a task handed to the platform thread that signals back. A request through

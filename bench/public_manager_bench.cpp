@@ -14,9 +14,6 @@
 // bare GET to the moment curl returns (manual timing): the benchmark thread's own wake-up is
 // the harness's cost, not the library's.
 #include <benchmark/benchmark.h>
-
-#include <fstream>
-#include <optional>
 #include <curl/curl.h>
 #include <malloc.h>
 #include <netdb.h>
@@ -27,10 +24,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -45,6 +43,7 @@
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "BareCurlGet.h"
 #include "support/FakeReachability.h"
 #include "support/ResolutionService.h"
 #include "support/ScratchDirectory.h"
@@ -263,52 +262,23 @@ BENCHMARK(BM_Step_CacheManagerHit)->ThreadRange(1, 2)->UseRealTime();
 
 // ---------------------------------------------------------------------- misses
 
-size_t collectBody(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
-    return size * count;
-}
-
-// The lookup's GET of the miss domain, made once, on an easy handle set up as the library's
-// session sets up its own: the same request on the wire, the signature checked by the service.
+// The lookup's GET of the miss domain, made once, signed as the library signs it and checked
+// by the service.
 struct BareGet {
-    CURL* easy = curl_easy_init();
-    curl_slist* headers = nullptr;
-    std::string body;
+    const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
+    qel::bench::BareCurlGet get{
+        fixture().service.baseUrl() + "/" + kId + "/resolve?timestamp=" +
+            std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + kMissDomain +
+            "&type=1&app_id=" + kApp,
+        "MD5 " + QelDNSGetIPs::calcSignWithAuthSecret(std::string(kSecret), timestamp,
+                                                      std::string(kMissDomain), 1)};
+    CURL* easy = get.easy();
 
-    BareGet() {
-        const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
-        const std::string sign =
-            QelDNSGetIPs::calcSignWithAuthSecret(std::string(kSecret), timestamp, std::string(kMissDomain), 1);
-        const std::string url = fixture().service.baseUrl() + "/" + kId + "/resolve?timestamp=" +
-                                std::to_string(static_cast<int64_t>(timestamp)) + "&host=" +
-                                kMissDomain + "&type=1&app_id=" + kApp;
-        headers = curl_slist_append(headers, "Content-Type: application/json;charset=UTF-8");
-        headers = curl_slist_append(headers, ("Authorization: MD5 " + sign).c_str());
-        headers = curl_slist_append(headers, "Expect:");
-        curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 20000L);
-    }
-    ~BareGet() {
-        curl_easy_cleanup(easy);
-        curl_slist_free_all(headers);
-    }
     /// Whether the last GET brought the addresses (the body is the service's JSON answer).
     bool answered() {
-        long status = 0;
-        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-        const bool ok = status == 200 && body.find(kAddresses[0]) != std::string::npos &&
-                        body.find(kAddresses[1]) != std::string::npos;
-        body.clear();
-        return ok;
+        const std::string body = get.takeBody();
+        return get.status() == 200 && body.find(kAddresses[0]) != std::string::npos &&
+               body.find(kAddresses[1]) != std::string::npos;
     }
 };
 
