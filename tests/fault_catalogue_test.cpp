@@ -97,7 +97,7 @@ struct Lookup {
 struct Fault {
     const char* name;
     Exchange exchange;
-    double timeout;
+    double timeout;  // the lookups' request timeout, seconds
     std::vector<Reply> script;  // empty: nothing listens; a resolve row's login comes first
     std::vector<Lookup> lookups;
     size_t requests;  // requests the endpoint reads during the lookups
@@ -121,7 +121,7 @@ const std::vector<Fault> kCatalogue{
      {reset(head200(answerBody().size()) + answerBody().substr(0, 20))},
      {kRequestError}, 3},
     {"StallLongerThanTheTimeout", Exchange::Resolve, 0.3, {stall()}, {kUnavailable}, 1},
-    {"BodyTricklingPastTheTimeout", Exchange::Resolve, 0.3,
+    {"BodyTricklingPastTheTimeout", Exchange::Resolve, 0.5,
      {trickle(head200(answerBody().size()), answerBody())}, {kRequestError}, 3},
     {"BodyOverOneMebibyte", Exchange::Resolve, 5.0, {write(oversizedAnswer())}, {kRequestError}, 3},
     {"GarbageBody", Exchange::Resolve, 2.0, {write(garbage())}, {kRequestError}, 3},
@@ -214,7 +214,6 @@ protected:
 TEST_P(FaultCatalogue, EveryLookupIsAnsweredOnceAndNoDescriptorIsLeft) {
     const Fault& fault = GetParam();
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
-    dns.setTimeout(fault.timeout);
     const bool loginFails = fault.exchange == Exchange::Login;
     dns.customServerUrl(raw.url(""));
     if (fault.script.empty()) {
@@ -224,6 +223,7 @@ TEST_P(FaultCatalogue, EveryLookupIsAnsweredOnceAndNoDescriptorIsLeft) {
     }
     dns.registerAuthId(std::string(kId), std::string(kSecret));
     ASSERT_TRUE(eventually([&] { return dns.initStatus() == (loginFails ? 3 : 4); }));
+    dns.setTimeout(fault.timeout);  // registration waits as long as it must
     ASSERT_TRUE(eventually([&] { return raw.openConnections() == 0; }));
     const size_t descriptors = openDescriptors();
     const size_t requestsBefore = raw.requestsServed();
