@@ -92,7 +92,7 @@ struct Tally {
 // One lookup's calls, shared by its callback and the thread waiting for it.
 struct Pending {
     std::atomic<int> calls{0};
-    std::atomic<bool> offline{false};
+    std::atomic<bool> failed{false};
     std::mutex mutex;
     std::condition_variable answered;
 };
@@ -199,7 +199,8 @@ uint16_t freePort() {
 }
 
 // Issues one lookup and waits for its first answer (bounded); the callback counts every call.
-// True when the lookup was refused for want of a network.
+// True when the lookup was refused before the call returned (no network, or a registration
+// left without one).
 bool lookUp(Tally& tally, const std::string& host, int64_t type) {
     auto pending = std::make_shared<Pending>();
     tally.issued.fetch_add(1);
@@ -212,7 +213,7 @@ bool lookUp(Tally& tally, const std::string& host, int64_t type) {
             if (error) {
                 std::lock_guard<std::mutex> lock(tally.mutex);
                 ++tally.errors[{error->code(), error->localizedDescription()}];
-                pending->offline = error->code() == 0;
+                pending->failed = true;
             } else if (ips) {
                 tally.withAddresses.fetch_add(1);
             }
@@ -220,9 +221,10 @@ bool lookUp(Tally& tally, const std::string& host, int64_t type) {
             std::lock_guard<std::mutex> lock(pending->mutex);
             pending->answered.notify_all();
         });
+    const bool refusedAtOnce = pending->calls.load() > 0 && pending->failed.load();
     std::unique_lock<std::mutex> lock(pending->mutex);
     pending->answered.wait_for(lock, kAnswerGuard, [&] { return pending->calls.load() > 0; });
-    return pending->offline.load();
+    return refusedAtOnce;
 }
 
 // Lookups from `threads` threads, and cache clears and network changes from one more, for
@@ -234,7 +236,7 @@ void load(Tally& tally, qel::test::FakeReachabilityFactory& network, int threads
         workers.emplace_back([&, t] {
             std::mt19937 random(static_cast<uint32_t>(t + 1));
             while (Clock::now() < end) {
-                // Refusals while offline come back at once: pace them.
+                // Refusals come back at once: pace them.
                 if (lookUp(tally, kHosts[random() % kHosts.size()], 1 + random() % 2)) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 }
