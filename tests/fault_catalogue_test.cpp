@@ -117,6 +117,7 @@ const Lookup kAnswered{Before::Nothing, std::nullopt, ""};
 const std::vector<Fault> kCatalogue{
     {"ConnectionRefused", Exchange::Login, 2.0, {}, {kAuthFailedLookup}, 0},
     {"ResetBeforeAnyByte", Exchange::Resolve, 2.0, {reset()}, {kUnavailable}, 1},
+    // Cut after the 200 status line: not a node failure, so tried again.
     {"ResetInTheMiddleOfTheBody", Exchange::Resolve, 2.0,
      {reset(head200(answerBody().size()) + answerBody().substr(0, 20))},
      {kRequestError}, 3},
@@ -125,6 +126,7 @@ const std::vector<Fault> kCatalogue{
      {trickle(head200(answerBody().size()), answerBody())}, {kRequestError}, 3},
     {"BodyOverOneMebibyte", Exchange::Resolve, 5.0, {write(oversizedAnswer())}, {kRequestError}, 3},
     {"GarbageBody", Exchange::Resolve, 2.0, {write(garbage())}, {kRequestError}, 3},
+    // A 500 is no transport failure: its page is read, and is not JSON.
     {"Html500Page", Exchange::Login, 2.0,
      {write(http("500 Internal Server Error", "<html><body><h1>500</h1></body></html>",
                  "X-Page: html\r\n"))},
@@ -136,19 +138,25 @@ const std::vector<Fault> kCatalogue{
     {"RedirectToAnotherScheme", Exchange::Resolve, 2.0,
      {write(http("302 Found", "", std::string("Location: file://") + kAnswerFile + "\r\n"))},
      {kUnavailable}, 1},
+    // The first answer leaves its connection looking reusable; the server closes it idle.
     {"KeepAliveConnectionClosedBetweenRequests", Exchange::Resolve, 2.0,
-     {write(http("200 OK", answerBody(), "", /*close=*/false)), write(http("200 OK", answerBody()))},
+     {write(http("200 OK", answerBody(), "", /*close=*/false)),
+      write(http("200 OK", answerBody()))},
      {kAnswered, {Before::IdleConnectionClosed, std::nullopt, ""}}, 2},
+    // Down, the node fails with nowhere to go; it is kept, so once back it answers again.
     {"ServiceRestartedOnTheSamePort", Exchange::Resolve, 2.0,
-     {write(http("200 OK", answerBody(), "", false), /*keepOpen=*/true), write(http("200 OK", answerBody()))},
-     {kAnswered, {Before::ServiceDown, -1, "service unavailable"}, {Before::ServiceUp, std::nullopt, ""}},
+     {write(http("200 OK", answerBody(), "", false), /*keepOpen=*/true),
+      write(http("200 OK", answerBody()))},
+     {kAnswered,
+      {Before::ServiceDown, -1, "service unavailable"},
+      {Before::ServiceUp, std::nullopt, ""}},
      2},
     {"LoginWithAnEmptyNodeList", Exchange::Login, 2.0,
      {write(http("200 OK", std::string(R"({"auth_id":")") + kId +
                                R"(","best_service_node":"","service_node_list":[]})"))},
      {kAuthFailedLookup}, 1},
-    {"ResolveAnswerForAnotherHost", Exchange::Resolve, 2.0, {write(http("200 OK", answerBody("b.test")))},
-     {kRequestError}, 3},
+    {"ResolveAnswerForAnotherHost", Exchange::Resolve, 2.0,
+     {write(http("200 OK", answerBody("b.test")))}, {kRequestError}, 3},
 };
 
 bool eventually(const std::function<bool()>& condition) {
@@ -183,7 +191,8 @@ protected:
         for (Reply& reply : replies) {
             const size_t at = reply.bytes.find(kAnswerFile);
             if (at != std::string::npos) {
-                reply.bytes.replace(at, std::string(kAnswerFile).size(), scratch.file("answer.json"));
+                reply.bytes.replace(at, std::string(kAnswerFile).size(),
+                                    scratch.file("answer.json"));
             }
         }
         return replies;

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -18,15 +19,17 @@ namespace {
 
 using Lock = std::lock_guard<std::mutex>;
 
-// Set from signal handlers; a signal is the only way in from the soak's process.
-volatile sig_atomic_t calmRequested = 0;
-volatile sig_atomic_t calm = 0;
+// Set from signal handlers (lock-free atomics are safe there), read by every thread; a
+// signal is the only way in from the soak's process.
+std::atomic<bool> calmRequested{false};
+std::atomic<bool> calm{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 void onCalm(int) {
-    calm = 1;
-    calmRequested = 1;
+    calm = true;
+    calmRequested = true;
 }
-void onResume(int) { calm = 0; }
+void onResume(int) { calm = false; }
 
 bool readable(int fd, int millis) {
     pollfd wanted{fd, POLLIN, 0};
@@ -153,7 +156,7 @@ void FaultProxy::run() {
     auto nextOutage = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     for (;;) {
         if (calmRequested) {
-            calmRequested = 0;
+            calmRequested = false;
             dropConnections();
         }
         if (!calm && std::chrono::steady_clock::now() >= nextOutage) {
@@ -275,10 +278,12 @@ bool FaultProxy::play(Fault fault, int client, int& upstream, const std::string&
             sendAll(client, http("302 Found", "", "Location: file:///etc/hostname\r\n"));
             return false;
         case Fault::OtherHost:
-            sendAll(client, http("200 OK", R"({"host":"other.soak.test","ip_list":["192.0.2.99"],"ttl":60})"));
+            sendAll(client, http("200 OK", R"({"host":"other.soak.test","ip_list":["192.0.2.99"],)"
+                                           R"("ttl":60})"));
             return false;
         case Fault::NoNodes:
-            sendAll(client, http("200 OK", R"({"auth_id":"soak","best_service_node":"","service_node_list":[]})"));
+            sendAll(client, http("200 OK", R"({"auth_id":"soak","best_service_node":"",)"
+                                           R"("service_node_list":[]})"));
             return false;
     }
     return false;
