@@ -311,13 +311,13 @@ int main(int argc, char** argv) {
     const pid_t proxy = startProxy(servicePort, options.faultRate, proxyPort);
     const pid_t service = startService(options, scratch, servicePort, proxyPort);
 
-    // Both outlive main: the SDK's never-destroyed managers hold the network's sources, and a
-    // late second answer would still be counted.
-    auto& network = *new qel::test::FakeReachabilityFactory(flags::Reachable);
-    auto& tally = *new Tally;
+    // These outlive main (made once, never destroyed, like the SDK's own managers): those
+    // managers hold the network's sources, and a late second answer would still be counted.
+    static auto& network = *new qel::test::FakeReachabilityFactory(flags::Reachable);
+    static auto& tally = *new Tally;
     // Request and answer lines are counted; anything else (a platform fault) is shown.
-    auto& consoleLines = *new std::atomic<uint64_t>(0);
-    qel::platform::Console::setSink([&consoleLines](const std::string& line) {
+    static auto& consoleLines = *new std::atomic<uint64_t>(0);
+    qel::platform::Console::setSink([](const std::string& line) {
         consoleLines.fetch_add(1);
         if (line.rfind("request ", 0) != 0 && line.rfind("response ", 0) != 0 &&
             line.rfind("###", 0) != 0) {
@@ -378,5 +378,6 @@ int main(int argc, char** argv) {
                     descriptorsAtEnd == descriptorsAtStart &&
                     residentAtEnd <= residentAtStart + residentSlackKiB;
     std::printf("%s\n", ok ? "OK" : "FAILED");
+    std::fflush(stdout);
     return ok ? 0 : 1;
 }
