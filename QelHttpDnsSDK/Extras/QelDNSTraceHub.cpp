@@ -8,8 +8,7 @@
 
 namespace {
 
-// Observer calls running on this thread, so that an observer that reinstalls does not wait
-// for itself.
+// Observer calls running on this thread: an observer that reinstalls or removes does not wait.
 thread_local int callsOnThisThread = 0;
 
 }  // namespace
@@ -29,7 +28,10 @@ void QelDNSTraceHub::install(QelDNSTraceObserver::Observer observer) {
     } else {
         installation_.store(0, std::memory_order_release);
     }
-    callsEnded_.wait(lock, [this] { return callsUnderWay_ <= callsOnThisThread; });
+    // From inside the observer, waiting could wait for itself, or for another thread's
+    // observer doing the same.
+    if (callsOnThisThread > 0) return;
+    callsEnded_.wait(lock, [this] { return callsUnderWay_ == 0; });
 }
 
 void QelDNSTraceHub::deliver(uint64_t installation, const QelDNSLookupTrace& trace) {

@@ -4,8 +4,8 @@
 // the observer drops the traces of lookups in flight instead of tearing them.
 //
 // Threads: all operations from any thread. `active` is one relaxed load, cheap enough for every
-// lookup. The observer is called without a lock held; `install` waits for calls under way on
-// other threads to end (not for one on its own thread: the observer may reinstall itself).
+// lookup. The observer is called without a lock held; `install` waits for calls under way to
+// end, except when called from inside the observer (which may remove or replace itself).
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ public:
     /// The installation a lookup starting now reports to; 0 when none.
     uint64_t installation() const { return installation_.load(std::memory_order_acquire); }
 
-    /// Replaces the observer (an empty one uninstalls), then waits for calls of the previous
-    /// one under way on other threads.
+    /// Replaces the observer (an empty one uninstalls), then waits for calls under way, unless
+    /// called from inside the observer.
     void install(QelDNSTraceObserver::Observer observer);
     /// Calls the observer with `trace` when `installation` is still the installed one.
     void deliver(uint64_t installation, const QelDNSLookupTrace& trace);

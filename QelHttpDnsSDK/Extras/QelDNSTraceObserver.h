@@ -33,8 +33,8 @@ public:
     /// is the same as `remove`.
     static void install(Observer observer);
     /// Uninstalls the observer. When it returns, the observer is no longer running on any
-    /// other thread and will not be called again (called from inside the observer, it does not
-    /// wait for that call to end).
+    /// thread and will not be called again; called from inside the observer, it returns at
+    /// once without waiting for calls under way.
     static void remove();
     /// Whether an observer is installed.
     static bool isInstalled();
