@@ -2,13 +2,29 @@
 
 #include <algorithm>
 
-#include "QelHttpDnsSDK/Extras/QelDNSTraceHub.h"
 
-QelDNSLookupRecorder::QelDNSLookupRecorder(uint64_t installation,
+QelDNSLookupRecorder::QelDNSLookupRecorder(QelDNSTraceHub::Installation* installation,
                                            const std::optional<std::string>& domain, int64_t type)
     : installation_(installation), started_(std::chrono::steady_clock::now()) {
     trace_.domain = domain;
     trace_.type = type;
+}
+
+void QelDNSLookupRecorder::restart(QelDNSTraceHub::Installation* installation,
+                                   const std::optional<std::string>& domain, int64_t type) {
+    installation_ = installation;
+    trace_.domain = domain;
+    trace_.type = type;
+    trace_.cacheKey.clear();
+    trace_.source = QelDNSLookupTrace::Source::Refused;
+    trace_.attempts = 0;
+    trace_.nodes.clear();
+    trace_.loginRetried = false;
+    trace_.error.reset();
+    trace_.micros = 0;
+    handedOff_.store(false, std::memory_order_relaxed);
+    finished_.store(false, std::memory_order_relaxed);
+    started_ = std::chrono::steady_clock::now();
 }
 
 void QelDNSLookupRecorder::noteCacheHit(const std::string& key, bool fromStore) {

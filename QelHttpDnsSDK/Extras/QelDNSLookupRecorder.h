@@ -13,12 +13,17 @@
 #include <string>
 
 #include "QelHttpDnsSDK/Extras/QelDNSLookupTrace.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceHub.h"
 
 class QelDNSLookupRecorder : public std::enable_shared_from_this<QelDNSLookupRecorder> {
 public:
     /// Starts the clock of a lookup reporting to `installation` of the trace hub.
-    QelDNSLookupRecorder(uint64_t installation, const std::optional<std::string>& domain,
-                         int64_t type);
+    QelDNSLookupRecorder(QelDNSTraceHub::Installation* installation,
+                         const std::optional<std::string>& domain, int64_t type);
+    /// Starts over for another lookup, keeping the strings' storage. Only for a recorder no
+    /// other thread has seen.
+    void restart(QelDNSTraceHub::Installation* installation,
+                 const std::optional<std::string>& domain, int64_t type);
 
     /// The cache was read with `key`; a hit came from the store when `fromStore`.
     void noteCacheKey(const std::string& key) { trace_.cacheKey = key; }
@@ -35,13 +40,13 @@ public:
     /// Whether the lookup has left the calling thread (a request or a login is under way) or
     /// has finished: true once the calling thread no longer owns the trace.
     bool handedOffOrFinished() const {
-        return handedOff_.load(std::memory_order_relaxed) ||
-               finished_.load(std::memory_order_relaxed);
+        return handedOff() || finished_.load(std::memory_order_relaxed);
     }
+    bool handedOff() const { return handedOff_.load(std::memory_order_relaxed); }
 
 private:
-    const uint64_t installation_;
-    const std::chrono::steady_clock::time_point started_;
+    QelDNSTraceHub::Installation* installation_;
+    std::chrono::steady_clock::time_point started_;
     QelDNSLookupTrace trace_;
     std::atomic<bool> handedOff_{false};
     std::atomic<bool> finished_{false};

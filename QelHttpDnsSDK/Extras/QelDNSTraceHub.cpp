@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -19,39 +20,34 @@ QelDNSTraceHub& QelDNSTraceHub::shared() {
 }
 
 void QelDNSTraceHub::install(QelDNSTraceObserver::Observer observer) {
-    std::shared_ptr<const QelDNSTraceObserver::Observer> replaced;  // released outside the lock
-    std::unique_lock<std::mutex> lock(mutex_);
-    replaced = std::move(observer_);
-    if (observer) {
-        observer_ = std::make_shared<const QelDNSTraceObserver::Observer>(std::move(observer));
-        installation_.store(++lastInstallation_, std::memory_order_release);
-    } else {
-        installation_.store(0, std::memory_order_release);
+    std::vector<Installation*> drained;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Installation* next = nullptr;
+        if (observer) {
+            next = new Installation(std::move(observer));
+            records_.push_back(next);
+        }
+        if (Installation* replaced = current_.exchange(next)) retired_.push_back(replaced);
+        if (callsOnThisThread > 0) return;
+        drained.swap(retired_);
     }
-    // From inside the observer, waiting could wait for itself, or for another thread's
-    // observer doing the same.
-    if (callsOnThisThread > 0) return;
-    callsEnded_.wait(lock, [this] { return callsUnderWay_ == 0; });
+    // A retired record gains no call: a delivery that counts itself now fails its check.
+    for (Installation* old : drained) {
+        while (old->calls.load() != 0) std::this_thread::yield();
+        old->observer = nullptr;
+    }
 }
 
-void QelDNSTraceHub::deliver(uint64_t installation, const QelDNSLookupTrace& trace) {
-    std::shared_ptr<const QelDNSTraceObserver::Observer> observer;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (installation == 0 || installation != installation_.load(std::memory_order_relaxed)) {
-            return;
-        }
-        observer = observer_;
-        ++callsUnderWay_;
+void QelDNSTraceHub::deliver(Installation* installation, const QelDNSLookupTrace& trace) {
+    if (!installation) return;
+    installation->calls.fetch_add(1);
+    if (current_.load() == installation) {
+        ++callsOnThisThread;
+        callCatching(installation->observer, trace);
+        --callsOnThisThread;
     }
-    ++callsOnThisThread;
-    callCatching(*observer, trace);
-    --callsOnThisThread;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        --callsUnderWay_;
-    }
-    callsEnded_.notify_all();
+    installation->calls.fetch_sub(1, std::memory_order_release);
 }
 
 void QelDNSTraceHub::callCatching(const QelDNSTraceObserver::Observer& observer,

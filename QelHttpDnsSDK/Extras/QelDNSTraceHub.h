@@ -1,23 +1,31 @@
 // Holds the installed trace observer and hands it the traces of finished lookups. Each
-// installation gets a number; a lookup remembers the number current when it started and its
-// trace is delivered only while that same installation is current, so removing or replacing
+// installation is a record of its own; a lookup remembers the record current when it started,
+// and its trace is delivered only while that same record is current, so removing or replacing
 // the observer drops the traces of lookups in flight instead of tearing them.
 //
 // Threads: all operations from any thread. `active` is one relaxed load, cheap enough for every
-// lookup. The observer is called without a lock held; `install` waits for calls under way to
-// end, except when called from inside the observer (which may remove or replace itself).
+// lookup, and a delivery takes no lock: it counts itself on its record, then checks that the
+// record is still current. `install` publishes the new record, then (outside its lock) waits for
+// the calls counted on the records it replaced and frees their observers; called from inside an
+// observer it does not wait, and the next install that does frees what it left. Records are
+// small and kept for the life of the process, so a late delivery never reads freed memory.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-#include <cstdint>
-#include <memory>
 #include <mutex>
+#include <vector>
 
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 
 class QelDNSTraceHub {
 public:
+    struct Installation {
+        explicit Installation(QelDNSTraceObserver::Observer function)
+            : observer(std::move(function)) {}
+        QelDNSTraceObserver::Observer observer;  // emptied once retired and drained
+        std::atomic<int> calls{0};               // deliveries under way
+    };
+
     /// The one hub of the process, made on first use and never destroyed.
     static QelDNSTraceHub& shared();
 
@@ -25,25 +33,22 @@ public:
     QelDNSTraceHub& operator=(const QelDNSTraceHub&) = delete;
 
     /// Whether an observer is installed now.
-    bool active() const { return installation_.load(std::memory_order_relaxed) != 0; }
-    /// The installation a lookup starting now reports to; 0 when none.
-    uint64_t installation() const { return installation_.load(std::memory_order_acquire); }
+    bool active() const { return current_.load(std::memory_order_relaxed) != nullptr; }
+    /// The installation a lookup starting now reports to; null when none.
+    Installation* current() const { return current_.load(std::memory_order_acquire); }
 
-    /// Replaces the observer (an empty one uninstalls), then waits for calls under way, unless
-    /// called from inside the observer.
+    /// Replaces the observer (an empty one uninstalls); see above for when it waits.
     void install(QelDNSTraceObserver::Observer observer);
-    /// Calls the observer with `trace` when `installation` is still the installed one.
-    void deliver(uint64_t installation, const QelDNSLookupTrace& trace);
+    /// Calls the observer of `installation` with `trace` when it is still the current one.
+    void deliver(Installation* installation, const QelDNSLookupTrace& trace);
 
 private:
     QelDNSTraceHub() = default;
     static void callCatching(const QelDNSTraceObserver::Observer& observer,
                              const QelDNSLookupTrace& trace);
 
-    std::atomic<uint64_t> installation_{0};  // written under mutex_
+    std::atomic<Installation*> current_{nullptr};
     std::mutex mutex_;
-    std::condition_variable callsEnded_;
-    std::shared_ptr<const QelDNSTraceObserver::Observer> observer_;  // guarded by mutex_
-    uint64_t lastInstallation_ = 0;                                 // guarded by mutex_
-    int callsUnderWay_ = 0;                                         // guarded by mutex_
+    std::vector<Installation*> records_;  // guarded by mutex_: every one made, never freed
+    std::vector<Installation*> retired_;  // guarded by mutex_: replaced, observer not yet freed
 };
