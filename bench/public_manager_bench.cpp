@@ -481,9 +481,13 @@ int main(int argc, char** argv) {
     const auto hit = reporter.seconds("BM_Hit_getIPV4ByDomain");
     printRatio("hit / bare map find and copy:", divide(hit, reporter.seconds("BM_BareMap_FindAndCopy")),
                "<= 10x");
+    // On a shared machine the real time also counts the waits for a core; the CPU time does not.
     if (const auto traced = reporter.seconds("BM_Hit_getIPV4ByDomain_Traced"); traced && hit) {
         std::printf("%-58s %+8.1f ns  (target <= +100 ns)\n",
-                    "hit with a trace observer - hit without:", (*traced - *hit) * 1e9);
+                    "hit with a trace observer - hit without, real time:", (*traced - *hit) * 1e9);
+        const auto tracedCpu = reporter.cpuSeconds("BM_Hit_getIPV4ByDomain_Traced");
+        const auto hitCpu = reporter.cpuSeconds("BM_Hit_getIPV4ByDomain");
+        std::printf("%-58s %+8.1f ns\n", "  the same in CPU time:", (*tracedCpu - *hitCpu) * 1e9);
     }
     printRatio("getaddrinfo(\"localhost\") / hit:",
                divide(reporter.seconds("BM_Getaddrinfo_Localhost"), hit), ">= 100x");
