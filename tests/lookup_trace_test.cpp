@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -40,24 +39,19 @@ constexpr char kApp[] = "com.example.app";
 constexpr char kDeadNode[] = "http://127.0.0.1:1";  // nothing listens: connection refused
 constexpr uint32_t kWiFi = qel::platform::ReachabilityFlags::Reachable;
 
-bool eventually(const std::function<bool()>& condition) {
+// Registers and waits for the login reply to set `status` (and, on success, the node).
+bool loggedIn(QelHttpDnsManager& dns, ResolutionService& service, const std::string& secret,
+              int64_t status = 4) {
+    dns.customServerUrl(service.baseUrl());
+    dns.registerAuthId(std::string(kId), secret);
     for (int i = 0; i < 2000; ++i) {
-        if (condition()) return true;
+        if (dns.initStatus() == status &&
+            (status != 4 || QelHttpDnsCenterManager::shared().resolveUrl() == service.bestNode())) {
+            return true;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return condition();
-}
-
-bool loggedIn(QelHttpDnsManager& dns, ResolutionService& service, const std::string& secret,
-              int64_t status) {
-    dns.customServerUrl(service.baseUrl());
-    const size_t before = service.logins();
-    dns.registerAuthId(std::string(kId), secret);
-    return eventually([&] {
-        return service.logins() > before && dns.initStatus() == status &&
-               (status != 4 ||
-                QelHttpDnsCenterManager::shared().resolveUrl() == service.bestNode());
-    });
+    return false;
 }
 
 class LookupTrace : public testing::Test {
@@ -99,36 +93,25 @@ protected:
     Traces traces;
 };
 
-// ---------------------------------------------------------------- answers
-
 TEST_F(LookupTrace, ServiceAnswerThenMemoryHitUnderTheKeyTheLookupUsed) {
     service.setAddresses("a.test", {"192.0.2.1"});
     dns().enableCacheIP(true);
     login();
     const QelDNSLookupTrace first = traced("a.test");
     EXPECT_EQ(first.source, Source::Service);
-    EXPECT_EQ(first.domain, "a.test");
-    EXPECT_EQ(first.type, 1);
     EXPECT_EQ(first.cacheKey, "a.test_v6");  // the suffix of the previous lookup's type
     EXPECT_EQ(first.attempts, 1);
     EXPECT_EQ(first.nodes, Strings{service.baseUrl()});
-    EXPECT_FALSE(first.error);
-    EXPECT_FALSE(first.loginRetried);
     EXPECT_TRUE(lastTraceOnPlatformThread());
 
     EXPECT_EQ(traced("a.test").cacheKey, "a.test_v4");
     const QelDNSLookupTrace hit = traced("a.test");
     EXPECT_EQ(hit.source, Source::Memory);
     EXPECT_EQ(hit.cacheKey, "a.test_v4");
-    EXPECT_EQ(hit.attempts, 0);
-    EXPECT_TRUE(hit.nodes.empty());
     EXPECT_FALSE(lastTraceOnPlatformThread());
 
     dns().enableCacheIP(false);
-    const QelDNSLookupTrace uncached = traced("a.test");
-    EXPECT_EQ(uncached.source, Source::Service);
-    EXPECT_EQ(uncached.cacheKey, "");
-    EXPECT_EQ(service.resolvedHosts().size(), 3u);
+    EXPECT_EQ(traced("a.test").cacheKey, "");
 }
 
 // The first process fills the store; the second answers from it and says so.
@@ -161,34 +144,32 @@ TEST(LookupTraceRestart, SecondProcessReportsTheStoreAsTheSource) {
     EXPECT_TRUE(run(Source::Store));
 }
 
-// ---------------------------------------------------------------- refusals and logins
-
 TEST_F(LookupTrace, RefusalsCarryTheirCodeAndTheSilentLookupIsUnanswered) {
     dns().getIPV4ByDomain("a.test", [](std::optional<QelDNSError>, Ips) { ADD_FAILURE(); });
     ASSERT_EQ(traces.count(), 1u);  // delivered before the lookup returned
     const QelDNSLookupTrace silent = std::get<0>(traces.calls()[0].arguments);
     EXPECT_EQ(silent.source, Source::Unanswered);
-    EXPECT_FALSE(silent.error);
 
     login();
     dns().setDegradeHosts(Strings{"legacy.test"});
     const QelDNSLookupTrace degraded = traced("legacy.test", 2);
     EXPECT_EQ(degraded.source, Source::Refused);
-    EXPECT_EQ(degraded.type, 2);
     ASSERT_TRUE(degraded.error);
     EXPECT_EQ(degraded.error->code(), 2);
-    EXPECT_EQ(degraded.cacheKey, "");
     EXPECT_EQ(traced("-bad.test").error->code(), 1);
     network.setFlags(0);
-    const QelDNSLookupTrace offline = traced("a.test");
-    EXPECT_EQ(offline.source, Source::Refused);
-    EXPECT_EQ(offline.error->code(), 0);
-    EXPECT_EQ(offline.attempts, 0);
-    EXPECT_EQ(service.resolvedHosts().size(), 0u);
+    EXPECT_EQ(traced("a.test").error->code(), 0);
+
+    // An observer that throws is logged and leaves the answer alone.
+    QelDNSTraceObserver::install([](const QelDNSLookupTrace&) { throw std::runtime_error("oops"); });
+    int answers = 0;
+    dns().getIPV4ByDomain("a.test", [&](std::optional<QelDNSError>, Ips) { ++answers; });
+    EXPECT_EQ(answers, 1);
+    const Strings lines = console.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "QelHttpDnsSDK: a trace observer threw: oops"), 1);
 }
 
 TEST_F(LookupTrace, LookupAfterAFailedLoginReportsTheLoginRetry) {
-    service.setAddresses("a.test", {"192.0.2.9"});
     login("wrong-secret", 3);
     service.scriptLogins({ResolutionService::status(500)});
     const QelDNSLookupTrace failed = traced("a.test");
@@ -196,19 +177,7 @@ TEST_F(LookupTrace, LookupAfterAFailedLoginReportsTheLoginRetry) {
     EXPECT_EQ(failed.source, Source::Refused);
     EXPECT_EQ(failed.error->code(), 3);
     EXPECT_TRUE(lastTraceOnPlatformThread());
-
-    login();
-    service.scriptLogins({ResolutionService::status(500)});
-    dns().registerAuthId(std::string(kId), std::string(kSecret));
-    ASSERT_TRUE(eventually([&] { return dns().initStatus() == 3; }));
-    const QelDNSLookupTrace recovered = traced("a.test");
-    EXPECT_TRUE(recovered.loginRetried);
-    EXPECT_EQ(recovered.source, Source::Service);
-    EXPECT_EQ(recovered.attempts, 1);
-    EXPECT_FALSE(recovered.error);
 }
-
-// ---------------------------------------------------------------- retries and nodes
 
 TEST_F(LookupTrace, RetriesAndANodeSwitchAreCounted) {
     service.setAddresses("a.test", {"192.0.2.1"});
@@ -219,7 +188,6 @@ TEST_F(LookupTrace, RetriesAndANodeSwitchAreCounted) {
     EXPECT_EQ(switched.source, Source::Service);
     EXPECT_EQ(switched.attempts, 2);
     EXPECT_EQ(switched.nodes, (Strings{kDeadNode, service.baseUrl()}));
-    EXPECT_FALSE(switched.error);
 
     // The switch lifted the attempt limit: three failures, then the answer, one node.
     service.scriptResolves({ResolutionService::status(500), ResolutionService::drop(),
@@ -229,12 +197,8 @@ TEST_F(LookupTrace, RetriesAndANodeSwitchAreCounted) {
     EXPECT_EQ(retried.nodes, Strings{service.baseUrl()});
 
     service.scriptResolves({ResolutionService::status(403, "denied")});
-    const QelDNSLookupTrace forbidden = traced("a.test");
-    EXPECT_EQ(forbidden.source, Source::Service);
-    EXPECT_EQ(forbidden.error->code(), 403);
+    EXPECT_EQ(traced("a.test").error->code(), 403);
 }
-
-// ---------------------------------------------------------------- installing and removing
 
 TEST_F(LookupTrace, NothingIsRecordedWithoutAnObserverAndInFlightLookupsAreDropped) {
     service.setAddresses("a.test", {"192.0.2.1"});
@@ -261,51 +225,31 @@ TEST_F(LookupTrace, NothingIsRecordedWithoutAnObserverAndInFlightLookupsAreDropp
     EXPECT_EQ(replacement.count(), 0u);
 }
 
-TEST_F(LookupTrace, ObserverThatThrowsLeavesTheAnswerAlone) {
-    service.setAddresses("a.test", {"192.0.2.1"});
-    login();
-    QelDNSTraceObserver::install([](const QelDNSLookupTrace&) { throw std::runtime_error("oops"); });
-    qel::test::CallRecorder<std::optional<QelDNSError>, Ips> answer;
-    dns().getIPV4ByDomain("a.test", answer.callback());
-    ASSERT_TRUE(answer.waitFor(1));
-    EXPECT_EQ(std::get<1>(answer.calls()[0].arguments), Strings{"192.0.2.1"});
-    const Strings lines = console.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "QelHttpDnsSDK: a trace observer threw: oops"), 1);
-}
-
 // Lookups from four threads while a fifth installs and removes observers: every trace that
-// arrives is whole, and no lookup is traced twice.
+// arrives is whole.
 TEST_F(LookupTrace, ObserverSwappedUnderConcurrentLookups) {
     const Strings hosts{"a.test", "b.test"};
     for (const auto& host : hosts) service.setAddresses(host, {"192.0.2.1"});
     dns().enableCacheIP(true);
     login();
     std::atomic<bool> stop{false};
-    std::atomic<int> issued{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            std::mt19937 random(t);
-            while (!stop.load()) {
+            for (std::mt19937 random(t); !stop.load();) {
                 qel::test::CallRecorder<std::optional<QelDNSError>, Ips> answer;
-                issued.fetch_add(1);
                 dns().getIPByDomain(hosts[random() % 2], 1 + random() % 2, answer.callback());
                 answer.waitFor(1);
             }
         });
     }
     for (int round = 0; round < 200; ++round) {
-        if (round % 2) {
-            QelDNSTraceObserver::remove();
-        } else {
-            QelDNSTraceObserver::install(traces.callback());
-        }
+        round % 2 ? QelDNSTraceObserver::remove() : QelDNSTraceObserver::install(traces.callback());
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     stop.store(true);
     for (auto& thread : threads) thread.join();
     EXPECT_GT(traces.count(), 0u);
-    EXPECT_LE(traces.count(), static_cast<size_t>(issued.load()));
     for (const auto& call : traces.calls()) {
         const QelDNSLookupTrace& trace = std::get<0>(call.arguments);
         const bool fromService = trace.source == Source::Service;
