@@ -30,7 +30,8 @@ public:
     using Observer = std::function<void(const QelDNSLookupTrace& trace)>;
 
     /// Installs `observer`, replacing any installed one (as `remove` does); an empty function
-    /// is the same as `remove`.
+    /// is the same as `remove`. Each installation keeps a record of a few dozen bytes for the
+    /// life of the process (the function itself is freed once replaced or removed).
     static void install(Observer observer);
     /// Uninstalls the observer. When it returns, the observer is no longer running on any
     /// thread and will not be called again; called from inside the observer, it returns at
