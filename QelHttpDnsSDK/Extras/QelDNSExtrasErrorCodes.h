@@ -1,8 +1,8 @@
 // The codes and messages of the extensions (blocking lookup, C API, libcurl pinning). Internal.
 //
 // They sit at -50001 and below: the manager's refusals are 0 to 3, the resolver's -1, the
-// transport and answer readers use -10000, -10001, -20000 to -20003, -30000 and -30001, and a
-// service "status" that reaches an application is 403. The -5xxxx block is outside every
+// transport and answer readers use 200, -10000, -10001, -20000 to -20003, -30000 and -30001,
+// and the one service "status" that reaches an application is 403. The -5xxxx block is outside every
 // range the core uses, so an application can tell an extension's error from the manager's.
 #pragma once
 
