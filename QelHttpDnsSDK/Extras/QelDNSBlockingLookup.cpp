@@ -33,6 +33,7 @@ constexpr double kLongestTimeout = 10.0 * 365 * 24 * 3600;
 // One lookup's answer, shared by the waiting caller and the callback, which may run after the
 // caller gave up: whichever lets go last frees it.
 struct Pending {
+    const std::thread::id caller = std::this_thread::get_id();
     std::mutex mutex;
     std::condition_variable answered;
     Result result;                 // written once, before `done`
@@ -52,6 +53,14 @@ SteadyClock::time_point deadlineAfter(double timeout) {
 
 QelHttpDnsManager::ReturnBlock answerInto(const std::shared_ptr<Pending>& pending) {
     return [pending](std::optional<QelDNSError> error, std::optional<std::vector<std::string>> ips) {
+        // On the caller's own thread the answer comes before the lookup returns (a cache hit
+        // or a refusal), while nothing else can touch the state: no lock, nobody to wake.
+        if (std::this_thread::get_id() == pending->caller) {
+            pending->result.error = std::move(error);
+            if (ips) pending->result.ips = std::move(*ips);
+            pending->done.store(true, std::memory_order_relaxed);
+            return;
+        }
         {
             std::lock_guard<std::mutex> lock(pending->mutex);
             if (pending->done.load(std::memory_order_relaxed)) return;
@@ -97,22 +106,23 @@ QelDNSBlockingLookup::Result QelDNSBlockingLookup::resolve(const std::optional<s
     if (qel::platform::isPlatformThread()) {
         return failure(codes::kCalledOnPlatformThread, codes::kCalledOnPlatformThreadMessage);
     }
-    const SteadyClock::time_point deadline = deadlineAfter(timeout);
     QelHttpDnsManager& manager = QelHttpDnsManager::shared();
+    std::optional<SteadyClock::time_point> deadline;  // read the clock only when a wait is due
     for (;;) {
         auto pending = std::make_shared<Pending>();
         manager.getIPByDomain(domain, type, answerInto(pending));
         // A cache hit or a refusal has already answered on this thread: no wait.
         if (pending->done.load(std::memory_order_acquire)) return std::move(pending->result);
+        if (!deadline) deadline = deadlineAfter(timeout);
         // No copy of the callback left and no answer: the manager dropped the lookup, which it
         // does only before its first login reply. Ask again once that reply is in.
         if (pending.use_count() == 1) {
             if (std::optional<Result> late = takeIfDone(*pending)) return std::move(*late);
-            if (!waitForLoginReply(manager, deadline)) {
+            if (!waitForLoginReply(manager, *deadline)) {
                 return failure(codes::kTimedOut, codes::kTimedOutMessage);
             }
             continue;
         }
-        return waitFor(*pending, deadline);
+        return waitFor(*pending, *deadline);
     }
 }
