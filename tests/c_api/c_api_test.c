@@ -33,69 +33,49 @@ static const char kName[] = "app.qel-demo.test";
 static char scratch[64];
 static pid_t server = -1;
 
-static void writeFile(const char *name, const char *text) {
-    char path[128];
-    FILE *file;
-    snprintf(path, sizeof path, "%s/%s", scratch, name);
-    file = fopen(path, "w");
-    if (!file || fputs(text, file) < 0 || fclose(file) != 0) {
-        perror(path);
-        exit(1);
-    }
-}
-
-static int freePort(void) {
-    struct sockaddr_in address;
-    socklen_t length = sizeof address;
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || bind(fd, (struct sockaddr *)&address, sizeof address) != 0 ||
-        getsockname(fd, (struct sockaddr *)&address, &length) != 0) {
-        perror("free port");
-        exit(1);
-    }
-    close(fd);
-    return ntohs(address.sin_port);
-}
-
-static int accepting(int port) {
-    struct sockaddr_in address;
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    int connected;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons((unsigned short)port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected = connect(fd, (struct sockaddr *)&address, sizeof address) == 0;
-    close(fd);
-    return connected;
-}
-
 static void pause10ms(void) {
     struct timespec pause = {0, 10 * 1000 * 1000};
     nanosleep(&pause, NULL);
 }
 
-/* Starts the service with one account and kName in its zone; returns its URL. */
+/* Binds (port 0: the kernel picks one) or connects to 127.0.0.1:port; the port, or -1. */
+static int loopback(int port, int doBind) {
+    struct sockaddr_in address;
+    socklen_t length = sizeof address;
+    int fd = socket(AF_INET, SOCK_STREAM, 0), ok;
+    memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_port = htons((unsigned short)port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ok = doBind ? bind(fd, (struct sockaddr *)&address, sizeof address) == 0 &&
+                      getsockname(fd, (struct sockaddr *)&address, &length) == 0
+                : connect(fd, (struct sockaddr *)&address, sizeof address) == 0;
+    close(fd);
+    return ok ? ntohs(address.sin_port) : -1;
+}
+
+/* Starts the service with one account and kName in its zone; writes its URL. */
 static void startService(char *url, size_t size) {
-    char accounts[128], zone[128], listen[64];
-    int port = freePort(), i;
-    writeFile("accounts", "acct-c s3cr3t-C\n");
-    writeFile("zone", "app.qel-demo.test 60 A 127.0.0.1\n");
-    snprintf(accounts, sizeof accounts, "%s/accounts", scratch);
-    snprintf(zone, sizeof zone, "%s/zone", scratch);
+    static const char *const files[][2] = {{"accounts", "acct-c s3cr3t-C\n"},
+                                           {"zone", "app.qel-demo.test 60 A 127.0.0.1\n"}};
+    char paths[2][128], listen[32];
+    int port = loopback(0, 1), i;
+    for (i = 0; i < 2; ++i) {
+        FILE *file;
+        snprintf(paths[i], sizeof paths[i], "%s/%s", scratch, files[i][0]);
+        file = fopen(paths[i], "w");
+        if (!file || fputs(files[i][1], file) < 0 || fclose(file) != 0) exit(1);
+    }
     snprintf(listen, sizeof listen, "127.0.0.1:%d", port);
     server = fork();
     if (server == 0) {
-        char *const argv[] = {(char *)QEL_SERVER_BINARY, (char *)"--accounts", accounts,
-                              (char *)"--zone", zone, (char *)"--listen", listen, NULL};
+        char *const argv[] = {(char *)QEL_SERVER_BINARY, (char *)"--accounts", paths[0],
+                              (char *)"--zone", paths[1], (char *)"--listen", listen, NULL};
         execv(QEL_SERVER_BINARY, argv);
         _exit(127);
     }
-    for (i = 0; i < 1000 && !accepting(port); ++i) pause10ms();
-    if (!accepting(port)) {
+    for (i = 0; i < 1000 && loopback(port, 0) < 0; ++i) pause10ms();
+    if (port < 0 || loopback(port, 0) < 0) {
         fprintf(stderr, "the service did not start\n");
         exit(1);
     }
@@ -104,10 +84,8 @@ static void startService(char *url, size_t size) {
 
 static void stopService(void) {
     char command[128];
-    if (server > 0) {
-        kill(server, SIGTERM);
-        waitpid(server, NULL, 0);
-    }
+    kill(server, SIGTERM);
+    waitpid(server, NULL, 0);
     snprintf(command, sizeof command, "rm -rf '%s'", scratch);
     if (system(command) != 0) fprintf(stderr, "could not remove %s\n", scratch);
 }
@@ -227,9 +205,7 @@ static void asynchronousLookup(void) {
 static void cacheSettings(void) {
     qel_httpdns_result *result;
     int i;
-    CHECK(qel_httpdns_set_cache_enabled(1) == NULL);
-    CHECK(qel_httpdns_set_expired_ip_enabled(1) == NULL);
-    CHECK(qel_httpdns_set_log_enabled(0) == NULL);
+    CHECK(qel_httpdns_set_cache_enabled(1) == NULL && qel_httpdns_set_log_enabled(0) == NULL);
     /* Stored from the service's answers, then a hit that needs no wait. */
     for (i = 0; i < 500 && resolveCode(kName, 0.0) != 1; ++i) pause10ms();
     result = qel_httpdns_resolve(kName, QEL_HTTPDNS_IPV4, 0.0);
