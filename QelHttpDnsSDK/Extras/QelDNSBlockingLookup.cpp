@@ -90,13 +90,14 @@ Result waitFor(Pending& pending, SteadyClock::time_point deadline) {
     return std::move(pending.result);
 }
 
-// The manager drops lookups until its first login reply; true once that reply has come.
+// The manager drops lookups until its first login reply; true once that reply has come
+// before the deadline (checked first, so that asking again can never go on without end).
 bool waitForLoginReply(const QelHttpDnsManager& manager, SteadyClock::time_point deadline) {
-    while (manager.initStatus() == 0) {
+    for (;;) {
         if (SteadyClock::now() >= deadline) return false;
+        if (manager.initStatus() != 0) return true;
         std::this_thread::sleep_for(kLoginPoll);
     }
-    return true;
 }
 
 }  // namespace
