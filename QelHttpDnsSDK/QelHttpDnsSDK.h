@@ -1,8 +1,13 @@
-// Umbrella header for applications: every installed header of the library.
+// Umbrella header for C++ applications: every installed header of the library except the C
+// interface, QelHttpDnsSDK/Extras/qel_httpdns.h.
 #pragma once
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/QelDNSCurlPinning.h"
+#include "QelHttpDnsSDK/Extras/QelDNSLookupTrace.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"

@@ -2,8 +2,9 @@
 # Installs the library to a temporary prefix and builds examples/minimal against that copy
 # alone, once with find_package(QelHttpDnsSDK) and once with pkg-config, and examples/curl with
 # find_package. Fails when an installed header reaches a header that is not installed or is not
-# the standard library's, when a file beyond the umbrella's headers is installed, or when the
-# shared library hides a public name or exports an internal one.
+# the standard library's, when a file beyond the umbrella's headers and the C interface is
+# installed, when the shared library hides a public name or exports an internal one, or when
+# the C interface does not work from Python's ctypes.
 #   scripts/check-install.sh                 static and shared library
 #   scripts/check-install.sh static|shared   one of them
 set -euo pipefail
@@ -15,6 +16,7 @@ scripts/setup.sh
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 warnings=(-Wall -Wextra -Wshadow -Werror)
+c_interface=QelHttpDnsSDK/Extras/qel_httpdns.h
 
 fail() { echo "check-install: $*" >&2; exit 1; }
 
@@ -23,17 +25,26 @@ check_headers() {
     [ -f "$umbrella" ] || fail "the umbrella header is not installed"
     while IFS= read -r header; do
         name=${header#"$include"/}
-        # The application sees only standard C++ headers and the installed ones.
+        # The application sees only standard C++ headers and the installed ones; the C
+        # interface, only standard C headers.
+        local standard='\<[a-z_]+\>' kind="C++"
+        [ "$name" = "$c_interface" ] && standard='\<std[a-z]+\.h\>' kind=C
         while IFS= read -r line; do
             case $line in
-                *'<'*) [[ $line =~ \<[a-z_]+\> ]] || fail "$name: $line is not a standard C++ header" ;;
+                *'<'*) [[ $line =~ $standard ]] || fail "$name: $line is not a standard $kind header" ;;
                 *) local quoted=${line#*\"}; quoted=${quoted%\"*}
                    [ -f "$include/$quoted" ] || fail "$name: $line is not installed" ;;
             esac
         done < <(grep -E '^[[:space:]]*#[[:space:]]*include' "$header")
-        # Nothing is installed that the umbrella does not offer.
-        [ "$header" = "$umbrella" ] || grep -q "#include \"$name\"" "$umbrella" ||
+        # Nothing is installed that the umbrella does not offer, but the C interface.
+        [ "$header" = "$umbrella" ] || [ "$name" = "$c_interface" ] ||
+            grep -q "#include \"$name\"" "$umbrella" ||
             fail "$name is installed but not part of the umbrella"
+        if [ "$name" = "$c_interface" ]; then
+            echo "#include <$name>" |
+                cc -std=c99 -pedantic "${warnings[@]}" -fsyntax-only -I"$include" -x c - ||
+                fail "$name does not compile on its own as C99"
+        fi
         # Each header compiles on its own.
         echo "#include <$name>" |
             c++ -std=c++17 "${warnings[@]}" -fsyntax-only -I"$include" -x c++ - ||
@@ -117,6 +128,7 @@ for kind in "${kinds[@]}"; do
         library=$(find "$prefix" -name libQelHttpDnsSDK.so.1)
         [ -L "$library" ] || fail "libQelHttpDnsSDK.so.1 (the SOVERSION link) is not installed"
         check_symbols "$library" "$prefix/include"
+        python3 tests/c_api/ctypes_check.py "$library" || fail "the C interface fails from ctypes"
     fi
     build_example "$kind" "$prefix"
     echo "check-install: $kind library: install set, headers and example builds pass"

@@ -35,7 +35,9 @@ TEST(IsDomain, AcceptsHostNamesOfLettersDigitsAndInnerHyphensOnly) {
         EXPECT_TRUE(QelDNSUntil::isDomain(std::string(name))) << name;
     }
     for (const char* text : {"", "-a.test", "a-.test", "a..test", "a.test.", ".a.test", "a_b.test",
-                             "a test", "a.test\n", "ä.test", "a.test/x", "*.a.test", "[::1]"}) {
+                             "a test", "a.test\n", "ä.test", "a.test/x", "*.a.test", "[::1]",
+                             // the Kelvin sign and the long s, which fold to k and s in Unicode
+                             "\u212A.test", "te\u017Ft"}) {
         EXPECT_FALSE(QelDNSUntil::isDomain(std::string(text))) << text;
     }
     EXPECT_FALSE(QelDNSUntil::isDomain(std::nullopt));

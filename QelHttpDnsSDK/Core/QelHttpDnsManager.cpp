@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceHooks.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTracedLookup.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
@@ -90,6 +92,9 @@ void QelHttpDnsManager::authenticationRequest() {
 // that asked for it. Concurrent lookups each send their own login.
 void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
                                                              int64_t type, ReturnBlock returnBlock) {
+    if (QelDNSLookupRecorder* trace = QelDNSTraceHooks::tracedOrNull(returnBlock)) {
+        trace->noteLoginRetry();
+    }
     QelDNSAuthManager::shared().authWithCompletion(
         [this, domain, type, returnBlock = std::move(returnBlock)](
             std::optional<QelDNSError> error, std::optional<std::string> node) mutable {
@@ -176,10 +181,19 @@ void QelHttpDnsManager::getIPV6ByDomain(const std::optional<std::string>& domain
     getIPByDomain(domain, 2, std::move(returnBlcok));
 }
 
-// The order of the checks decides which error a lookup gets, and on the refusals of a bad
-// domain and of no network the callback runs before the log line.
 void QelHttpDnsManager::getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                                       ReturnBlock returnBlock) {
+    if (QelDNSTraceHooks::active()) {
+        const QelDNSTracedLookup traced(domain, type, returnBlock);
+        return lookUp(domain, type, std::move(returnBlock));
+    }
+    lookUp(domain, type, std::move(returnBlock));
+}
+
+// The order of the checks decides which error a lookup gets, and on the refusals of a bad
+// domain and of no network the callback runs before the log line.
+void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
+                               ReturnBlock&& returnBlock) {
     if (isDegraded(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kDegradeHost, codes::kDegradeHostMessage),

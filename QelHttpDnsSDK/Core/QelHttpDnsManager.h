@@ -77,6 +77,7 @@ public:
     /// 6. status 3: the login is retried first, then (on success) the resolver answers, or
     ///    (on failure) code 3 with the status message;
     /// 7. otherwise: a log line, then code 3 with the status message.
+    /// An installed QelDNSTraceObserver receives a trace of the lookup just before its callback.
     void getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                        ReturnBlock returnBlock);
     /// Resolves `domains` ahead of use to fill the cache (ignored while caching is off). The
@@ -113,6 +114,8 @@ public:
 private:
     QelHttpDnsManager();
 
+    // The checks and answer of getIPByDomain, which adds only the trace observer's hook.
+    void lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock);
     void authenticationRequest();
     void retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
                                               int64_t type, ReturnBlock returnBlock);

@@ -82,7 +82,7 @@ QelDNSIPModelListRef QelDNSCacheManager::getIPsWithDomain(const std::string& dom
 }
 
 bool QelDNSCacheManager::readIPsWithDomain(const std::string& domain, bool expired,
-                                           const Reader& read) const {
+                                           const Reader& read, bool* fromStore) const {
     LastMemoryHit& last = lastMemoryHit;
     if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
         readAlive(last.ips, expired, read);
@@ -100,6 +100,7 @@ bool QelDNSCacheManager::readIPsWithDomain(const std::string& domain, bool expir
         // Not remembered: the store may be changed through another handle on it.
         ips = getCacheWithDomain(domain);
         if (!ips || ips->empty()) return false;
+        if (fromStore) *fromStore = true;
         readAlive(ips, expired, read);
         return true;
     }

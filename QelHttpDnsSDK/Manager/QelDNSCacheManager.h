@@ -61,8 +61,10 @@ public:
     /// and returns whether it did. When the calling thread found `domain` in memory last time
     /// and the dictionary has not changed since, the list is handed over without the lock and
     /// without a new reference to it. `read` must not call into a cache manager: the reference
-    /// it gets may be the one the thread remembers.
-    bool readIPsWithDomain(const std::string& domain, bool expired, const Reader& read) const;
+    /// it gets may be the one the thread remembers. `*fromStore` (when given) is set to true
+    /// when the records were read from the store.
+    bool readIPsWithDomain(const std::string& domain, bool expired, const Reader& read,
+                           bool* fromStore = nullptr) const;
 
     /// The records whose lookupTime + ttl is strictly later than the current time (read once,
     /// not rounded), in order.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceHooks.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
@@ -113,29 +114,41 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
     if (previousType != type) ownKey = cacheKey(domain, previousType);
     const std::string& key = previousType == type ? last.key : ownKey;
 
+    // Null unless an installed trace observer follows this lookup.
+    QelDNSLookupRecorder* const trace = QelDNSTraceHooks::tracedOrNull(completion);
     if (cacheIP()) {
         std::optional<std::vector<std::string>> addresses;
+        bool fromStore = false;
         QelDNSCacheManager::shared().readIPsWithDomain(
-            key, expiredIP(), [&addresses](const QelDNSIPModelListRef& cached) {
+            key, expiredIP(),
+            [&addresses](const QelDNSIPModelListRef& cached) {
                 if (!cached->empty()) addresses = filterIPs(*cached);
-            });
+            },
+            &fromStore);
         if (addresses) {
+            if (trace) trace->noteCacheHit(key, fromStore);
             if (completion) completion(std::nullopt, std::move(addresses));
             return;
         }
-        requestIPsWithRetryCount(0, [this, key = std::string(key), completion = std::move(completion)](
-                                        std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
-            if (error) return callCatching(completion, std::move(error), std::nullopt);
-            QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
-            callCatching(completion, std::nullopt, filterIPs(*records));
-        });
+        if (trace) trace->noteCacheKey(key);
+        requestIPsWithRetryCount(
+            0, QelDNSTraceHooks::carry(trace, [this, key = std::string(key),
+                                               completion = std::move(completion)](
+                                                  std::optional<QelDNSError> error,
+                                                  QelDNSIPModelListRef records) {
+                if (error) return callCatching(completion, std::move(error), std::nullopt);
+                QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
+                callCatching(completion, std::nullopt, filterIPs(*records));
+            }));
         return;
     }
-    requestIPsWithRetryCount(0, [completion = std::move(completion)](
-                                    std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
-        if (error) return callCatching(completion, std::move(error), std::nullopt);
-        callCatching(completion, std::nullopt, filterIPs(*records));
-    });
+    requestIPsWithRetryCount(
+        0, QelDNSTraceHooks::carry(trace, [completion = std::move(completion)](
+                                              std::optional<QelDNSError> error,
+                                              QelDNSIPModelListRef records) {
+            if (error) return callCatching(completion, std::move(error), std::nullopt);
+            callCatching(completion, std::nullopt, filterIPs(*records));
+        }));
 }
 
 void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCompletion completion) {
@@ -153,6 +166,9 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
         secret = authSecret_;
         domain = domain_;
         type = type_.load(std::memory_order_acquire);
+    }
+    if (QelDNSLookupRecorder* trace = QelDNSTraceHooks::tracedOrNull(completion)) {
+        trace->noteAttempt(url);
     }
     QelDNSGetIPs::getIPsWithUrl(
         url, type == 1 ? 1 : 2, id, secret, domain,

@@ -15,10 +15,13 @@ namespace {
 const RE2& hostNamePattern() {
     // Compiled once per process, never freed. RE2 matches in linear time without recursion,
     // so hostile input of any length neither stalls nor overflows the stack. The larger
-    // memory budget keeps the fast DFA usable on long inputs.
+    // memory budget keeps the fast DFA usable on long inputs. Bytes, not UTF-8, and case
+    // sensitive (the classes list both cases): Unicode case folding would let the Kelvin sign
+    // pass for k and the long s for s.
     static const RE2* pattern = [] {
         RE2::Options options;
-        options.set_case_sensitive(false);
+        options.set_encoding(RE2::Options::EncodingLatin1);
+        options.set_case_sensitive(true);
         options.set_log_errors(false);
         options.set_max_mem(32 << 20);
         return new RE2(

@@ -5,18 +5,31 @@
 namespace qel::platform {
 
 namespace {
-std::mutex identifierMutex;
-std::optional<std::string> bundleIdentifier;  // guarded by identifierMutex
+
+// Read by every request, also on the platform thread while the process exits: never
+// destroyed, so no static destructor pulls it from under a late request.
+struct Identifier {
+    std::mutex mutex;
+    std::optional<std::string> value;  // guarded by mutex
+};
+
+Identifier& bundleIdentifier() {
+    static Identifier* const identifier = new Identifier();
+    return *identifier;
+}
+
 }  // namespace
 
 std::optional<std::string> MainBundle::identifier() {
-    std::lock_guard<std::mutex> lock(identifierMutex);
-    return bundleIdentifier;
+    Identifier& identifier = bundleIdentifier();
+    std::lock_guard<std::mutex> lock(identifier.mutex);
+    return identifier.value;
 }
 
 void MainBundle::setIdentifier(std::optional<std::string> identifier) {
-    std::lock_guard<std::mutex> lock(identifierMutex);
-    bundleIdentifier = std::move(identifier);
+    Identifier& stored = bundleIdentifier();
+    std::lock_guard<std::mutex> lock(stored.mutex);
+    stored.value = std::move(identifier);
 }
 
 }  // namespace qel::platform

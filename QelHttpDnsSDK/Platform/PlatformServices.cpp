@@ -16,11 +16,13 @@
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/HttpSession.h"
 #include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
+#include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/Linux/StandardErrorLog.h"
 #include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/PlatformThread.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 
@@ -156,6 +158,14 @@ ScopedPlatformOverride& ScopedPlatformOverride::reachabilitySources(
 ScopedPlatformOverride& ScopedPlatformOverride::userDefaults(UserDefaults& store) {
     restores_.push_back(replace(defaultsOverride, &store));
     return *this;
+}
+
+bool isPlatformThread() {
+    try {
+        return EventLoop::shared().isLoopThread();
+    } catch (const std::exception&) {
+        return false;  // no loop could start, so nobody runs on it
+    }
 }
 
 }  // namespace qel::platform

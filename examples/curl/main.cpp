@@ -1,19 +1,14 @@
 // Fetches a URL with libcurl, connecting to the address the HTTP resolution service gives for
-// its host. CURLOPT_RESOLVE pins "NAME:PORT:ADDRESS" in curl's own name cache, so curl connects
-// to that address while the Host header, and for https the TLS server name and the certificate
-// check, keep the original name.
+// its host. QelDNSCurlPinning looks the host up and pins "NAME:PORT:ADDRESS" in curl's own name
+// cache (CURLOPT_RESOLVE), so curl connects to that address while the Host header, and for
+// https the TLS server name and the certificate check, keep the original name.
 //   curl_fetch [--no-fallback] [--store FILE] <service-url> <auth-id> <auth-secret> <url>
 // The body goes to standard output, what happened to standard error. Without an answer from
 // the SDK the name is left to the system resolver, or, with --no-fallback, the fetch is not made.
 // Exit status: 0 fetched, 1 not fetched, 2 bad usage.
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <future>
 #include <memory>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <curl/curl.h>
@@ -50,53 +45,6 @@ bool parse(int argc, char** argv, Options& options) {
     return true;
 }
 
-// The host and port curl will connect to for `url` (the scheme's port when none is written).
-bool hostAndPort(const std::string& url, std::string& host, std::string& port) {
-    CURLU* parsed = curl_url();
-    char* h = nullptr;
-    char* p = nullptr;
-    const bool ok = curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
-                    curl_url_get(parsed, CURLUPART_HOST, &h, 0) == CURLUE_OK &&
-                    curl_url_get(parsed, CURLUPART_PORT, &p, CURLU_DEFAULT_PORT) == CURLUE_OK;
-    if (ok) {
-        host = h;
-        port = p;
-    }
-    curl_free(h);
-    curl_free(p);
-    curl_url_cleanup(parsed);
-    return ok;
-}
-
-// The SDK's IPv4 addresses for `host`, or nothing (the reason printed).
-std::optional<std::vector<std::string>> lookUp(QelHttpDnsManager& dns, const std::string& host) {
-    // Until the login's first reply the SDK does not answer lookups at all.
-    for (int i = 0; i < 100 && dns.initStatus() == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    if (dns.initStatus() == 0) {
-        std::fprintf(stderr, "curl_fetch: no login reply from the service\n");
-        return std::nullopt;
-    }
-    // Shared with the callback, which may still come after this function gave up waiting.
-    auto answer = std::make_shared<std::promise<std::optional<std::vector<std::string>>>>();
-    std::future<std::optional<std::vector<std::string>>> result = answer->get_future();
-    dns.getIPV4ByDomain(host, [answer, host](std::optional<QelDNSError> error,
-                                             std::optional<std::vector<std::string>> ips) {
-        if (error) {
-            std::fprintf(stderr, "curl_fetch: %s: error %lld: %s\n", host.c_str(),
-                         static_cast<long long>(error->code()),
-                         error->localizedDescription().c_str());
-        }
-        answer->set_value(ips && !ips->empty() ? ips : std::nullopt);
-    });
-    if (result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-        std::fprintf(stderr, "curl_fetch: %s: no answer in time\n", host.c_str());
-        return std::nullopt;
-    }
-    return result.get();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -109,12 +57,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    std::string host, port;
-    if (!hostAndPort(options.url, host, port)) {
-        std::fprintf(stderr, "curl_fetch: %s is not a URL curl can fetch\n", options.url.c_str());
-        return 2;
-    }
-
     QelDNSApplication::setBundleIdentifier(std::string("com.example.curl-fetch"));
     // The SDK logs every request it sends; standard error is kept for this program's own lines.
     QelDNSApplication::setLogSink([](const std::string&) {});
@@ -123,28 +65,37 @@ int main(int argc, char** argv) {
     dns.customServerUrl(options.serviceUrl);
     dns.enableCacheIP(true);
     dns.registerAuthId(options.authId, options.authSecret);
-    const std::optional<std::vector<std::string>> addresses = lookUp(dns, host);
 
-    CURL* curl = curl_easy_init();
-    curl_slist* pinned = nullptr;
+    std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
+    CURL* curl = handle.get();
     curl_easy_setopt(curl, CURLOPT_URL, options.url.c_str());
-    if (addresses) {
-        // "NAME:PORT:ADDRESS[,ADDRESS...]": curl tries them in order, as it would a DNS answer.
-        std::string entry = host + ":" + port + ":";
-        for (size_t i = 0; i < addresses->size(); ++i) entry += (i ? "," : "") + (*addresses)[i];
-        pinned = curl_slist_append(nullptr, entry.c_str());
-        curl_easy_setopt(curl, CURLOPT_RESOLVE, pinned);
-        // A proxy would resolve the name itself and make the pin pointless.
-        curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
-        std::fprintf(stderr, "curl_fetch: pinned %s\n", entry.c_str());
-    } else if (options.fallback) {
-        std::fprintf(stderr, "curl_fetch: no SDK answer for %s; using the system resolver\n",
-                     host.c_str());
-    } else {
-        std::fprintf(stderr, "curl_fetch: no SDK answer for %s; not fetched (--no-fallback)\n",
-                     host.c_str());
-        curl_easy_cleanup(curl);
-        return 1;
+    // Declared after the handle, so destroyed before it: it clears what it set on the handle.
+    QelDNSCurlPinning pinning(curl);
+    // Within this deadline: the login's first reply, then the service's answer.
+    const QelDNSCurlPinning::Result pin = pinning.pin(options.url, 60.0);
+    switch (pin.outcome) {
+        case QelDNSCurlPinning::Outcome::Pinned:
+            std::fprintf(stderr, "curl_fetch: pinned %s\n", pin.entry.c_str());
+            break;
+        case QelDNSCurlPinning::Outcome::AddressLiteral:
+            std::fprintf(stderr, "curl_fetch: %s is an address; nothing to look up\n",
+                         pin.host.c_str());
+            break;
+        case QelDNSCurlPinning::Outcome::UnusableUrl:
+            std::fprintf(stderr, "curl_fetch: %s is not a URL curl can fetch\n", options.url.c_str());
+            return 2;
+        case QelDNSCurlPinning::Outcome::SystemResolver:
+            std::fprintf(stderr, "curl_fetch: %s: error %lld: %s\n", pin.host.c_str(),
+                         static_cast<long long>(pin.error ? pin.error->code() : 0),
+                         pin.error ? pin.error->localizedDescription().c_str() : "");
+            if (!options.fallback) {
+                std::fprintf(stderr, "curl_fetch: no SDK answer for %s; not fetched (--no-fallback)\n",
+                             pin.host.c_str());
+                return 1;
+            }
+            std::fprintf(stderr, "curl_fetch: no SDK answer for %s; using the system resolver\n",
+                         pin.host.c_str());
+            break;
     }
 
     const CURLcode code = curl_easy_perform(curl);
@@ -155,7 +106,5 @@ int main(int argc, char** argv) {
     } else {
         std::fprintf(stderr, "curl_fetch: %s\n", curl_easy_strerror(code));
     }
-    curl_slist_free_all(pinned);
-    curl_easy_cleanup(curl);
     return code == CURLE_OK && status < 400 ? 0 : 1;
 }

@@ -62,7 +62,6 @@ private:
     void behave(const Behaviour& behaviour, const nlohmann::json& answer, httplib::Response& response);
 
     const std::string authId_, authSecret_, appId_;
-    LoopbackHttpServer server_;
 
     mutable std::mutex mutex_;
     std::map<std::string, nlohmann::json> zone_;  // guarded by mutex_
@@ -72,6 +71,9 @@ private:
     std::vector<std::string> resolvedHosts_;      // guarded by mutex_
     bool stopping_ = false;                       // guarded by mutex_
     std::condition_variable stopped_;
+    // Last, so that it stops serving (and joins its threads) before the state its handlers
+    // use is destroyed: a request may still be in flight when the service ends.
+    LoopbackHttpServer server_;
 };
 
 }  // namespace qel::test

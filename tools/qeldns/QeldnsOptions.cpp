@@ -24,7 +24,8 @@ const char QeldnsOptions::kUsage[] =
     "  --repeat N         look each name up N times (shows cache hits)\n"
     "  -f FILE            names from FILE, one per line ('#' starts a comment)\n"
     "  --json             one JSON object per answer\n"
-    "  -v                 the SDK's console log on standard error\n"
+    "  -v                 the SDK's console log on standard error; with --json, a\n"
+    "                     \"trace\" of each lookup in its object\n"
     "  -h, --help         this text\n"
     "\n"
     "Exit status: 0 every name answered, 1 some lookup failed, 2 bad usage.\n";

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -27,7 +28,23 @@ struct Result {
     std::optional<QelDNSError> error;
     Ips ips;
     int64_t microseconds = 0;
+    std::optional<QelDNSLookupTrace> trace;  // with -v: what the SDK did for this answer
 };
+
+// The trace observer runs on the thread that answers a lookup just before its callback, so
+// the callback finds its own lookup's trace here.
+thread_local std::optional<QelDNSLookupTrace> latestTrace;
+
+nlohmann::json traceJson(const QelDNSLookupTrace& trace) {
+    nlohmann::json object = {{"source", QelDNSLookupTrace::sourceName(trace.source)},
+                             {"cache_key", trace.cacheKey},
+                             {"attempts", trace.attempts},
+                             {"nodes", trace.nodes},
+                             {"login_retried", trace.loginRetried},
+                             {"microseconds", trace.micros}};
+    object["error_code"] = trace.error ? nlohmann::json(trace.error->code()) : nlohmann::json();
+    return object;
+}
 
 // Runs one lookup and waits for its callback, at most `limit`.
 Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type, Clock::duration limit) {
@@ -47,6 +64,7 @@ Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type, Clo
         result.onCallingThread = std::this_thread::get_id() == caller;
         result.error = std::move(error);
         result.ips = std::move(ips);
+        result.trace = std::exchange(latestTrace, std::nullopt);
         result.answered = true;
         shared->done.notify_all();
     });
@@ -85,6 +103,7 @@ bool report(const QeldnsOptions& options, const std::string& name, const Result&
             line["source"] = result.onCallingThread ? "cache" : "network";
             line["microseconds"] = result.microseconds;
         }
+        if (result.trace) line["trace"] = traceJson(*result.trace);
         std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else if (!result.answered) {
         std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", name.c_str(), waitedSeconds);
@@ -112,6 +131,9 @@ void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
     dns.setTimeout(options.timeout);
     if (!options.degradeHosts.empty()) dns.setDegradeHosts(options.degradeHosts);
     if (options.server) dns.customServerUrl(options.server);
+    if (options.verbose && options.json) {
+        QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) { latestTrace = trace; });
+    }
 }
 
 }  // namespace

@@ -74,6 +74,23 @@ TEST_F(Qeldns, JsonShowsTheSourceOfEachAnswerAndTheErrorsWithTheirCodes) {
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
 }
 
+TEST_F(Qeldns, VerboseJsonTracesEachLookup) {
+    const Outcome run = qeldns(common() + "-v --json --repeat 3 a.test 192.168.1.1");
+    ASSERT_EQ(run.lines.size(), 6u);
+    const json first = json::parse(run.lines[0])["trace"];
+    EXPECT_EQ(first["source"], "service");
+    EXPECT_EQ(first["attempts"], 1);
+    EXPECT_EQ(first["nodes"], json({service.baseUrl()}));
+    EXPECT_EQ(first["cache_key"], "a.test_v6");
+    const json hit = json::parse(run.lines[2])["trace"];
+    EXPECT_EQ(hit["source"], "memory");
+    EXPECT_EQ(hit["cache_key"], "a.test_v4");
+    const json refused = json::parse(run.lines[3])["trace"];
+    EXPECT_EQ(refused["source"], "refused");
+    EXPECT_EQ(refused["error_code"], 1);
+    EXPECT_FALSE(json::parse(qeldns(common() + "--json a.test").lines.at(0)).contains("trace"));
+}
+
 TEST_F(Qeldns, BadUsageExitsTwo) {
     EXPECT_EQ(qeldns("--bogus a.test").status, 2);
     EXPECT_EQ(qeldns("--timeout soon a.test").status, 2);

@@ -36,7 +36,9 @@ constexpr std::array<bool, 256> queryAllowedBytes() {
     return allowed;
 }
 
-std::string percentEncode(const std::string& text) {
+}  // namespace
+
+std::string QelDNSRequest::percentEncode(const std::string& text) {
     static constexpr std::array<bool, 256> kAllowed = queryAllowedBytes();
     static const char kHex[] = "0123456789ABCDEF";
     std::string encoded;
@@ -53,6 +55,8 @@ std::string percentEncode(const std::string& text) {
     }
     return encoded;
 }
+
+namespace {
 
 std::string prettyJSON(const json& value) {
     return value.dump(2, ' ', false, json::error_handler_t::replace);
@@ -120,7 +124,9 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
     if (finishBlock) finishBlock(std::move(error), std::move(result));
 }
 
-void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse response) {
+}  // namespace
+
+void QelDNSRequest::handleResponse(const FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
         const int64_t code =
             response.statusCode == 200 ? codes::kFailedWithStatus200 : codes::kNeedRetry;
@@ -147,8 +153,6 @@ void handleResponse(const QelDNSRequest::FinishBlock& finishBlock, HttpResponse 
     }
     finishWith(finishBlock, std::nullopt, std::move(answer));
 }
-
-}  // namespace
 
 void QelDNSRequest::get(const std::optional<std::string>& url, const json& headers,
                         FinishBlock finishBlock) {

@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/Platform/HttpResponse.h"
 
 class QelDNSRequest {
 public:
@@ -59,6 +60,15 @@ public:
     static void baseRequest(uint64_t method, const std::optional<std::string>& url,
                             const nlohmann::json& headers, const nlohmann::json& body,
                             FinishBlock finishBlock);
+
+    /// What `baseRequest` does with what the transport handed back: turns `response` into the
+    /// error or the JSON result described above and calls `finishBlock` (if any) once, on the
+    /// calling thread. Logs the "response url" line when a body arrived.
+    static void handleResponse(const FinishBlock& finishBlock, qel::platform::HttpResponse response);
+
+    /// `text` with every byte outside letters, digits and -._~!$&'()*+,;=:@/? written as %XX
+    /// (upper-case hex), as `baseRequest` sends a URL. Pure; callable from any thread.
+    static std::string percentEncode(const std::string& text);
 
 protected:
     // Never instantiated: a class of static operations that the request builders derive from.

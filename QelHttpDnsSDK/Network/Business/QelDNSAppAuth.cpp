@@ -12,8 +12,19 @@ namespace {
 
 namespace codes = QelDNSErrorCodes;
 
-void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth::Completion& completion,
-                  std::optional<QelDNSError> error, const std::optional<nlohmann::json>& result) {
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
+
+}  // namespace
+
+void QelDNSAppAuth::handleAnswer(const std::optional<std::string>& authId,
+                                 const Completion& completion, std::optional<QelDNSError> error,
+                                 const std::optional<nlohmann::json>& result) {
     if (!completion) return;
     if (error) {
         completion(std::move(error), std::nullopt, std::nullopt);
@@ -43,16 +54,6 @@ void handleAnswer(const std::optional<std::string>& authId, const QelDNSAppAuth:
                    std::nullopt, std::nullopt);
     }
 }
-
-std::string signature(const std::optional<std::string>& package,
-                      const std::optional<std::string>& authSecret, double timestamp) {
-    const std::string signedText = QelDNSNullable::text(package) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
-}
-
-}  // namespace
 
 void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
                                 const std::optional<std::string>& authId,

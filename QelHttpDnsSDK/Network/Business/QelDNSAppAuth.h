@@ -39,6 +39,13 @@ public:
                             const std::optional<std::string>& authId,
                             const std::optional<std::string>& authSecret, Completion completion);
 
+    /// What `authWithUrl`'s request does with the transport's outcome (see
+    /// `QelDNSRequest::handleResponse`): applies the answer rules above for `authId` and calls
+    /// `completion` (if any) once, on the calling thread.
+    static void handleAnswer(const std::optional<std::string>& authId, const Completion& completion,
+                             std::optional<QelDNSError> error,
+                             const std::optional<nlohmann::json>& result);
+
     /// md5 of "<package>-<timestamp truncated to an integer>-<authSecret>", 32 lower-case hex.
     static std::string calcSignWithAuthSecret(const std::optional<std::string>& authSecret,
                                               double timestamp);

@@ -14,9 +14,21 @@ namespace {
 
 namespace codes = QelDNSErrorCodes;
 
-void handleAnswer(const std::optional<std::string>& domain, int32_t type,
-                  const QelDNSGetIPs::Completion& completion, std::optional<QelDNSError> error,
-                  const std::optional<nlohmann::json>& result) {
+std::string signature(const std::optional<std::string>& package,
+                      const std::optional<std::string>& authSecret, double timestamp,
+                      const std::optional<std::string>& host, int32_t type) {
+    const std::string signedText = QelDNSNullable::text(package) + "-" +
+                                   QelDNSNullable::text(host) + "-" +
+                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
+                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
+    return QelDNSUntil::MD5ForLower32Bate(signedText);
+}
+
+}  // namespace
+
+void QelDNSGetIPs::handleAnswer(const std::optional<std::string>& domain, int32_t type,
+                                const Completion& completion, std::optional<QelDNSError> error,
+                                const std::optional<nlohmann::json>& result) {
     if (!completion) return;
     if (error) {
         completion(std::move(error), nullptr);
@@ -54,18 +66,6 @@ void handleAnswer(const std::optional<std::string>& domain, int32_t type,
     }
     completion(std::nullopt, std::move(records));
 }
-
-std::string signature(const std::optional<std::string>& package,
-                      const std::optional<std::string>& authSecret, double timestamp,
-                      const std::optional<std::string>& host, int32_t type) {
-    const std::string signedText = QelDNSNullable::text(package) + "-" +
-                                   QelDNSNullable::text(host) + "-" +
-                                   std::to_string(static_cast<int64_t>(timestamp)) + "-" +
-                                   std::to_string(type) + "-" + QelDNSNullable::text(authSecret);
-    return QelDNSUntil::MD5ForLower32Bate(signedText);
-}
-
-}  // namespace
 
 void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t type,
                                  const std::optional<std::string>& authId,

@@ -38,6 +38,13 @@ public:
                               const std::optional<std::string>& authSecret,
                               const std::optional<std::string>& domain, Completion completion);
 
+    /// What `getIPsWithUrl`'s request does with the transport's outcome (see
+    /// `QelDNSRequest::handleResponse`): applies the answer rules above for `domain` and `type`
+    /// and calls `completion` (if any) once, on the calling thread.
+    static void handleAnswer(const std::optional<std::string>& domain, int32_t type,
+                             const Completion& completion, std::optional<QelDNSError> error,
+                             const std::optional<nlohmann::json>& result);
+
     /// md5 of "<package>-<host>-<timestamp truncated to an integer>-<type>-<authSecret>".
     static std::string calcSignWithAuthSecret(const std::optional<std::string>& authSecret,
                                               double timestamp,

@@ -18,8 +18,18 @@ namespace qel::platform {
 
 namespace {
 
-// Another connection (the application's own) may hold the write lock for a moment.
-constexpr int kBusyTimeoutMillis = 2000;
+// How long an operation waits for another connection's lock. Writes run on the platform
+// thread before the lookup's answer is delivered, and every other answer queues behind them,
+// so the wait must stay short of what a user notices; it still outlasts an ordinary
+// transaction of the application's (a few upserts and a sync). Once a wait has run out, later
+// operations do not wait at all until a write goes through (see `noteLockedLocked`).
+constexpr int kBusyTimeoutMillis = 100;
+
+// Another connection holds a lock this operation needs.
+bool isLockConflict(int resultCode) {
+    const int primary = resultCode & 0xff;
+    return primary == SQLITE_BUSY || primary == SQLITE_LOCKED;
+}
 
 sqlite3_stmt* prepare(sqlite3* db, const char* sql) {
     sqlite3_stmt* statement = nullptr;
@@ -127,6 +137,7 @@ SqliteUserDefaults::~SqliteUserDefaults() {
 }
 
 bool SqliteUserDefaults::open() {
+    retryOpen_ = false;
     const bool inMemory = path_ == kInMemory;
     if (!inMemory) {
         makePrivateDirectories(std::filesystem::path(path_).parent_path());
@@ -135,12 +146,9 @@ bool SqliteUserDefaults::open() {
     int rc = sqlite3_open_v2(path_.c_str(), &db_,
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
-    if (rc != SQLITE_OK) {
-        reportOnceLocked("open", rc);
-        return false;
-    }
+    if (rc != SQLITE_OK) return failOpenLocked(rc);
     sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
+    sqlite3_busy_timeout(db_, locked_ ? 0 : kBusyTimeoutMillis);
     // The first statement reads the file header, so a file that is not a database fails
     // here, before anything could be written to it.
     static const char* const kSetup[] = {
@@ -156,16 +164,7 @@ bool SqliteUserDefaults::open() {
     };
     for (const char* sql : kSetup) {
         rc = sqlite3_exec(db_, sql, firstColumn, &journalMode, nullptr);
-        if (rc != SQLITE_OK) {
-            reportOnceLocked("open", rc);
-            return false;
-        }
-    }
-    // A database in memory has no journal file to put in WAL mode.
-    if (!inMemory && ::strcasecmp(journalMode.c_str(), "wal") != 0) {
-        pendingReports_.push_back("QelHttpDnsSDK: user defaults \"" + path_ + "\": journal mode is " +
-                                  journalMode + ", not WAL: each write syncs to disk and "
-                                  "blocks the application's readers");
+        if (rc != SQLITE_OK) return failOpenLocked(rc);
     }
     select_ = prepare(db_, "SELECT value FROM user_defaults WHERE key = ?1");
     upsert_ = prepare(db_,
@@ -173,11 +172,64 @@ bool SqliteUserDefaults::open() {
                       "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
     delete_ = prepare(db_, "DELETE FROM user_defaults WHERE key = ?1");
     keys_ = prepare(db_, "SELECT key FROM user_defaults ORDER BY key");
-    if (!select_ || !upsert_ || !delete_ || !keys_) {
-        reportOnceLocked("open", sqlite3_errcode(db_));
-        return false;
+    if (!select_ || !upsert_ || !delete_ || !keys_) return failOpenLocked(sqlite3_errcode(db_));
+    // A database in memory has no journal file to put in WAL mode.
+    if (!inMemory && ::strcasecmp(journalMode.c_str(), "wal") != 0) {
+        pendingReports_.push_back(prefix() + "journal mode is " + journalMode +
+                                  ", not WAL: each write syncs to disk and "
+                                  "blocks the application's readers");
     }
     return true;
+}
+
+bool SqliteUserDefaults::failOpenLocked(int resultCode) {
+    if (isLockConflict(resultCode)) {
+        // Not a fault of the file: it is opened again by a later operation.
+        retryOpen_ = true;
+        noteLockedLocked();
+    } else {
+        reportOnceLocked("open", resultCode);
+    }
+    return false;
+}
+
+bool SqliteUserDefaults::readyLocked() {
+    if (!db_ && retryOpen_ && !open()) close();
+    return db_ != nullptr;
+}
+
+std::string SqliteUserDefaults::prefix() const {
+    return "QelHttpDnsSDK: user defaults \"" + path_ + "\": ";
+}
+
+void SqliteUserDefaults::noteLockedLocked() {
+    if (locked_) return;
+    locked_ = true;
+    // The lock may last: later operations try it once rather than each waiting in turn.
+    if (db_) sqlite3_busy_timeout(db_, 0);
+    pendingReports_.push_back(prefix() + "locked by another connection; writes are skipped "
+                              "until it releases the lock");
+}
+
+void SqliteUserDefaults::noteWrittenLocked() {
+    if (!locked_) return;
+    locked_ = false;
+    sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
+    pendingReports_.push_back(prefix() + "the lock is released; writes are stored again");
+}
+
+int SqliteUserDefaults::stepLocked(sqlite3_stmt* statement, const char* operation, bool writes) {
+    const int rc = sqlite3_step(statement);
+    if (isLockConflict(rc)) {
+        noteLockedLocked();
+    } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        reportOnceLocked(operation, rc);
+    } else if (writes) {
+        // Reads of a WAL database pass another connection's write lock, so only a write
+        // tells that the lock is gone.
+        noteWrittenLocked();
+    }
+    return rc;
 }
 
 void SqliteUserDefaults::close() {
@@ -197,8 +249,7 @@ bool SqliteUserDefaults::isUsable() const {
 void SqliteUserDefaults::reportOnceLocked(const char* operation, int resultCode) {
     if (reported_) return;
     reported_ = true;
-    std::string message = "QelHttpDnsSDK: user defaults \"" + path_ + "\": " + operation +
-                          " failed (" + sqlite3_errstr(resultCode) + ")";
+    std::string message = prefix() + operation + " failed (" + sqlite3_errstr(resultCode) + ")";
     if (db_ && std::string(sqlite3_errmsg(db_)) != sqlite3_errstr(resultCode)) {
         message += ": ";
         message += sqlite3_errmsg(db_);
@@ -215,11 +266,9 @@ void SqliteUserDefaults::finishLocked(sqlite3_stmt* statement) {
 }
 
 bool SqliteUserDefaults::selectLocked(const std::string& key) {
-    if (!db_) return false;
+    if (!readyLocked()) return false;
     sqlite3_bind_text(select_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    const int rc = sqlite3_step(select_);
-    if (rc == SQLITE_ROW) return true;
-    if (rc != SQLITE_DONE) reportOnceLocked("read", rc);
+    if (stepLocked(select_, "read", false) == SQLITE_ROW) return true;
     finishLocked(select_);
     return false;
 }
@@ -252,14 +301,17 @@ std::optional<std::string> SqliteUserDefaults::string(const std::string& key) {
 void SqliteUserDefaults::writeBoundLocked(sqlite3_stmt* statement, int bindResult,
                                           const char* operation) {
     // A value that could not be bound (too big) must not be written as NULL in its place.
-    const int rc = bindResult == SQLITE_OK ? sqlite3_step(statement) : bindResult;
-    if (rc != SQLITE_DONE) reportOnceLocked(operation, rc);
+    if (bindResult == SQLITE_OK) {
+        stepLocked(statement, operation, true);
+    } else {
+        reportOnceLocked(operation, bindResult);
+    }
     finishLocked(statement);
 }
 
 void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
     Session session(*this);
-    if (!db_) return;
+    if (!readyLocked()) return;
     int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (rc == SQLITE_OK) {
         // A null pointer would store NULL, not an empty blob.
@@ -272,7 +324,7 @@ void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
 
 void SqliteUserDefaults::setString(const std::string& key, const std::string& value) {
     Session session(*this);
-    if (!db_) return;
+    if (!readyLocked()) return;
     int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (rc == SQLITE_OK) {
         rc = sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
@@ -282,7 +334,7 @@ void SqliteUserDefaults::setString(const std::string& key, const std::string& va
 
 void SqliteUserDefaults::remove(const std::string& key) {
     Session session(*this);
-    if (!db_) return;
+    if (!readyLocked()) return;
     const int rc =
         sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     writeBoundLocked(delete_, rc, "remove");
@@ -291,14 +343,13 @@ void SqliteUserDefaults::remove(const std::string& key) {
 std::vector<std::string> SqliteUserDefaults::allKeys() {
     Session session(*this);
     std::vector<std::string> keys;
-    if (!db_) return keys;
+    if (!readyLocked()) return keys;
     int rc;
-    while ((rc = sqlite3_step(keys_)) == SQLITE_ROW) {
+    while ((rc = stepLocked(keys_, "list keys", false)) == SQLITE_ROW) {
         const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(keys_, 0));
         keys.emplace_back(text ? text : "", static_cast<size_t>(sqlite3_column_bytes(keys_, 0)));
     }
     if (rc != SQLITE_DONE) {
-        reportOnceLocked("list keys", rc);
         keys.clear();  // a partial snapshot would look like a complete one
     }
     finishLocked(keys_);

@@ -22,6 +22,16 @@
 // problem a store meets (at open or on a later operation) is written once to the `Console`;
 // callers are told nothing. So is a database that cannot run in WAL mode (it then keeps its
 // journal mode and works on).
+//
+// Another connection (the application's, in this or another process) may hold the file's
+// lock. An operation waits 100 ms at most for it; when that runs out, the operation does
+// nothing (a read finds no value, a write is lost, the key list is empty) and later
+// operations do not wait at all, until a write goes through again. Reads of a WAL database
+// are not held up by another connection's write, only those of a database in rollback-journal
+// mode under an exclusive lock are. A lock that keeps the file from being opened does not make
+// the store unusable: later operations open it again. One line goes to the `Console` when a
+// lock first gets in the way, and one when a write goes through after it; these do not count
+// as the store's one problem above.
 #pragma once
 
 #include <mutex>
@@ -56,7 +66,8 @@ public:
     static std::optional<std::string> standardLocation(
         const std::optional<std::string>& bundleIdentifier);
 
-    /// False when the file could not be opened as a database (the store is then empty).
+    /// False when the file could not be opened as a database (the store is then empty), or
+    /// has not been yet because another connection's lock was in the way.
     bool isUsable() const;
 
     std::optional<Data> data(const std::string& key) override;
@@ -71,6 +82,15 @@ private:
 
     bool open();
     void close();
+    // Records why `open` failed and returns false: a lock is waited out, anything else ends it.
+    bool failOpenLocked(int resultCode);
+    // Opens the file again after a lock kept it from opening; whether the store is open.
+    bool readyLocked();
+    std::string prefix() const;
+    // Steps `statement`; reports a failure once, or notes a lock in the way or gone.
+    int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes);
+    void noteLockedLocked();
+    void noteWrittenLocked();
     // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
     bool selectLocked(const std::string& key);
     void finishLocked(sqlite3_stmt* statement);
@@ -85,6 +105,8 @@ private:
     sqlite3_stmt* delete_ = nullptr;
     sqlite3_stmt* keys_ = nullptr;
     bool reported_ = false;
+    bool locked_ = false;     // another connection's lock got in the way and no write since
+    bool retryOpen_ = false;  // the last open failed on a lock
     std::vector<std::string> pendingReports_;  // written to the Console once the lock is released
 };
 

@@ -1,0 +1,129 @@
+#include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+
+#include <atomic>
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/PlatformThread.h"
+
+namespace codes = QelDNSExtrasErrorCodes;
+
+static_assert(QelDNSBlockingLookup::kTimedOutCode == codes::kTimedOut);
+static_assert(QelDNSBlockingLookup::kCalledOnPlatformThreadCode == codes::kCalledOnPlatformThread);
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+using Result = QelDNSBlockingLookup::Result;
+
+// How often a lookup made before the first login reply checks whether the reply has come.
+constexpr auto kLoginPoll = std::chrono::milliseconds(5);
+// Longer waits are taken as "no limit" rather than overflowing the clock.
+constexpr double kLongestTimeout = 10.0 * 365 * 24 * 3600;
+
+// One lookup's answer, shared by the waiting caller and the callback, which may run after the
+// caller gave up: whichever lets go last frees it.
+struct Pending {
+    const std::thread::id caller = std::this_thread::get_id();
+    std::mutex mutex;
+    std::condition_variable answered;
+    Result result;                 // written once, before `done`
+    std::atomic<bool> done{false};
+};
+
+Result failure(int64_t code, const char* message) {
+    return Result{QelDNSUntil::errorCode(code, message), {}};
+}
+
+SteadyClock::time_point deadlineAfter(double timeout) {
+    if (!(timeout > 0)) return SteadyClock::now();  // NaN too
+    const double seconds = std::min(timeout, kLongestTimeout);
+    return SteadyClock::now() +
+           std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(seconds));
+}
+
+QelHttpDnsManager::ReturnBlock answerInto(const std::shared_ptr<Pending>& pending) {
+    return [pending](std::optional<QelDNSError> error, std::optional<std::vector<std::string>> ips) {
+        // On the caller's own thread the answer comes before the lookup returns (a cache hit
+        // or a refusal), while nothing else can touch the state: no lock, nobody to wake.
+        if (std::this_thread::get_id() == pending->caller) {
+            pending->result.error = std::move(error);
+            if (ips) pending->result.ips = std::move(*ips);
+            pending->done.store(true, std::memory_order_relaxed);
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(pending->mutex);
+            if (pending->done.load(std::memory_order_relaxed)) return;
+            pending->result.error = std::move(error);
+            if (ips) pending->result.ips = std::move(*ips);
+            pending->done.store(true, std::memory_order_release);
+        }
+        pending->answered.notify_one();
+    };
+}
+
+std::optional<Result> takeIfDone(Pending& pending) {
+    std::lock_guard<std::mutex> lock(pending.mutex);
+    if (!pending.done.load(std::memory_order_relaxed)) return std::nullopt;
+    return std::move(pending.result);
+}
+
+// Waits for the answer of a lookup the manager has taken on.
+Result waitFor(Pending& pending, SteadyClock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(pending.mutex);
+    if (!pending.answered.wait_until(lock, deadline,
+                                     [&] { return pending.done.load(std::memory_order_relaxed); })) {
+        // Marked answered, so that a late answer leaves the result alone.
+        pending.done.store(true, std::memory_order_relaxed);
+        return failure(codes::kTimedOut, codes::kTimedOutMessage);
+    }
+    return std::move(pending.result);
+}
+
+// The manager drops lookups until its first login reply; true once that reply has come
+// before the deadline (checked first, so that asking again can never go on without end).
+bool waitForLoginReply(const QelHttpDnsManager& manager, SteadyClock::time_point deadline) {
+    for (;;) {
+        if (SteadyClock::now() >= deadline) return false;
+        if (manager.initStatus() != 0) return true;
+        std::this_thread::sleep_for(kLoginPoll);
+    }
+}
+
+}  // namespace
+
+QelDNSBlockingLookup::Result QelDNSBlockingLookup::resolve(const std::optional<std::string>& domain,
+                                                           int64_t type, double timeout) {
+    if (qel::platform::isPlatformThread()) {
+        return failure(codes::kCalledOnPlatformThread, codes::kCalledOnPlatformThreadMessage);
+    }
+    QelHttpDnsManager& manager = QelHttpDnsManager::shared();
+    std::optional<SteadyClock::time_point> deadline;  // read the clock only when a wait is due
+    for (;;) {
+        auto pending = std::make_shared<Pending>();
+        manager.getIPByDomain(domain, type, answerInto(pending));
+        // A cache hit or a refusal has already answered on this thread: no wait.
+        if (pending->done.load(std::memory_order_acquire)) return std::move(pending->result);
+        if (!deadline) deadline = deadlineAfter(timeout);
+        // No copy of the callback left and no answer: the manager dropped the lookup, which it
+        // does only before its first login reply. Ask again once that reply is in.
+        if (pending.use_count() == 1) {
+            if (std::optional<Result> late = takeIfDone(*pending)) return std::move(*late);
+            if (!waitForLoginReply(manager, *deadline)) {
+                return failure(codes::kTimedOut, codes::kTimedOutMessage);
+            }
+            continue;
+        }
+        return waitFor(*pending, *deadline);
+    }
+}

@@ -1,0 +1,131 @@
+// The blocking lookup against a signature-checking resolution service on loopback: the
+// manager's answers and refusals, its silence before the first login reply, the deadline and
+// the platform thread.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "support/CapturingConsole.h"
+#include "support/FakeReachability.h"
+#include "support/ResolutionService.h"
+#include "support/ScratchDirectory.h"
+
+using qel::test::ResolutionService;
+using Strings = std::vector<std::string>;
+using Lookup = QelDNSBlockingLookup;
+
+namespace {
+
+constexpr char kId[] = "acct-7";
+constexpr char kSecret[] = "s3cr3t";
+constexpr char kApp[] = "com.example.app";
+
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return condition();
+}
+
+int64_t codeOf(const Lookup::Result& result) { return result.error ? result.error->code() : 99999; }
+
+class BlockingLookup : public testing::Test {
+protected:
+    BlockingLookup() {
+        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
+        service.setAddresses("a.test", {"192.0.2.1", "192.0.2.2"});
+    }
+
+    QelHttpDnsManager& dns() { return QelHttpDnsManager::shared(); }
+
+    void registerAccount() {
+        dns().customServerUrl(service.baseUrl());
+        dns().registerAuthId(std::string(kId), std::string(kSecret));
+    }
+    void login() {
+        registerAccount();
+        ASSERT_TRUE(eventually([&] { return dns().initStatus() == 4; }));
+    }
+
+    qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
+    qel::test::ScratchDirectory scratch;
+    qel::test::CapturingConsole console;
+    ResolutionService service{kId, kSecret, kApp};
+};
+
+TEST_F(BlockingLookup, AnswersWithTheServicesAddressesAndTheManagersRefusals) {
+    login();
+    const Lookup::Result answer = Lookup::resolve("a.test", 1, 10.0);
+    ASSERT_TRUE(answer.ok()) << answer.error->localizedDescription();
+    EXPECT_EQ(answer.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
+
+    const Lookup::Result malformed = Lookup::resolve("not a domain", 1, 10.0);
+    EXPECT_EQ(codeOf(malformed), 1);
+    EXPECT_EQ(malformed.error->localizedDescription(), "域名格式错误");
+    EXPECT_TRUE(malformed.ips.empty());
+    // No address for the name: the resolver's own failure, not a timeout.
+    EXPECT_EQ(codeOf(Lookup::resolve("unknown.test", 1, 10.0)), -1);
+}
+
+TEST_F(BlockingLookup, BeforeTheFirstLoginReplyItWaitsForItWithinTheDeadline) {
+    // Never registered: the manager drops the lookup, so only the deadline ends it.
+    const Lookup::Result silent = Lookup::resolve("a.test", 1, 0.2);
+    EXPECT_EQ(codeOf(silent), Lookup::kTimedOutCode);
+    EXPECT_EQ(silent.error->localizedDescription(), "timed out");
+    EXPECT_EQ(silent.error->domain(), "com.qel.httpdnssdk");
+
+    // Degraded hosts are refused even then, at once.
+    dns().setDegradeHosts(Strings{"legacy.test"});
+    EXPECT_EQ(codeOf(Lookup::resolve("legacy.test", 1, 0.0)), 2);
+
+    // Asked while the login is on its way, answered once its reply is in.
+    auto waiting = std::async(std::launch::async, [] { return Lookup::resolve("a.test", 1, 20.0); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    registerAccount();
+    const Lookup::Result answer = waiting.get();
+    ASSERT_TRUE(answer.ok()) << answer.error->localizedDescription();
+    EXPECT_EQ(answer.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
+}
+
+TEST_F(BlockingLookup, GivesUpAtTheDeadlineWhenTheServiceDoesNotAnswer) {
+    login();
+    service.scriptResolves({ResolutionService::stall()});
+    EXPECT_EQ(codeOf(Lookup::resolve("a.test", 1, 0.3)), Lookup::kTimedOutCode);
+}
+
+TEST_F(BlockingLookup, ALateAnswerOnlyFillsTheCache) {
+    login();
+    dns().enableCacheIP(true);
+    // No wait allowed: the service's answer comes after the lookup gave up (unless it was
+    // already there when the lookup looked).
+    const Lookup::Result first = Lookup::resolve("a.test", 1, 0.0);
+    EXPECT_TRUE(first.ok() || codeOf(first) == Lookup::kTimedOutCode);
+    // Late answers are stored as usual, until one is a hit, answered without waiting.
+    Lookup::Result hit;
+    ASSERT_TRUE(eventually([&] { return (hit = Lookup::resolve("a.test", 1, 0.0)).ok(); }));
+    EXPECT_EQ(hit.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
+}
+
+TEST_F(BlockingLookup, FailsAtOnceOnThePlatformThread) {
+    login();
+    std::promise<Lookup::Result> inside;
+    dns().getIPV4ByDomain("a.test", [&inside](std::optional<QelDNSError>, std::optional<Strings>) {
+        inside.set_value(Lookup::resolve("a.test", 1, 30.0));  // an answer from the service runs there
+    });
+    auto answered = inside.get_future();
+    ASSERT_EQ(answered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    const Lookup::Result result = answered.get();
+    EXPECT_EQ(codeOf(result), Lookup::kCalledOnPlatformThreadCode);
+    EXPECT_EQ(result.error->localizedDescription(), "blocking lookup on the platform thread");
+}
+
+}  // namespace

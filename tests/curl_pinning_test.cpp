@@ -1,0 +1,137 @@
+// libcurl pinning against a loopback web server whose names exist only in the zone of a
+// resolution service on loopback: a fetch reaches the web server only through the pin.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSCurlPinning.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "support/CapturingConsole.h"
+#include "support/FakeReachability.h"
+#include "support/LoopbackHttpServer.h"
+#include "support/ResolutionService.h"
+#include "support/ScratchDirectory.h"
+
+using Outcome = QelDNSCurlPinning::Outcome;
+
+namespace {
+
+constexpr char kId[] = "acct-7";
+constexpr char kSecret[] = "s3cr3t";
+constexpr char kApp[] = "com.example.app";
+constexpr char kName[] = "app.qel-demo.test";
+
+size_t append(char* data, size_t size, size_t count, void* body) {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+}
+
+class CurlPinning : public testing::Test {
+protected:
+    CurlPinning() {
+        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
+        // A proxy nobody runs: a transfer through it fails, so only a bypassed proxy succeeds.
+        setenv("http_proxy", "http://127.0.0.1:1", 1);
+        web.route("/hello", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content("hello from " + request.get_header_value("Host"), "text/plain");
+        });
+        service.setAddresses(kName, {"127.0.0.1"});
+        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+        dns.customServerUrl(service.baseUrl());
+        dns.registerAuthId(std::string(kId), std::string(kSecret));
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    }
+    ~CurlPinning() override { unsetenv("http_proxy"); }
+
+    std::string url(const std::string& host) const {
+        return "http://" + host + ":" + std::to_string(web.port()) + "/hello";
+    }
+    // Fetches `address` with the handle as it is; curl's result.
+    CURLcode fetch(const std::string& address) {
+        body.clear();
+        curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
+        return curl_easy_perform(curl);
+    }
+
+    qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
+    qel::test::ScratchDirectory scratch;
+    qel::test::CapturingConsole console;
+    qel::test::ResolutionService service{kId, kSecret, kApp};
+    qel::test::LoopbackHttpServer web;
+    std::unique_ptr<CURL, void (*)(CURL*)> handle{curl_easy_init(), curl_easy_cleanup};
+    CURL* curl = handle.get();
+    std::string body;
+};
+
+TEST_F(CurlPinning, ConnectsToTheServicesAddressUnderTheOriginalName) {
+    QelDNSCurlPinning pinning(curl);
+    const auto pin = pinning.pin(url(kName), 20.0);
+    ASSERT_EQ(pin.outcome, Outcome::Pinned) << (pin.error ? pin.error->localizedDescription() : "");
+    const std::string hostAndPort = std::string(kName) + ":" + std::to_string(web.port());
+    EXPECT_EQ(pin.entry, hostAndPort + ":127.0.0.1");
+    EXPECT_EQ(pin.addresses, std::vector<std::string>{"127.0.0.1"});
+    ASSERT_EQ(fetch(url(kName)), CURLE_OK);
+    EXPECT_EQ(body, "hello from " + hostAndPort);
+    ASSERT_EQ(web.requests().size(), 1u);
+}
+
+TEST_F(CurlPinning, AReusedHandleDropsItsPreviousPin) {
+    // localhost: a name the system resolves without a network, to 127.0.0.1 where the web
+    // server is; the service sends it to 127.0.0.2, where nothing listens.
+    service.setAddresses("localhost", {"127.0.0.2"});
+    QelDNSCurlPinning pinning(curl);
+    ASSERT_TRUE(pinning.pin(url("localhost"), 20.0).pinned());
+    EXPECT_EQ(fetch(url("localhost")), CURLE_COULDNT_CONNECT);
+
+    // The next URL's host is an address: nothing to pin, and the old pin goes.
+    const auto literal = pinning.pin(url("127.0.0.1"), 20.0);
+    EXPECT_EQ(literal.outcome, Outcome::AddressLiteral);
+    unsetenv("http_proxy");  // no longer bypassed: the system resolver's path, proxy aside
+    EXPECT_EQ(fetch(url("localhost")), CURLE_OK);
+    EXPECT_EQ(body, "hello from localhost:" + std::to_string(web.port()));
+
+    // Pinned again, then unanswered by the SDK: left to the system resolver, and it says why.
+    ASSERT_TRUE(pinning.pin(url("localhost"), 20.0).pinned());
+    const auto unanswered = pinning.pin(url("unknown.qel-demo.test"), 20.0);
+    EXPECT_EQ(unanswered.outcome, Outcome::SystemResolver);
+    ASSERT_TRUE(unanswered.error);
+    EXPECT_EQ(unanswered.error->code(), -1);
+    EXPECT_EQ(fetch(url("localhost")), CURLE_OK);
+}
+
+TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoes) {
+    service.setAddresses("v6.qel-demo.test", {"2001:db8::5", "2001:db8::6"});
+    QelDNSCurlPinning pinning(curl);
+
+    const auto https = pinning.pin("https://app.qel-demo.test/path?q=1", 20.0);
+    EXPECT_EQ(https.entry, "app.qel-demo.test:443:127.0.0.1");
+    EXPECT_EQ(pinning.pin("http://app.qel-demo.test/", 20.0).port, "80");
+    EXPECT_EQ(pinning.pin("http://user@app.qel-demo.test:8080/", 20.0).entry,
+              "app.qel-demo.test:8080:127.0.0.1");
+    EXPECT_EQ(pinning.pin("http://v6.qel-demo.test:81/", 20.0, 2).entry,
+              "v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]");
+
+    const auto v6Literal = pinning.pin("http://[::1]:8443/", 20.0);
+    EXPECT_EQ(v6Literal.outcome, Outcome::AddressLiteral);
+    EXPECT_EQ(v6Literal.host, "::1");
+    EXPECT_EQ(v6Literal.port, "8443");
+
+    const auto unusable = pinning.pin("http://exa mple.test:/", 20.0);
+    EXPECT_EQ(unusable.outcome, Outcome::UnusableUrl);
+    ASSERT_TRUE(unusable.error);
+    EXPECT_EQ(unusable.error->code(), -50005);
+    EXPECT_EQ(QelDNSCurlPinning(nullptr).pin(url(kName), 1.0).outcome, Outcome::UnusableUrl);
+}
+
+}  // namespace
