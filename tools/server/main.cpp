@@ -1,6 +1,7 @@
 // qel-httpdns-server: wires the command line, the files, the signals and the listeners.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -85,15 +86,30 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &handled, nullptr);
     ::signal(SIGPIPE, SIG_IGN);  // a client gone mid-answer is the write's error, not a stop
 
+    // Every open connection is a descriptor: take all the system allows this process.
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    Listener::Limits limits;
+    limits.threads = options.threads;
+    limits.head = std::chrono::seconds(options.headTimeoutSeconds);
+    limits.connections = options.maxConnections;
+    limits.perPeer = options.maxPerPeer;
     std::unique_ptr<Listener> listener;
     try {
-        listener = std::make_unique<Listener>(*service, options.listeners(), options.threads);
+        listener = std::make_unique<Listener>(*service, options.listeners(), limits);
     } catch (const ListenError& error) {
         return fail(kCannotListen, error.what());
     }
     const std::vector<std::string> nodes = options.nodeList(listener->endpoints());
     service->setNodes(nodes);
-    listener->start();
+    try {
+        listener->start();
+    } catch (const ListenError& error) {
+        return fail(kCannotListen, error.what());
+    }
 
     std::string listening, handedOut;
     for (const Endpoint& endpoint : listener->endpoints()) listening += " " + endpoint.url();

@@ -57,7 +57,8 @@ public:
         service_ = std::make_unique<Service>(
             std::move(accounts),
             Zone::parse("www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n", "bench"), log_);
-        listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}}, 16);
+        listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}},
+                                               Listener::Limits{});
         listener_->start();
     }
     int port() const { return listener_->endpoints()[0].port; }

@@ -1,50 +1,25 @@
 #include "Listener.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
+#include <fcntl.h>
+#include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
+#include <thread>
+
+#include "HeadDeadlines.h"
 
 namespace qel::server {
 
 namespace {
 
-// Why binding `endpoint` fails, found by trying it the way the HTTP library does: the library
-// reports only that it failed.
-std::string bindFailure(const Endpoint& endpoint) {
-    addrinfo hints{}, *found = nullptr;
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE;
-    const int status =
-        getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
-    if (status != 0) return gai_strerror(status);
-    std::string reason = "unknown failure";
-    for (addrinfo* at = found; at; at = at->ai_next) {
-        const int fd = socket(at->ai_family, at->ai_socktype, at->ai_protocol);
-        if (fd < 0) {
-            reason = std::strerror(errno);
-            continue;
-        }
-        const int yes = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        if (bind(fd, at->ai_addr, at->ai_addrlen) != 0 || listen(fd, 1) != 0) reason = std::strerror(errno);
-        close(fd);
-    }
-    freeaddrinfo(found);
-    return reason;
-}
-
-// The port a socket is bound or connected to locally, or 0 when it is no TCP socket.
 int localPort(int fd) {
     sockaddr_storage local{};
     socklen_t length = sizeof local;
@@ -54,101 +29,215 @@ int localPort(int fd) {
     return 0;
 }
 
-// Ends the reading side of every accepted connection on one of `ports`. A connection waiting
-// for its next request sees the end and closes; one whose answer is being made still sends it.
-// The HTTP library offers no hook on accepted connections, so they are found among the
-// process's descriptors.
-void endReading(const std::vector<int>& ports) {
-    DIR* fds = opendir("/proc/self/fd");
-    if (!fds) return;
-    while (dirent* entry = readdir(fds)) {
-        const int fd = std::atoi(entry->d_name);
-        if (fd <= 2 || fd == dirfd(fds)) continue;
-        const int port = localPort(fd);
-        int listening = 0;
-        socklen_t size = sizeof listening;
-        if (port == 0 || std::find(ports.begin(), ports.end(), port) == ports.end() ||
-            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || listening) {
+// A non-blocking listening socket on `endpoint`; throws ListenError naming why not.
+int listenOn(const Endpoint& endpoint) {
+    addrinfo hints{}, *found = nullptr;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    const int status =
+        getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
+    if (status != 0) throw ListenError("cannot listen on " + endpoint.text() + ": " + gai_strerror(status));
+    std::string reason = "no address";
+    int fd = -1;
+    for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
+        fd = socket(at->ai_family, at->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, at->ai_protocol);
+        if (fd < 0) {
+            reason = std::strerror(errno);
             continue;
         }
-        shutdown(fd, SHUT_RD);
+        const int yes = 1;
+        // Not SO_REUSEPORT: a second server must fail to bind a busy port, not share it.
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        // Accepted connections inherit it: without it a kept-alive connection waits for the
+        // peer's delayed ACK on every answer.
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        if (bind(fd, at->ai_addr, at->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+            reason = std::strerror(errno);
+            close(fd);
+            fd = -1;
+        }
     }
-    closedir(fds);
+    freeaddrinfo(found);
+    if (fd < 0) throw ListenError("cannot listen on " + endpoint.text() + ": " + reason);
+    return fd;
+}
+
+// "127.0.0.1:54321", "[::1]:54321".
+std::string remoteText(const sockaddr* address) {
+    char host[INET6_ADDRSTRLEN] = "?";
+    int port = 0;
+    if (address && address->sa_family == AF_INET) {
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+        inet_ntop(AF_INET, &v4->sin_addr, host, sizeof host);
+        port = ntohs(v4->sin_port);
+        return std::string(host) + ":" + std::to_string(port);
+    }
+    if (address && address->sa_family == AF_INET6) {
+        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+        inet_ntop(AF_INET6, &v6->sin6_addr, host, sizeof host);
+        port = ntohs(v6->sin6_port);
+    }
+    return "[" + std::string(host) + "]:" + std::to_string(port);
 }
 
 }  // namespace
 
-Listener::Listener(const Service& service, const std::vector<Endpoint>& endpoints, size_t threads) {
-    for (const Endpoint& endpoint : endpoints) {
-        auto server = std::make_unique<httplib::Server>();
-        server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-        // Without it a kept-alive connection waits for the peer's delayed ACK on every answer.
-        // Set on the listening socket, accepted connections inherit it.
-        server->set_tcp_nodelay(true);
-        server->set_keep_alive_max_count(1000000);
-        // The library's default adds SO_REUSEPORT, with which a second server would share a
-        // busy port instead of failing to bind it.
-        server->set_socket_options([](int fd) {
-            const int yes = 1;
-            setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        });
-        server->set_pre_routing_handler([&service](const httplib::Request& request, httplib::Response& response) {
-            service.handle(request, response);
-            return httplib::Server::HandlerResponse::Handled;
-        });
-        Endpoint bound = endpoint;
-        const bool ok = endpoint.port == 0
-                            ? (bound.port = server->bind_to_any_port(endpoint.host)) > 0
-                            : server->bind_to_port(endpoint.host, endpoint.port);
-        if (!ok) {
-            servers_.clear();
-            throw ListenError("cannot listen on " + endpoint.text() + ": " + bindFailure(endpoint));
+// The daemons' callbacks. All callbacks of one connection run on the event loop that owns it,
+// so a connection's state needs no lock.
+struct Listener::Callbacks {
+    // Made when the connection is accepted and deleted when it closes; it is also the request
+    // context of each of its requests, which follow one another.
+    struct Connection {
+        std::string remote;
+        std::string target;     // of the request under way, still escaped
+        bool headSeen = false;  // the request under way has its head whole
+        bool answered = false;  // ... and its answer made
+        bool queued = false;    // ... and counted in answering_
+    };
+
+    static Connection* of(MHD_Connection* connection) {
+        const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+        return info ? static_cast<Connection*>(info->socket_context) : nullptr;
+    }
+
+    static void notify(void* cls, MHD_Connection* connection, void** context,
+                       MHD_ConnectionNotificationCode code) {
+        auto* listener = static_cast<Listener*>(cls);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            const MHD_ConnectionInfo* client = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+            const MHD_ConnectionInfo* socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+            auto* state = new Connection;
+            state->remote = remoteText(client ? client->client_addr : nullptr);
+            *context = state;
+            if (socket) listener->deadlines_->accepted(state, socket->connect_fd);
+        } else if (auto* state = static_cast<Connection*>(*context)) {
+            listener->deadlines_->closed(state);
+            delete state;
+            *context = nullptr;
         }
-        servers_.push_back(std::move(server));
+    }
+
+    // Called with the request line, before the fields, with the target as it came (the access
+    // handler only sees it decoded, and the service reads the escapes itself).
+    static void* requestLine(void*, const char* target, MHD_Connection* connection) {
+        Connection* state = of(connection);
+        if (state) state->target = target;
+        return state;
+    }
+
+    static MHD_Result answer(void* cls, MHD_Connection* connection, const char*, const char* method,
+                             const char*, const char*, size_t* uploadSize, void** context) {
+        auto* listener = static_cast<Listener*>(cls);
+        auto* state = static_cast<Connection*>(*context);
+        if (!state) return MHD_NO;
+        if (!state->headSeen) {
+            // The head is whole. The answer waits for the next call, which tells whether a
+            // body follows: an answer made now would close a kept-alive connection.
+            state->headSeen = true;
+            listener->deadlines_->arrived(state);
+            return MHD_YES;
+        }
+        // No request here takes a body: answer at its first bytes, and stop reading after, or
+        // a client could hold the connection for as long as it sends.
+        if (state->answered) return *uploadSize == 0 ? MHD_YES : MHD_NO;
+        *uploadSize = 0;
+        state->answered = true;
+
+        Service::Request request;
+        request.method = method;
+        request.target = state->target;
+        const char* authorization = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Authorization");
+        request.authorization = authorization ? authorization : "";
+        request.remote = state->remote;
+        request.headerFields =
+            static_cast<size_t>(std::max(0, MHD_get_connection_values(connection, MHD_HEADER_KIND, nullptr, nullptr)));
+        const Service::Reply reply = listener->service_.handle(request);
+
+        MHD_Response* response = MHD_create_response_from_buffer(
+            reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+        if (!response) return MHD_NO;
+        MHD_add_response_header(response, "Content-Type", "application/json");
+        const MHD_Result queued = MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
+        MHD_destroy_response(response);
+        if (queued == MHD_YES) {
+            state->queued = true;
+            ++listener->answering_;
+        }
+        return queued;
+    }
+
+    static void completed(void* cls, MHD_Connection*, void** context, MHD_RequestTerminationCode code) {
+        auto* listener = static_cast<Listener*>(cls);
+        auto* state = static_cast<Connection*>(*context);
+        if (!state) return;
+        if (state->queued) --listener->answering_;
+        state->headSeen = state->answered = state->queued = false;
+        state->target.clear();
+        if (code == MHD_REQUEST_TERMINATED_COMPLETED_OK) listener->deadlines_->waiting(state);
+    }
+};
+
+Listener::Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits)
+    : service_(service), limits_(limits), deadlines_(std::make_unique<HeadDeadlines>(limits.head)) {
+    for (const Endpoint& endpoint : endpoints) {
+        try {
+            sockets_.push_back(listenOn(endpoint));
+        } catch (const ListenError&) {
+            for (int fd : sockets_) close(fd);
+            sockets_.clear();
+            throw;
+        }
+        Endpoint bound = endpoint;
+        bound.port = localPort(sockets_.back());
         bound_.push_back(bound);
     }
 }
 
-Listener::~Listener() { stop(); }
+Listener::~Listener() {
+    stop();
+    for (int fd : sockets_) close(fd);
+}
 
 void Listener::start() {
-    std::vector<std::shared_ptr<std::atomic<bool>>> ended;
-    for (auto& server : servers_) {
-        ended.push_back(std::make_shared<std::atomic<bool>>(false));
-        threads_.emplace_back([raw = server.get(), done = ended.back()] {
-            raw->listen_after_bind();
-            *done = true;
-        });
-    }
-    // stop() does nothing to a server whose accept loop has not begun.
-    for (size_t i = 0; i < servers_.size(); ++i) {
-        while (!servers_[i]->is_running() && !*ended[i]) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // The connection limit is shared out among the event loops: each needs at least one.
+    const auto threads = static_cast<unsigned>(std::min(limits_.threads, limits_.connections));
+    const auto idle = static_cast<unsigned>(std::max<long long>(1, (limits_.head.count() + 999) / 1000));
+    for (const int fd : sockets_) {
+        MHD_Daemon* daemon = MHD_start_daemon(
+            MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0, nullptr, nullptr,
+            &Callbacks::answer, this,
+            MHD_OPTION_LISTEN_SOCKET, fd,
+            MHD_OPTION_THREAD_POOL_SIZE, threads > 1 ? threads : 0u,
+            MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits_.connections),
+            MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits_.perPeer),
+            MHD_OPTION_CONNECTION_TIMEOUT, idle,
+            MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeadBytes,
+            MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::notify, this,
+            MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::requestLine, this,
+            MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this,
+            MHD_OPTION_END);
+        if (!daemon) {
+            const std::string where = bound_[daemons_.size()].text();
+            stop();
+            throw ListenError("cannot listen on " + where + ": the HTTP event loop did not start");
         }
+        daemons_.push_back(daemon);
     }
 }
 
 void Listener::stop() {
-    if (threads_.empty()) return;
-    for (auto& server : servers_) server->stop();
-    std::vector<int> ports;
-    for (const Endpoint& endpoint : bound_) ports.push_back(endpoint.port);
-    // Connections accepted just before the stop may start after a first pass: repeat until
-    // every server's workers are done.
-    std::atomic<size_t> finished{0};
-    std::vector<std::thread> joiners;
-    for (auto& thread : threads_) {
-        joiners.emplace_back([&thread, &finished] {
-            thread.join();
-            ++finished;
-        });
+    if (daemons_.empty()) return;
+    for (MHD_Daemon* daemon : daemons_) MHD_quiesce_daemon(daemon);
+    for (int waited = 0; answering_ > 0 && waited < 500; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    while (finished < joiners.size()) {
-        endReading(ports);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    for (auto& joiner : joiners) joiner.join();
-    threads_.clear();
+    for (MHD_Daemon* daemon : daemons_) MHD_stop_daemon(daemon);
+    daemons_.clear();
+    // Quiesced, the daemons leave the listening sockets to us: closing them refuses new
+    // connections from now on.
+    for (int fd : sockets_) close(fd);
+    sockets_.clear();
 }
 
 }  // namespace qel::server

@@ -1,19 +1,26 @@
-// The HTTP side: one cpp-httplib server per endpoint, all answering through one Service, with
-// TCP_NODELAY and keep-alive on every connection.
+// The HTTP side: one libmicrohttpd daemon per endpoint, all answering through one Service.
+// Connections are multiplexed on event loops (epoll), so a connection that sends slowly holds
+// only its own slot and its buffer, never a thread. What one client can hold is bounded: the
+// connections per client address, all connections per endpoint, a deadline for each request
+// head, and the head's size and number of fields.
 #pragma once
 
-#include <httplib.h>
-
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Endpoint.h"
 #include "Service.h"
 
+struct MHD_Daemon;
+
 namespace qel::server {
+
+class HeadDeadlines;
 
 /// An endpoint that cannot be listened on; what() reads "cannot listen on HOST:PORT: REASON".
 class ListenError : public std::runtime_error {
@@ -23,10 +30,18 @@ public:
 
 class Listener {
 public:
+    struct Limits {
+        size_t threads = 16;                    // event loops per endpoint (answers block one)
+        std::chrono::milliseconds head{10000};  // for a head to arrive whole; also the idle limit
+        size_t connections = 1024;              // open at once, per endpoint
+        size_t perPeer = 32;                    // open at once from one client address, per endpoint
+    };
+    /// A request head larger than this (request line, fields and their bookkeeping) is refused.
+    static constexpr size_t kHeadBytes = 64 * 1024;
+
     /// Binds every endpoint (port 0: one the kernel picks) or throws ListenError, having
-    /// released the ones bound before. `threads` bounds the connections served at once per
-    /// endpoint: a kept-alive connection holds a thread while it stays open.
-    Listener(const Service& service, const std::vector<Endpoint>& endpoints, size_t threads);
+    /// released the ones bound before.
+    Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits);
     /// Stops, if stop() was not called.
     ~Listener();
     Listener(const Listener&) = delete;
@@ -35,16 +50,22 @@ public:
     /// The endpoints with the ports actually bound, in the order given.
     const std::vector<Endpoint>& endpoints() const { return bound_; }
 
-    /// Starts accepting; returns once every endpoint accepts.
+    /// Starts accepting on every endpoint; throws ListenError if an event loop cannot start.
     void start();
-    /// Stops accepting, lets requests in progress finish and closes the kept-alive connections
-    /// that wait for a next request; returns when every connection is closed.
+    /// Stops accepting, lets answers under way finish (for up to 5 s), closes the kept-alive
+    /// connections that wait for a next request; returns when every connection is closed.
     void stop();
 
+    struct Callbacks;  // the daemons' callbacks (Listener.cpp)
+
 private:
-    std::vector<std::unique_ptr<httplib::Server>> servers_;
+    const Service& service_;
+    const Limits limits_;
+    std::vector<int> sockets_;  // listening, one per endpoint, owned here
     std::vector<Endpoint> bound_;
-    std::vector<std::thread> threads_;
+    std::vector<MHD_Daemon*> daemons_;
+    std::unique_ptr<HeadDeadlines> deadlines_;
+    std::atomic<size_t> answering_{0};  // answers queued and not yet sent
 };
 
 }  // namespace qel::server

@@ -71,6 +71,11 @@ Options parseOptions(const std::vector<std::string>& arguments) {
         {"--upstream-timeout", [&](auto& o, auto& v) { options.upstreamTimeoutMs = parseNumber(o, v, 10, 60000); }},
         {"--window", [&](auto& o, auto& v) { options.windowSeconds = parseNumber(o, v, 1, 86400 * 366); }},
         {"--threads", [&](auto& o, auto& v) { options.threads = static_cast<size_t>(parseNumber(o, v, 1, 1024)); }},
+        {"--head-timeout", [&](auto& o, auto& v) { options.headTimeoutSeconds = parseNumber(o, v, 1, 3600); }},
+        {"--max-connections",
+         [&](auto& o, auto& v) { options.maxConnections = static_cast<size_t>(parseNumber(o, v, 1, 1000000)); }},
+        {"--max-per-peer",
+         [&](auto& o, auto& v) { options.maxPerPeer = static_cast<size_t>(parseNumber(o, v, 1, 1000000)); }},
         {"--access-log", [&](auto&, auto& v) { options.accessLog = v; }},
     };
     for (size_t i = 0; i < arguments.size(); ++i) {
@@ -113,7 +118,13 @@ answered from a zone file and, for other names, from a DNS server.
   --upstream-timeout MS    give up on the DNS server after MS milliseconds (default 2000)
   --window SECONDS         accepted distance of a request's timestamp from this clock,
                            either way (default 300)
-  --threads N              connections served at once per address (default 16)
+  --threads N              event loops per address (default 16); connections share them,
+                           and an answer that waits for the DNS server holds its loop
+  --head-timeout SECONDS   a request head must arrive whole within this of the connection's
+                           start or its previous answer; also how long an idle connection
+                           stays open (default 10)
+  --max-connections N      connections open at once per address (default 1024)
+  --max-per-peer N         connections one client address may hold per address (default 32)
   --access-log FILE        append access lines to FILE instead of standard output
   -h, --help               this text
 

@@ -26,6 +26,9 @@ struct Options {
     int upstreamTimeoutMs = 2000;
     int windowSeconds = 300;
     size_t threads = 16;
+    int headTimeoutSeconds = 10;    // for a request head to arrive whole
+    size_t maxConnections = 1024;   // per address
+    size_t maxPerPeer = 32;         // from one client address, per address
     std::string accessLog = "-";          // "-": standard output
     bool help = false;
 

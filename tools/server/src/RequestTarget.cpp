@@ -1,5 +1,7 @@
 #include "RequestTarget.h"
 
+#include <algorithm>
+
 namespace qel::server {
 
 namespace {
@@ -12,6 +14,13 @@ int hexValue(char c) {
 }
 
 constexpr char kLastKey[] = "app_id=";
+
+bool hasControlBytes(const std::string& text) {
+    return std::any_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7f;
+    });
+}
 
 }  // namespace
 
@@ -37,7 +46,12 @@ RequestTarget parseTarget(const std::string& whole) {
     const std::string_view target(whole);
     RequestTarget parsed;
     const size_t mark = target.find('?');
-    parsed.path = percentDecode(target.substr(0, mark));
+    const std::string_view path = target.substr(0, mark);
+    parsed.path = percentDecode(path);
+    // Decoding adds a "/" only where the path held an escaped one.
+    parsed.encodedSlash = std::count(parsed.path.begin(), parsed.path.end(), '/') !=
+                          std::count(path.begin(), path.end(), '/');
+    parsed.controlBytes = hasControlBytes(parsed.path);
     if (mark == std::string::npos) return parsed;
     const std::string_view query = target.substr(mark + 1);
     parsed.query.reserve(4);
@@ -53,6 +67,7 @@ RequestTarget parseTarget(const std::string& whole) {
             std::string key = percentDecode(pair.substr(0, equals));
             std::string value =
                 equals == std::string_view::npos ? std::string() : percentDecode(pair.substr(equals + 1));
+            parsed.controlBytes = parsed.controlBytes || hasControlBytes(key) || hasControlBytes(value);
             parsed.query.emplace_back(std::move(key), std::move(value));
         }
         start = end + 1;

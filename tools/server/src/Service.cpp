@@ -124,7 +124,10 @@ Reply Service::answer(const std::string& method, const RequestTarget& target,
     const size_t last = target.path.rfind('/');
     const std::string endpoint = last == std::string::npos ? "" : target.path.substr(last + 1);
     const std::string authId = last == std::string::npos || last < 1 ? "" : target.path.substr(1, last - 1);
-    if (target.path.empty() || target.path[0] != '/' || authId.empty() ||
+    if (target.controlBytes) {
+        return refusal(400, "control characters are not allowed in the path or query", authId);
+    }
+    if (target.path.empty() || target.path[0] != '/' || authId.empty() || target.encodedSlash ||
         (endpoint != "service" && endpoint != "resolve")) {
         return refusal(404, "no such endpoint: the paths are /<AuthId>/service and /<AuthId>/resolve");
     }
@@ -220,15 +223,13 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
     return {200, std::move(body), {}, authId, std::move(detail)};
 }
 
-void Service::handle(const httplib::Request& request, httplib::Response& response) const {
+Reply Service::handle(const Request& request) const {
     const auto start = std::chrono::steady_clock::now();
-    const Reply reply = answer(request.method, request.target, request.get_header_value("Authorization"));
-    response.status = reply.status;
-    response.set_content(reply.body, "application/json");
+    Reply reply = request.headerFields > kMaxHeaderFields
+                      ? refusal(431, "too many header fields: at most " + std::to_string(kMaxHeaderFields))
+                      : answer(request.method, request.target, request.authorization);
     AccessRecord record;
-    const bool v6 = request.remote_addr.find(':') != std::string::npos;
-    record.remote = (v6 ? "[" + request.remote_addr + "]" : request.remote_addr) + ":" +
-                    std::to_string(request.remote_port);
+    record.remote = request.remote;
     record.account = logSafe(reply.account);
     record.method = logSafe(request.method);
     record.path = logSafe(reply.path);
@@ -237,6 +238,7 @@ void Service::handle(const httplib::Request& request, httplib::Response& respons
         std::chrono::steady_clock::now() - start);
     record.detail = reply.detail;
     log_.access(record);
+    return reply;
 }
 
 }  // namespace qel::server

@@ -7,8 +7,6 @@
 // same HTTP status; 403 for the account, signature and timestamp checks.
 #pragma once
 
-#include <httplib.h>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -39,6 +37,17 @@ public:
         std::string detail;   // for the log
     };
 
+    /// One request as it arrived, whatever carried it.
+    struct Request {
+        std::string method;
+        std::string target;         // path and query as received, still escaped
+        std::string authorization;  // the Authorization header, empty when absent
+        std::string remote;         // "127.0.0.1:54321", "[::1]:54321"
+        size_t headerFields = 0;
+    };
+    /// More header fields than this in one request are refused (431).
+    static constexpr size_t kMaxHeaderFields = 64;
+
     Service(Accounts accounts, Zone zone, AccessLog& log, Clock clock = systemMilliseconds);
 
     /// The nodes a login hands out, in order; the first is "best_service_node".
@@ -55,8 +64,8 @@ public:
     Reply answer(const std::string& method, const std::string& target,
                  const std::string& authorization) const;
 
-    /// Answers an HTTP request and writes its access line.
-    void handle(const httplib::Request& request, httplib::Response& response) const;
+    /// Answers a request and writes its access line. Any thread.
+    Reply handle(const Request& request) const;
 
 private:
     struct State;

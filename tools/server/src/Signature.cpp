@@ -2,8 +2,6 @@
 
 #include <openssl/evp.h>
 
-#include <cstring>
-
 namespace qel::server {
 
 std::string md5Hex(const std::string& text) {
@@ -11,7 +9,7 @@ std::string md5Hex(const std::string& text) {
     static EVP_MD* const kMd5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    EVP_Digest(text.data(), std::strlen(text.c_str()), digest, &length, kMd5, nullptr);
+    EVP_Digest(text.data(), text.size(), digest, &length, kMd5, nullptr);
     static const char kHex[] = "0123456789abcdef";
     std::string hex;
     hex.reserve(2 * length);

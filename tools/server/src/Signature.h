@@ -6,7 +6,7 @@
 
 namespace qel::server {
 
-/// 32 lower-case hex digits of the MD5 of `text` up to its first NUL (as the SDK's digest).
+/// 32 lower-case hex digits of the MD5 of every byte of `text`.
 std::string md5Hex(const std::string& text);
 
 /// Login: "app_id-timestamp-secret".

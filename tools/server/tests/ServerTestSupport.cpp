@@ -102,7 +102,8 @@ LocalService::LocalService(const std::string& zone, size_t endpoints)
     Accounts accounts;
     accounts.add(kAuthId, kSecret);
     service_ = std::make_unique<Service>(std::move(accounts), Zone::parse(zone, "zone"), *log_);
-    listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>(endpoints, {"127.0.0.1", 0}), 8);
+    listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>(endpoints, {"127.0.0.1", 0}),
+                                           Listener::Limits{8});
     std::vector<std::string> nodes;
     for (const Endpoint& endpoint : listener_->endpoints()) nodes.push_back(endpoint.url());
     service_->setNodes(nodes);

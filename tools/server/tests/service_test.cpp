@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "ServerTestSupport.h"
+#include "Signature.h"
 
 using namespace qel::server;
 using namespace qel::server::test;
@@ -144,6 +145,36 @@ TEST(Checks, MalformedRequestsGetAStatusAndAReason) {
     EXPECT_EQ(post->status, 405);
 }
 
+TEST(Checks, ControlBytesAndEncodedSlashesNeverReachTheSignature) {
+    LocalService local(kZone);
+    const std::string now = std::to_string(nowMilliseconds());
+    SignedRequest slashed = sdkLogin(kAuthId, kSecret, nowMilliseconds());
+    slashed.target.replace(slashed.target.find("/service"), 1, "%2f");
+    struct Case {
+        const char* what;
+        SignedRequest request;
+        int status;
+    };
+    // Each forged request is signed with the secret left out: the digest of the text up to
+    // the NUL it carries.
+    const std::vector<Case> cases = {
+        {"NUL in app_id", {"/acct-7/service?timestamp=" + now + "&app_id=x%00", "MD5 " + md5Hex("x")}, 400},
+        {"NUL in host",
+         {"/acct-7/resolve?timestamp=" + now + "&host=%00&type=1&app_id=a", "MD5 " + md5Hex("a-")},
+         400},
+        {"newline in a signed host", sdkResolve(kAuthId, kSecret, "a\nb", 1, nowMilliseconds()), 400},
+        {"DEL in app_id", sdkLogin(kAuthId, kSecret, nowMilliseconds(), std::string("a\x7f")), 400},
+        {"encoded slash", slashed, 404},
+        {"encoded slash in the AuthId", {"/acct%2F7/service?timestamp=1&app_id=a", ""}, 404},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto answer = local.get(c.request);
+        EXPECT_EQ(answer.status, c.status) << answer.body;
+        EXPECT_EQ(answer.field("status"), std::to_string(c.status));
+    }
+}
+
 TEST(ZoneAnswers, AddressesOfTheTypeAskedWithTheSmallestTtl) {
     LocalService local(kZone);
     struct Case {
@@ -204,7 +235,7 @@ TEST(AccessLog, OneLinePerRequestAndNeverTheSecret) {
     const std::vector<std::string> expected = {
         stamp + R"(acct-7 GET /acct-7/service 200 \d+us app_id=com\.example\.app nodes=1$)",
         stamp + R"(acct-7 GET /acct-7/resolve 200 \d+us host=www\.example\.test type=1 source=zone addresses=2 ttl=30$)",
-        stamp + R"(acct-7 GET /acct-7/resolve 200 \d+us host=forged%0Aline%20200 type=1 source=none addresses=0 ttl=0$)",
+        stamp + R"(acct-7 GET /acct-7/resolve 400 \d+us "control characters are not allowed in the path or query"$)",
         stamp + R"(acct-7 GET /acct-7/resolve 403 \d+us "timestamp outside the accepted window: -3600 s .*"$)",
         stamp + R"(acct-8 GET /acct-8/service 403 \d+us "unknown account"$)",
     };
