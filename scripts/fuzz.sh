@@ -5,7 +5,8 @@
 # that caused it is kept as fuzz-artifacts/<target>-crash-... in the build directory.
 #   scripts/fuzz.sh                      30 s per target
 #   scripts/fuzz.sh --seconds 600        10 minutes per target
-#   scripts/fuzz.sh --seconds 60 text    one target (service_answer, keyed_archive, text)
+#   scripts/fuzz.sh --seconds 60 text    one target (service_answer, keyed_archive, text,
+#                                        server_request)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,12 +15,12 @@ targets=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds="${2:?--seconds needs a number}"; shift 2 ;;
-    -h|--help) sed -n '2,9p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
     -*) echo "usage: $0 [--seconds N] [target...]" >&2; exit 2 ;;
     *) targets+=("$1"); shift ;;
   esac
 done
-[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text)
+[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text server_request)
 
 scripts/setup.sh
 cmake --preset fuzz >/dev/null

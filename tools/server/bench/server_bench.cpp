@@ -1,16 +1,25 @@
-// Resolve requests per second through the service against a bare cpp-httplib handler that
-// answers the same body, in the same run, with the same client: a kept-alive httplib::Client
-// sending the very same signed request. The service's side includes everything a request
-// costs it: parsing the target, the account, signature and timestamp checks, the zone lookup,
-// the JSON answer and the access line (written to /dev/null, a real write per request).
-// Repetitions of the two sides are interleaved; at the end the ratio of the medians is printed
-// (service requests per second / bare requests per second).
+// Resolve requests per second through the service against bare handlers that answer the same
+// body, in the same run, with the same client: a kept-alive httplib::Client sending the very
+// same signed request. One bare handler runs on libmicrohttpd with the service's settings, so
+// the ratio is what the service itself costs; another on cpp-httplib's thread pool, the usual
+// alternative. The service's side includes everything a request costs it: parsing the target,
+// the account, signature and timestamp checks, the zone lookup, the JSON answer and the access
+// line (written to /dev/null, a real write per request).
+// Then signed logins, one after another, to the service alone and to the service while 1 000
+// connections from 127.0.0.2 each hold a request head they never finish.
+// Repetitions are interleaved; at the end the ratios of the medians are printed.
 //
 //   build/release/tools/server/server_bench
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <httplib.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -31,13 +40,25 @@ constexpr char kSecret[] = "s3cr3t";
 constexpr char kAppId[] = "com.example.app";
 constexpr char kHost[] = "www.example.test";
 constexpr int kRequestsPerIteration = 100;
+constexpr char kBody[] = R"({"host":"www.example.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":60})";
+constexpr int kSlowClients = 1000;
 
 struct Request {
     std::string target;
     httplib::Headers headers;
 };
 
-// One signed request, fresh for the run (a run is far shorter than the timestamp window).
+// One signed login, fresh for the run (a run is far shorter than the timestamp window).
+const Request& login() {
+    static const Request made = [] {
+        const std::string timestamp = std::to_string(Service::systemMilliseconds());
+        return Request{"/" + std::string(kAuthId) + "/service?timestamp=" + timestamp + "&app_id=" + kAppId,
+                       {{"Authorization", "MD5 " + loginSignature(kAppId, timestamp, kSecret)}}};
+    }();
+    return made;
+}
+
+// One signed resolve request, fresh for the run.
 const Request& request() {
     static const Request made = [] {
         const std::string timestamp = std::to_string(Service::systemMilliseconds());
@@ -51,14 +72,15 @@ const Request& request() {
 
 class ServiceUnderTest {
 public:
-    ServiceUnderTest() : sink_(std::fopen("/dev/null", "w")), log_(sink_, sink_) {
+    explicit ServiceUnderTest(Listener::Limits limits = {})
+        : sink_(std::fopen("/dev/null", "w")), log_(sink_, sink_) {
         Accounts accounts;
         accounts.add(kAuthId, kSecret);
         service_ = std::make_unique<Service>(
             std::move(accounts),
             Zone::parse("www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n", "bench"), log_);
-        listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}},
-                                               Listener::Limits{});
+        listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}}, limits);
+        service_->setNodes({listener_->endpoints()[0].url()});
         listener_->start();
     }
     int port() const { return listener_->endpoints()[0].port; }
@@ -70,24 +92,49 @@ private:
     std::unique_ptr<Listener> listener_;
 };
 
-// The bare side: the same library, the same connection settings, one fixed answer.
-class BareServer {
+// A bare handler on libmicrohttpd, with the service's daemon settings, one fixed answer.
+class BareMicrohttpd {
 public:
-    BareServer() {
+    BareMicrohttpd() {
+        daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0, nullptr,
+                                   nullptr, &answer, nullptr, MHD_OPTION_THREAD_POOL_SIZE, 16u,
+                                   MHD_OPTION_CONNECTION_MEMORY_LIMIT, Listener::kHeadBytes, MHD_OPTION_END);
+        port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
+    }
+    int port() const { return port_; }
+
+private:
+    static MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*, const char*,
+                             const char*, size_t*, void** context) {
+        static int seen;
+        if (!*context) {  // answering at the head would close the kept-alive connection
+            *context = &seen;
+            return MHD_YES;
+        }
+        MHD_Response* response =
+            MHD_create_response_from_buffer(sizeof kBody - 1, const_cast<char*>(kBody), MHD_RESPMEM_MUST_COPY);
+        MHD_add_response_header(response, "Content-Type", "application/json");
+        const MHD_Result queued = MHD_queue_response(connection, 200, response);
+        MHD_destroy_response(response);
+        return queued;
+    }
+    MHD_Daemon* daemon_ = nullptr;
+    int port_ = 0;
+};
+
+// A bare handler on cpp-httplib's thread pool, TCP_NODELAY and keep-alive as the service had them.
+class BareHttplib {
+public:
+    BareHttplib() {
         server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
         server_.set_tcp_nodelay(true);
         server_.set_keep_alive_max_count(1000000);
         server_.Get("/acct-7/resolve", [](const httplib::Request&, httplib::Response& response) {
-            response.set_content(R"({"host":"www.example.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":60})",
-                                 "application/json");
+            response.set_content(kBody, "application/json");
         });
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ~BareServer() {
-        server_.stop();
-        thread_.join();
     }
     int port() const { return port_; }
 
@@ -97,25 +144,67 @@ private:
     std::thread thread_;
 };
 
+// The service with kSlowClients connections from 127.0.0.2 that each sent part of a head.
+// Their deadline is far off: the run measures their presence, not their removal.
+class BesiegedService {
+public:
+    BesiegedService() : service_(limits()) {
+        sockaddr_in from{}, to{};
+        from.sin_family = to.sin_family = AF_INET;
+        inet_pton(AF_INET, "127.0.0.2", &from.sin_addr);
+        inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
+        to.sin_port = htons(static_cast<uint16_t>(service_.port()));
+        for (int i = 0; i < kSlowClients; ++i) {
+            const int fd = socket(AF_INET, SOCK_STREAM, 0);
+            if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+                connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+                std::fprintf(stderr, "slow client %d could not connect\n", i);
+                std::exit(1);
+            }
+            const char partial[] = "GET /acct-7/service?timestamp=1";
+            send(fd, partial, sizeof partial - 1, MSG_NOSIGNAL);
+        }
+    }
+    int port() const { return service_.port(); }
+
+private:
+    static Listener::Limits limits() {
+        Listener::Limits limits;
+        limits.head = std::chrono::hours(1);
+        limits.connections = limits.perPeer = 2 * kSlowClients;
+        return limits;
+    }
+    ServiceUnderTest service_;
+};
+
 int servicePort() {
     static ServiceUnderTest* service = new ServiceUnderTest;  // lives for the process
     return service->port();
 }
 
-int barePort() {
-    static BareServer* bare = new BareServer;
+int bareMicrohttpdPort() {
+    static BareMicrohttpd* bare = new BareMicrohttpd;
     return bare->port();
 }
 
-void run(benchmark::State& state, int port) {
+int bareHttplibPort() {
+    static BareHttplib* bare = new BareHttplib;
+    return bare->port();
+}
+
+int besiegedPort() {
+    static BesiegedService* service = new BesiegedService;
+    return service->port();
+}
+
+void run(benchmark::State& state, int port, const Request& sent, const char* expected) {
     httplib::Client client("127.0.0.1", port);
     client.set_keep_alive(true);
-    const Request& sent = request();
     int failures = 0;
     for (auto _ : state) {
         for (int i = 0; i < kRequestsPerIteration; ++i) {
             const auto answer = client.Get(sent.target.c_str(), sent.headers);
-            if (!answer || answer->status != 200 || answer->body.find("192.0.2.11") == std::string::npos) {
+            if (!answer || answer->status != 200 || answer->body.find(expected) == std::string::npos) {
                 ++failures;
             }
         }
@@ -124,11 +213,19 @@ void run(benchmark::State& state, int port) {
     if (failures) state.SkipWithError("requests failed");
 }
 
-void BM_Resolve_BareHandler(benchmark::State& state) { run(state, barePort()); }
-void BM_Resolve_Service(benchmark::State& state) { run(state, servicePort()); }
+void BM_Resolve_BareHandler(benchmark::State& state) { run(state, bareMicrohttpdPort(), request(), "192.0.2.11"); }
+void BM_Resolve_BareHttplib(benchmark::State& state) { run(state, bareHttplibPort(), request(), "192.0.2.11"); }
+void BM_Resolve_Service(benchmark::State& state) { run(state, servicePort(), request(), "192.0.2.11"); }
+void BM_Login_Service(benchmark::State& state) { run(state, servicePort(), login(), "best_service_node"); }
+void BM_Login_ServiceWithSlowClients(benchmark::State& state) {
+    run(state, besiegedPort(), login(), "best_service_node");
+}
 
 BENCHMARK(BM_Resolve_BareHandler)->UseRealTime()->Threads(1)->Threads(4);
+BENCHMARK(BM_Resolve_BareHttplib)->UseRealTime()->Threads(1)->Threads(4);
 BENCHMARK(BM_Resolve_Service)->UseRealTime()->Threads(1)->Threads(4);
+BENCHMARK(BM_Login_Service)->UseRealTime();
+BENCHMARK(BM_Login_ServiceWithSlowClients)->UseRealTime();
 
 // Prints as usual and keeps the median requests per second of each benchmark for the ratios.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -143,17 +240,17 @@ public:
             if (rate == run.counters.end()) continue;
             std::string name = run.benchmark_name();  // "BM_Resolve_Service/real_time/threads:4_median"
             const std::string side = name.substr(0, name.find('/'));
-            const std::string threads = name.substr(name.find("threads:") + 8);
-            medians_[side + "/" + threads.substr(0, threads.find('_'))] = rate->second.value;
+            const size_t threads = name.find("threads:");
+            const std::string count = threads == std::string::npos ? "1" : name.substr(threads + 8);
+            medians_[side + "/" + count.substr(0, count.find('_'))] = rate->second.value;
         }
     }
 
-    void printRatio(const std::string& threads) const {
-        const auto ours = medians_.find("BM_Resolve_Service/" + threads);
-        const auto bare = medians_.find("BM_Resolve_BareHandler/" + threads);
-        if (ours == medians_.end() || bare == medians_.end()) return;
-        std::printf("%s connection(s): service %8.0f req/s   bare handler %8.0f req/s   ratio %.3f\n",
-                    threads.c_str(), ours->second, bare->second, ours->second / bare->second);
+    void printRatio(const std::string& what, const std::string& ours, const std::string& base) const {
+        const auto a = medians_.find(ours), b = medians_.find(base);
+        if (a == medians_.end() || b == medians_.end()) return;
+        std::printf("%-40s %9.0f req/s against %9.0f req/s   ratio %.3f\n", what.c_str(), a->second, b->second,
+                    a->second / b->second);
     }
 
 private:
@@ -173,12 +270,20 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&count, args.data());
     if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
     servicePort();
-    barePort();
+    bareMicrohttpdPort();
+    bareHttplibPort();
+    besiegedPort();
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     std::printf("\nMedians of the repetitions (requests per second):\n");
-    reporter.printRatio("1");
-    reporter.printRatio("4");
+    for (const std::string threads : {"1", "4"}) {
+        reporter.printRatio("resolve, service / bare, " + threads + " conn.", "BM_Resolve_Service/" + threads,
+                            "BM_Resolve_BareHandler/" + threads);
+        reporter.printRatio("resolve, service / bare httplib, " + threads + " conn.",
+                            "BM_Resolve_Service/" + threads, "BM_Resolve_BareHttplib/" + threads);
+    }
+    reporter.printRatio("login, 1000 slow clients / none", "BM_Login_ServiceWithSlowClients/1",
+                        "BM_Login_Service/1");
     benchmark::Shutdown();
     return 0;
 }
