@@ -123,8 +123,8 @@ answered from a zone file and, for other names, from a DNS server.
   --head-timeout SECONDS   a request head must arrive whole within this of the connection's
                            start or its previous answer; also how long an idle connection
                            stays open (default 10)
-  --max-connections N      connections open at once per address (default 1024)
-  --max-per-peer N         connections one client address may hold per address (default 32)
+  --max-connections N      connections open at once per address (default 2048)
+  --max-per-peer N         connections one client address may hold per address (default 512)
   --access-log FILE        append access lines to FILE instead of standard output
   -h, --help               this text
 

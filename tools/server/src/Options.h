@@ -27,8 +27,9 @@ struct Options {
     int windowSeconds = 300;
     size_t threads = 16;
     int headTimeoutSeconds = 10;    // for a request head to arrive whole
-    size_t maxConnections = 1024;   // per address
-    size_t maxPerPeer = 32;         // from one client address, per address
+    size_t maxConnections = 2048;   // per address
+    size_t maxPerPeer = 512;        // from one client address, per address: an application
+                                    // pre-resolving a list opens one per name
     std::string accessLog = "-";          // "-": standard output
     bool help = false;
 
