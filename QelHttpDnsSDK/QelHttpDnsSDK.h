@@ -4,6 +4,7 @@
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
 #include "QelHttpDnsSDK/Extras/QelDNSCurlPinning.h"
 #include "QelHttpDnsSDK/Extras/QelDNSLookupTrace.h"

@@ -4,14 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <functional>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/qel_httpdns.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
@@ -74,6 +77,32 @@ TEST_F(BlockingLookup, AnswersWithTheServicesAddressesAndTheManagersRefusals) {
     EXPECT_TRUE(malformed.ips.empty());
     // No address for the name: the resolver's own failure, not a timeout.
     EXPECT_EQ(codeOf(Lookup::resolve("unknown.test", 1, 10.0)), -1);
+}
+
+TEST_F(BlockingLookup, TheCInterfaceHandsOutOnlyAddressesOfTheFamilyAskedFor) {
+    login();
+    service.setAddresses("b.test", {"192.0.2.5", "not-an-ip", "2001:db8::5", "192.0.2.6,6.6.6.6",
+                                    std::string("192.0.2.7\0", 10), "::ffff:192.0.2.8"});
+    service.setAddresses("c.test", {"<script>", "192.0.2.9\nc.test 6.6.6.6"});
+    const double nan = std::nan("");
+    const struct { const char* domain; int type; double timeout; int64_t code; Strings ips; } cases[] = {
+        {"b.test", QEL_HTTPDNS_IPV4, 10.0, 0, {"192.0.2.5"}},
+        {"b.test", QEL_HTTPDNS_IPV6, 10.0, 0, {"2001:db8::5", "::ffff:192.0.2.8"}},
+        {"c.test", QEL_HTTPDNS_IPV4, 10.0, -20003, {}},  // nothing left: as an empty answer
+        {"b.test", 3, 10.0, QEL_HTTPDNS_E_INVALID_ARGUMENT, {}},
+        {"b.test", 0, 10.0, QEL_HTTPDNS_E_INVALID_ARGUMENT, {}},
+        {"b.test", QEL_HTTPDNS_IPV4, -1.0, QEL_HTTPDNS_E_INVALID_ARGUMENT, {}},
+        {"b.test", QEL_HTTPDNS_IPV4, nan, QEL_HTTPDNS_E_INVALID_ARGUMENT, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.domain) + " type " + std::to_string(c.type) + " timeout " +
+                     std::to_string(c.timeout));
+        std::unique_ptr<qel_httpdns_result, void (*)(qel_httpdns_result*)> result(
+            qel_httpdns_resolve(c.domain, c.type, c.timeout), qel_httpdns_result_free);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->error ? result->error->code : 0, c.code);
+        EXPECT_EQ(Strings(result->ips, result->ips + result->ip_count), c.ips);
+    }
 }
 
 TEST_F(BlockingLookup, BeforeTheFirstLoginReplyItWaitsForItWithinTheDeadline) {

@@ -110,7 +110,7 @@ TEST_F(CurlPinning, AReusedHandleDropsItsPreviousPin) {
     EXPECT_EQ(fetch(url("localhost")), CURLE_OK);
 }
 
-TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoes) {
+TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoesAndPinsOnlyAddresses) {
     service.setAddresses("v6.qel-demo.test", {"2001:db8::5", "2001:db8::6"});
     QelDNSCurlPinning pinning(curl);
 
@@ -126,6 +126,16 @@ TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoes) {
     EXPECT_EQ(v6Literal.outcome, Outcome::AddressLiteral);
     EXPECT_EQ(v6Literal.host, "::1");
     EXPECT_EQ(v6Literal.port, "8443");
+
+    // What is not an address of the family asked for could add entries of its own.
+    service.setAddresses("junk.qel-demo.test", {"127.0.0.2,6.6.6.6", "::1", "127.0.0.3\n-x:80",
+                                                "127.0.0.1"});
+    EXPECT_EQ(pinning.pin("http://junk.qel-demo.test/", 20.0).entry,
+              "junk.qel-demo.test:80:127.0.0.1");
+    service.setAddresses("junk.qel-demo.test", {"127.0.0.2:80"});
+    const auto none = pinning.pin("http://junk.qel-demo.test/", 20.0);
+    EXPECT_EQ(none.outcome, Outcome::SystemResolver);
+    EXPECT_EQ(none.error ? none.error->code() : 0, -20003);
 
     const auto unusable = pinning.pin("http://exa mple.test:/", 20.0);
     EXPECT_EQ(unusable.outcome, Outcome::UnusableUrl);

@@ -10,7 +10,12 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -48,6 +53,24 @@ std::string appQuery(const std::string& path, const std::string& sql) {
 mode_t permissions(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+// Every entry under `directory`: its name, owner, mode and contents (a link's target).
+std::map<std::string, std::string> snapshot(const std::string& directory) {
+    std::map<std::string, std::string> entries;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        struct stat status {};
+        ::lstat(entry.path().c_str(), &status);
+        std::string& state = entries[entry.path()];
+        state = std::to_string(status.st_uid) + " " + std::to_string(status.st_mode) + " ";
+        if (entry.is_symlink()) {
+            state += std::filesystem::read_symlink(entry.path());
+        } else if (entry.is_regular_file()) {
+            std::ifstream in(entry.path(), std::ios::binary);
+            state += std::to_string(std::hash<std::string>()({std::istreambuf_iterator<char>(in), {}}));
+        }
+    }
+    return entries;
 }
 
 }  // namespace
@@ -91,6 +114,67 @@ TEST(SqliteUserDefaults, FileThatIsNotADatabaseIsLeftAloneAndReadsAsEmpty) {
     EXPECT_EQ(dir.read("store.sqlite3"), original);
     ASSERT_EQ(console.lines().size(), 1u);
     EXPECT_NE(console.lines()[0].find(dir.file("store.sqlite3")), std::string::npos);
+}
+
+TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenOrALinkIsRefusedAndLeftAsItIs) {
+    if (::geteuid() != 0) GTEST_SKIP() << "giving a file another owner needs root";
+    constexpr uid_t kOtherUser = 65534;
+    const auto own = [](const std::string& path, mode_t mode, uid_t owner) {
+        return ::chmod(path.c_str(), mode) == 0 && ::chown(path.c_str(), owner, -1) == 0;
+    };
+    // A database with a record another user wants lookups to answer with.
+    const auto planted = [&](const std::string& path, mode_t mode, uid_t owner) {
+        return appQuery(path, "CREATE TABLE user_defaults (key TEXT PRIMARY KEY NOT NULL, "
+                              "value) WITHOUT ROWID; INSERT INTO user_defaults VALUES "
+                              "('planted', '6.6.6.6')") == "<none>" && own(path, mode, owner);
+    };
+    const uid_t me = ::geteuid();
+    const struct {
+        const char* name;
+        const char* store;  // in the scratch directory
+        std::function<bool(const ScratchDirectory&)> prepare;
+        const char* reason;
+    } cases[] = {
+        {"owned by another user", "s.db",
+         [&](auto& d) { return planted(d.file("s.db"), 0600, kOtherUser); }, "owned by"},
+        {"writable by others", "s.db",
+         [&](auto& d) { return planted(d.file("s.db"), 0666, me); }, "writable"},
+        {"writable by its group", "s.db",
+         [&](auto& d) { return planted(d.file("s.db"), 0620, me); }, "writable"},
+        {"dangling link", "s.db",
+         [](auto& d) { return ::symlink("new.db", d.file("s.db").c_str()) == 0; }, "symbolic link"},
+        {"link to another database", "s.db", [](auto& d) {
+             return appQuery(d.file("other.db"), "CREATE TABLE t (x)") == "<none>" &&
+                    ::symlink("other.db", d.file("s.db").c_str()) == 0;
+         }, "symbolic link"},
+        {"in a directory others can write", "shared/s.db", [&](auto& d) {
+             return ::mkdir(d.file("shared").c_str(), 0700) == 0 &&
+                    own(d.file("shared"), 01777, me);
+         }, "directory"},
+        {"log of another user beside it", "s.db", [&](auto& d) {
+             if (!planted(d.file("s.db"), 0600, me)) return false;
+             d.write("s.db-wal", qel::test::randomBytes(4096, 3));
+             return own(d.file("s.db-wal"), 0600, kOtherUser);
+         }, "s.db-wal"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScratchDirectory dir;
+        ASSERT_TRUE(c.prepare(dir)) << strerror(errno);
+        const auto before = snapshot(dir.path());
+        qel::test::CapturingConsole console;
+        {
+            SqliteUserDefaults store(dir.file(c.store));
+            EXPECT_FALSE(store.isUsable());
+            EXPECT_FALSE(store.string("planted"));
+            store.setString("k", "v");
+        }
+        EXPECT_EQ(snapshot(dir.path()), before) << "the files were changed";
+        const auto lines = console.lines();
+        EXPECT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines.empty() ? std::string::npos : lines[0].find(c.reason), std::string::npos)
+            << testing::PrintToString(lines);
+    }
 }
 
 TEST(SqliteUserDefaults, CommittedWritesSurviveAKillInTheMiddleOfWriting) {

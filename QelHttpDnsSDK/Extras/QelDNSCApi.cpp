@@ -12,8 +12,10 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
 #include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"
 
@@ -82,14 +84,21 @@ qel_httpdns_error* guarded(Body body) noexcept {
     }
 }
 
-// Null when memory runs out; never throws.
+bool isLookupType(int type) { return type == QEL_HTTPDNS_IPV4 || type == QEL_HTTPDNS_IPV6; }
+
+// Null when memory runs out; never throws. Hands out only the addresses of `type`: the
+// service's list may hold any text, and C callers connect to what they get.
 qel_httpdns_result* makeResult(const std::optional<QelDNSError>& error,
-                               const std::vector<std::string>& ips) noexcept {
+                               std::vector<std::string> ips, int type) noexcept {
     auto* result = static_cast<qel_httpdns_result*>(std::calloc(1, sizeof(qel_httpdns_result)));
     if (!result) return nullptr;
     try {
-        if (error) {
-            result->error = makeError(*error);
+        if (!error) QelDNSAddressCheck::keepAddresses(ips, type);
+        if (error || ips.empty()) {
+            // Nothing usable left is what an empty answer from the service is.
+            result->error = error ? makeError(*error)
+                                  : makeError(QelDNSErrorCodes::kResolveEmptyData,
+                                              QelDNSErrorCodes::kEmptyDataMessage);
             return result;
         }
     } catch (...) {
@@ -248,11 +257,11 @@ qel_httpdns_error* qel_httpdns_clean_cache(void) {
 qel_httpdns_error* qel_httpdns_lookup(const char* domain, int type, qel_httpdns_callback callback,
                                       void* user_data) {
     return guarded([&]() -> qel_httpdns_error* {
-        if (!callback) return invalidArgument();
+        if (!callback || !isLookupType(type)) return invalidArgument();
         // Converting never throws, so the callback runs exactly once per answer.
-        auto answer = [callback, user_data](std::optional<QelDNSError> error, Ips ips) {
-            static const std::vector<std::string> none;
-            callback(makeResult(error, ips ? *ips : none), user_data);
+        auto answer = [callback, user_data, type](std::optional<QelDNSError> error, Ips ips) {
+            callback(makeResult(error, ips ? std::move(*ips) : std::vector<std::string>(), type),
+                     user_data);
         };
         QelHttpDnsManager::shared().getIPByDomain(optionalText(domain), type, answer);
         return nullptr;
@@ -261,9 +270,12 @@ qel_httpdns_error* qel_httpdns_lookup(const char* domain, int type, qel_httpdns_
 
 qel_httpdns_result* qel_httpdns_resolve(const char* domain, int type, double timeout_seconds) {
     try {
-        const QelDNSBlockingLookup::Result answer =
+        if (!isLookupType(type) || std::isnan(timeout_seconds) || timeout_seconds < 0) {
+            return resultWithError(guarded([] { return invalidArgument(); }));
+        }
+        QelDNSBlockingLookup::Result answer =
             QelDNSBlockingLookup::resolve(optionalText(domain), type, timeout_seconds);
-        return makeResult(answer.error, answer.ips);
+        return makeResult(answer.error, std::move(answer.ips), type);
     } catch (const std::exception& failure) {
         return resultWithError(guarded([&] { return makeError(codes::kInternalFailure, failure.what()); }));
     } catch (...) {

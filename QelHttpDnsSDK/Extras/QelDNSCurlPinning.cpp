@@ -5,8 +5,10 @@
 #include <memory>
 #include <utility>
 
+#include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
 #include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 
 namespace codes = QelDNSExtrasErrorCodes;
@@ -78,9 +80,13 @@ QelDNSCurlPinning::Result QelDNSCurlPinning::pin(const std::string& url, double 
         return unpinned(std::move(result));
     }
     QelDNSBlockingLookup::Result lookup = QelDNSBlockingLookup::resolve(result.host, type, timeout);
+    // An entry that is not an address could add entries of its own (a comma, a line break).
+    QelDNSAddressCheck::keepAddresses(lookup.ips, type);
     if (!lookup.ok() || lookup.ips.empty()) {
         result.outcome = Outcome::SystemResolver;
-        result.error = std::move(lookup.error);
+        result.error = lookup.ok() ? QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveEmptyData,
+                                                            QelDNSErrorCodes::kEmptyDataMessage)
+                                   : std::move(lookup.error);
         return unpinned(std::move(result));
     }
     const std::string key = result.host + ":" + result.port;

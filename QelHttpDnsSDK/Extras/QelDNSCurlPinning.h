@@ -44,7 +44,8 @@ public:
         Pinned,
         /// The URL's host is an address already: nothing to look up or pin.
         AddressLiteral,
-        /// The SDK gave no address (`error` says why): the system resolver will resolve it.
+        /// The SDK gave no address (`error` says why; -20003 "empty data" when none of its
+        /// answer was an address of the family asked for): the system resolver will resolve it.
         SystemResolver,
         /// libcurl cannot parse the URL (`error` is code -50005); nothing is pinned.
         UnusableUrl,
@@ -56,7 +57,8 @@ public:
         std::string host;
         /// The port curl connects to: the URL's, or its scheme's default.
         std::string port;
-        /// The SDK's addresses, when pinned.
+        /// The SDK's addresses of the family asked for, when pinned; the rest of its answer
+        /// is left out of the entry.
         std::vector<std::string> addresses;
         /// The CURLOPT_RESOLVE entry in force, when pinned: "host:port:addr[,addr...]".
         std::string entry;

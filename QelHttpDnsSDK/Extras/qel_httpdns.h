@@ -42,7 +42,9 @@ typedef struct qel_httpdns_error {
 } qel_httpdns_error;
 
 /* A lookup's answer: either `error` (ips NULL, ip_count 0) or ip_count >= 1 addresses as text
- * ("192.0.2.1", "2001:db8::1") in the service's order (error NULL). */
+ * ("192.0.2.1", "2001:db8::1") in the service's order (error NULL). Only addresses of the
+ * family asked for are handed out: whatever else the service's answer holds is dropped, and an
+ * answer with nothing left is the error -20003 "empty data", as an empty answer is. */
 typedef struct qel_httpdns_result {
     qel_httpdns_error *error;
     char **ips;
@@ -88,7 +90,8 @@ QEL_EXPORT qel_httpdns_error *qel_httpdns_set_log_enabled(int enabled);
 QEL_EXPORT qel_httpdns_error *qel_httpdns_clean_cache(void);
 
 /* Looks `domain` up (QEL_HTTPDNS_IPV4 or QEL_HTTPDNS_IPV6). Returns an error, and never calls
- * `callback`, when `callback` is NULL or the lookup could not be started; otherwise returns
+ * `callback`, when `callback` is NULL or `type` another number
+ * (QEL_HTTPDNS_E_INVALID_ARGUMENT), or the lookup could not be started; otherwise returns
  * NULL and `callback` receives the answer once, on the threads described above. As with
  * the C++ manager, a lookup made before the first login reply (status 0) is dropped and its
  * callback never runs. */
@@ -98,7 +101,9 @@ QEL_EXPORT qel_httpdns_error *qel_httpdns_lookup(const char *domain, int type,
 /* Looks `domain` up and waits at most `timeout_seconds` for the answer (0: only an answer
  * that needs no wait, such as a cache hit). Blocks the calling thread; on the platform thread
  * (inside a lookup callback that runs there) it fails at once with
- * QEL_HTTPDNS_E_PLATFORM_THREAD. NULL only when memory ran out. */
+ * QEL_HTTPDNS_E_PLATFORM_THREAD. A negative or NaN timeout, or a type other than
+ * QEL_HTTPDNS_IPV4 and QEL_HTTPDNS_IPV6, is QEL_HTTPDNS_E_INVALID_ARGUMENT, and nothing is
+ * looked up. NULL only when memory ran out. */
 QEL_EXPORT qel_httpdns_result *qel_httpdns_resolve(const char *domain, int type,
                                                    double timeout_seconds);
 

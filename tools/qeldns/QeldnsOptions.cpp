@@ -1,7 +1,6 @@
 #include "QeldnsOptions.h"
 
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <sstream>
 
@@ -15,7 +14,7 @@ const char QeldnsOptions::kUsage[] =
     "  --id ID            account AuthId (default: $QELDNS_AUTH_ID)\n"
     "  --secret SECRET    account AuthSecret (default: $QELDNS_AUTH_SECRET)\n"
     "  --server URL       service base URL (default: the SDK's built-in service)\n"
-    "  --timeout SECONDS  timeout of each HTTP request (default 20)\n"
+    "  --timeout SECONDS  timeout of each HTTP request (default 20, at most 86400)\n"
     "  --no-cache         neither read nor store cached answers\n"
     "  --expired          let the cache answer with expired records\n"
     "  --degrade H1,H2    refuse these hosts (the SDK's degraded hosts)\n"
@@ -32,12 +31,16 @@ const char QeldnsOptions::kUsage[] =
 
 namespace {
 
+// The longest request timeout: the waits built on it (four requests and a login) then stay
+// far inside the steady clock's range, which a value like 1e10 overflows.
+constexpr int kMaxTimeoutSeconds = 86400;
+
 bool parseSeconds(const std::string& text, double& seconds) {
     char* end = nullptr;
     errno = 0;
     seconds = std::strtod(text.c_str(), &end);
-    return errno == 0 && end != text.c_str() && *end == '\0' && std::isfinite(seconds) &&
-           seconds > 0;
+    return errno == 0 && end != text.c_str() && *end == '\0' && seconds > 0 &&
+           seconds <= kMaxTimeoutSeconds;
 }
 
 bool parseCount(const std::string& text, int& count) {
@@ -108,7 +111,8 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
         } else if (arg == "--timeout") {
             if (!value(text)) return std::nullopt;
             if (!parseSeconds(text, options.timeout)) {
-                error = "--timeout needs a positive number of seconds, not '" + text + "'";
+                error = "--timeout needs a number of seconds above 0 and at most " +
+                        std::to_string(kMaxTimeoutSeconds) + ", not '" + text + "'";
                 return std::nullopt;
             }
         } else if (arg == "--repeat") {

@@ -86,17 +86,72 @@ bool readNames(const std::string& path, std::vector<std::string>& names) {
     return true;
 }
 
-// Prints one answer; true when it carried addresses.
-bool report(const QeldnsOptions& options, const std::string& name, const Result& result,
+// What qeldns prints of a text from outside (a service's error message can be megabytes).
+constexpr size_t kMaxPrintedBytes = 300;
+
+// At most kMaxPrintedBytes of `text`, cut on a UTF-8 character boundary and marked.
+std::string capped(const std::string& text) {
+    if (text.size() <= kMaxPrintedBytes) return text;
+    size_t end = kMaxPrintedBytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    return text.substr(0, end) + "... (" + std::to_string(text.size() - end) + " more bytes)";
+}
+
+// `text`, capped, with its control characters (C0, DEL, and C1 as UTF-8 encodes them) and
+// backslashes written as C escapes: a name, an address or a message from outside can then
+// neither start a line of its own nor drive the terminal.
+std::string shown(const std::string& text) {
+    const std::string cut = capped(text);
+    std::string out;
+    for (size_t i = 0; i < cut.size(); ++i) {
+        const auto c = static_cast<unsigned char>(cut[i]);
+        const auto next = i + 1 < cut.size() ? static_cast<unsigned char>(cut[i + 1]) : 0;
+        char escape[8];
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c < 0x20 || c == 0x7f) {
+            std::snprintf(escape, sizeof escape, "\\x%02x", c);
+            out += escape;
+        } else if (c == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            std::snprintf(escape, sizeof escape, "\\u%04x", next);
+            out += escape;
+            ++i;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// Prints one answer; true when it carried addresses. The SDK hands back the service's list
+// as it is: what is not an address of the family asked for is dropped and reported.
+bool report(const QeldnsOptions& options, const std::string& name, Result result,
             double waitedSeconds) {
+    const std::string family = options.type == 1 ? "IPv4" : "IPv6";
+    const bool addressed = result.answered && !result.error;
+    if (addressed) {
+        for (const std::string& ip : QelDNSAddressCheck::keepAddresses(*result.ips, options.type)) {
+            std::fprintf(stderr, "qeldns: %s: dropped \"%s\": not an %s address\n",
+                         shown(name).c_str(), shown(ip).c_str(), family.c_str());
+        }
+    }
+    const bool empty = addressed && result.ips->empty();
+    const std::string noAddress = "no " + family + " address in the answer";
     if (options.json) {
         nlohmann::json line = {{"domain", name}, {"type", options.type == 1 ? "A" : "AAAA"}};
         if (!result.answered) {
             line["error"] = {{"code", nullptr},
                              {"message", "no answer within " + std::to_string(waitedSeconds) + " s"}};
-        } else if (result.error) {
-            line["error"] = {{"code", result.error->code()},
-                             {"message", result.error->localizedDescription()}};
+        } else if (result.error || empty) {
+            line["error"]["code"] = empty ? nlohmann::json() : nlohmann::json(result.error->code());
+            line["error"]["message"] =
+                empty ? noAddress : capped(result.error->localizedDescription());
             line["microseconds"] = result.microseconds;
         } else {
             line["addresses"] = *result.ips;
@@ -106,18 +161,21 @@ bool report(const QeldnsOptions& options, const std::string& name, const Result&
         if (result.trace) line["trace"] = traceJson(*result.trace);
         std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else if (!result.answered) {
-        std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", name.c_str(), waitedSeconds);
+        std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", shown(name).c_str(),
+                     waitedSeconds);
     } else if (result.error) {
-        std::fprintf(stderr, "qeldns: %s: error %lld: %s\n", name.c_str(),
+        std::fprintf(stderr, "qeldns: %s: error %lld: %s\n", shown(name).c_str(),
                      static_cast<long long>(result.error->code()),
-                     result.error->localizedDescription().c_str());
+                     shown(result.error->localizedDescription()).c_str());
+    } else if (empty) {
+        std::fprintf(stderr, "qeldns: %s: %s\n", shown(name).c_str(), noAddress.c_str());
     } else {
-        std::string line = name;
+        std::string line = shown(name);
         for (const auto& ip : *result.ips) line += " " + ip;
         std::printf("%s\n", line.c_str());
     }
     std::fflush(stdout);
-    return result.answered && !result.error;
+    return addressed && !empty;
 }
 
 void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
@@ -142,7 +200,7 @@ int main(int argc, char** argv) {
     std::string usageError;
     std::optional<QeldnsOptions> parsed = QeldnsOptions::parse(argc, argv, usageError);
     if (!parsed) {
-        std::fprintf(stderr, "qeldns: %s\nTry 'qeldns --help'.\n", usageError.c_str());
+        std::fprintf(stderr, "qeldns: %s\nTry 'qeldns --help'.\n", shown(usageError).c_str());
         return 2;
     }
     const QeldnsOptions& options = *parsed;
@@ -152,7 +210,7 @@ int main(int argc, char** argv) {
     }
     std::vector<std::string> names = options.names;
     if (options.namesFile && !readNames(*options.namesFile, names)) {
-        std::fprintf(stderr, "qeldns: cannot read %s\n", options.namesFile->c_str());
+        std::fprintf(stderr, "qeldns: cannot read %s\n", shown(*options.namesFile).c_str());
         return 2;
     }
 

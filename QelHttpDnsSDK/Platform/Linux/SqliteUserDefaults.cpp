@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -83,13 +85,62 @@ void makePrivateDirectories(const std::filesystem::path& directory) {
     if (::mkdir(directory.c_str(), 0700) == 0) ::chmod(directory.c_str(), 0700);
 }
 
-// Creates the database file 0600 whatever the umask, unless it exists; SQLite takes an empty
-// file for an empty database.
-void makePrivateFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) return;
-    ::fchmod(fd, 0600);
+// Why `status` lets someone other than this process's user change what the store reads, or
+// nothing. A file others may read but not write (an application's own database, 0644) is
+// kept: what they could do with it is read the cached addresses.
+std::optional<std::string> notPrivate(const struct stat& status, const char* what) {
+    if (status.st_uid != ::geteuid() && !(S_ISDIR(status.st_mode) && status.st_uid == 0)) {
+        return std::string(what) + " is owned by uid " + std::to_string(status.st_uid) +
+               ", not by uid " + std::to_string(::geteuid());
+    }
+    if (status.st_mode & (S_IWGRP | S_IWOTH)) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+        return std::string(what) + " is writable by its group or others (mode " + mode + ")";
+    }
+    return std::nullopt;
+}
+
+// Why the file at `path` must not hold the store, or nothing once it is a regular file of
+// this user's that nobody else can write, made 0600 (whatever the umask) when it was absent.
+// A symbolic link is never followed, so the store cannot be pointed at another file. The
+// directory must be this user's (or root's) and closed to other writers: otherwise they
+// could swap the file between this check and SQLite's open, which goes by the name, or plant
+// the journal SQLite replays into it. (SQLITE_OPEN_NOFOLLOW would refuse a link anywhere in
+// the path, a linked home directory too.)
+std::optional<std::string> untrustedFile(const std::string& path) {
+    const std::filesystem::path name(path);
+    const std::string directory = name.has_parent_path() ? name.parent_path().string() : ".";
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) != 0) {
+        return "its directory cannot be read (" + std::string(std::strerror(errno)) + ")";
+    }
+    if (auto reason = notPrivate(status, "its directory")) return reason;
+    // O_NONBLOCK: a FIFO put there must not hang the open.
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0600);
+    if (fd >= 0) {
+        ::fchmod(fd, 0600);
+    } else if (errno == EEXIST) {
+        fd = ::open(path.c_str(), kFlags);
+    }
+    if (fd < 0) {
+        if (errno == ELOOP) return std::string("it is a symbolic link");
+        return "it cannot be opened (" + std::string(std::strerror(errno)) + ")";
+    }
+    const int statResult = ::fstat(fd, &status);
     ::close(fd);
+    if (statResult != 0 || !S_ISREG(status.st_mode)) return std::string("it is not a regular file");
+    if (auto reason = notPrivate(status, "it")) return reason;
+    // Journals SQLite would read into the database when it opens it.
+    for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+        const std::string side = path + suffix;
+        if (::lstat(side.c_str(), &status) != 0) continue;  // absent
+        const std::string what = name.filename().string() + suffix;
+        if (!S_ISREG(status.st_mode)) return what + " is not a regular file";
+        if (auto reason = notPrivate(status, what.c_str())) return reason;
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -141,7 +192,13 @@ bool SqliteUserDefaults::open() {
     const bool inMemory = path_ == kInMemory;
     if (!inMemory) {
         makePrivateDirectories(std::filesystem::path(path_).parent_path());
-        makePrivateFile(path_);
+        if (const auto reason = untrustedFile(path_)) {
+            reported_ = true;
+            pendingReports_.push_back(prefix() + "not used: " + *reason +
+                                      "; the store is treated as empty and the file is left "
+                                      "as it is");
+            return false;
+        }
     }
     int rc = sqlite3_open_v2(path_.c_str(), &db_,
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,

@@ -14,7 +14,13 @@
 //
 // The store is private to its user: the file is made 0600 and each directory the store makes
 // 0700, whatever the umask (SQLite gives its -wal and -shm files the mode of the database
-// file). A file or directory that exists keeps its mode: the application chose it.
+// file). A file or directory that exists keeps its mode: the application chose it. But what
+// another user could have written is never read, since its records would answer lookups: the
+// store refuses a file that is a symbolic link (never followed, so never created through a
+// dangling one), not a regular file, not owned by the effective user, or writable by group or
+// others; the same for a -wal, -shm or -journal file beside it; and a file in a directory that
+// another user (root aside) owns or that group or others may write. A refused store is
+// reported once to the `Console` and behaves as one that cannot be opened (below).
 //
 // A file that cannot be opened as a database (damaged, not a database, a directory, no
 // permission) is never deleted, repaired or rewritten: it may hold the application's own
