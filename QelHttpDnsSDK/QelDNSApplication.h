@@ -33,8 +33,8 @@ public:
     /// Chooses the file of the library's persistent store (an SQLite database, which the
     /// application may share for its own keys). Takes effect only before the store is first
     /// used, so call it at start; returns false, changing nothing, once the store is open.
-    /// A file another user could have written is not used (a symbolic link, a file not owned
-    /// by the effective user or writable by group or others, or one in a directory they can
+    /// A file another user could have read or written is not used (a symbolic link, a file not
+    /// owned by the effective user or open to group or others, or one in a directory they can
     /// write): the library logs why and caches in memory only.
     static bool setStorePath(const std::string& path);
 

@@ -416,6 +416,7 @@ TEST(LockedStore, StoreLockedAtStartIsOpenedOnceTheLockIsGone) {
     ASSERT_EQ(appQuery(path, "CREATE TABLE user_defaults (key TEXT PRIMARY KEY NOT NULL, value) "
                              "WITHOUT ROWID; INSERT INTO user_defaults VALUES ('app.user', 'alice')"),
               "<none>");
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);  // the store is used only when closed to others
     LockHolder holder(path, "BEGIN EXCLUSIVE");
     ASSERT_TRUE(holder.lock());
     qel::test::CapturingConsole console;

@@ -138,9 +138,9 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenOrALinkIsRefusedAndLeftAsItI
         {"owned by another user", "s.db",
          [&](auto& d) { return planted(d.file("s.db"), 0600, kOtherUser); }, "owned by"},
         {"writable by others", "s.db",
-         [&](auto& d) { return planted(d.file("s.db"), 0666, me); }, "writable"},
-        {"writable by its group", "s.db",
-         [&](auto& d) { return planted(d.file("s.db"), 0620, me); }, "writable"},
+         [&](auto& d) { return planted(d.file("s.db"), 0666, me); }, "open to"},
+        {"readable by its group", "s.db",
+         [&](auto& d) { return planted(d.file("s.db"), 0640, me); }, "open to"},
         {"dangling link", "s.db",
          [](auto& d) { return ::symlink("new.db", d.file("s.db").c_str()) == 0; }, "symbolic link"},
         {"link to another database", "s.db", [](auto& d) {

@@ -85,18 +85,21 @@ void makePrivateDirectories(const std::filesystem::path& directory) {
     if (::mkdir(directory.c_str(), 0700) == 0) ::chmod(directory.c_str(), 0700);
 }
 
-// Why `status` lets someone other than this process's user change what the store reads, or
-// nothing. A file others may read but not write (an application's own database, 0644) is
-// kept: what they could do with it is read the cached addresses.
+// Why `status` lets someone other than this process's user see or change what the store
+// holds, or nothing. A file must be closed to group and others (the names an application
+// looked up are its own business); a directory must only be closed to their writes.
 std::optional<std::string> notPrivate(const struct stat& status, const char* what) {
     if (status.st_uid != ::geteuid() && !(S_ISDIR(status.st_mode) && status.st_uid == 0)) {
         return std::string(what) + " is owned by uid " + std::to_string(status.st_uid) +
                ", not by uid " + std::to_string(::geteuid());
     }
-    if (status.st_mode & (S_IWGRP | S_IWOTH)) {
+    const bool directory = S_ISDIR(status.st_mode);
+    if (status.st_mode & (directory ? (S_IWGRP | S_IWOTH) : (S_IRWXG | S_IRWXO))) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-        return std::string(what) + " is writable by its group or others (mode " + mode + ")";
+        return std::string(what) + (directory ? " is writable by its group or others (mode "
+                                              : " is open to its group or others (mode ") +
+               mode + ")";
     }
     return std::nullopt;
 }
