@@ -127,7 +127,8 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
         } else if (arg == "--") {
             for (++i; i < argc; ++i) options.names.emplace_back(argv[i]);
         } else if (arg.size() > 1 && arg[0] == '-') {
-            error = "unknown option " + arg;
+            // Only the name: a mistyped "--secret=..." must not print the secret.
+            error = "unknown option " + arg.substr(0, arg.find('='));
             return std::nullopt;
         } else {
             options.names.push_back(arg);
