@@ -9,12 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BenchMain.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -92,54 +91,16 @@ void BM_Hit_Blocking(benchmark::State& state) {
 BENCHMARK(BM_Hit_Asynchronous)->UseRealTime();
 BENCHMARK(BM_Hit_Blocking)->UseRealTime();
 
-// Prints as usual and keeps the median real time per iteration of each benchmark.
-class MedianReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Aggregate ||
-                run.aggregate_name != "median") {
-                continue;
-            }
-            medians_[run.run_name.function_name] = run.GetAdjustedRealTime();
-        }
-    }
-    std::optional<double> median(const std::string& name) const {
-        const auto found = medians_.find(name);
-        if (found == medians_.end()) return std::nullopt;
-        return found->second;
-    }
-
-private:
-    std::map<std::string, double> medians_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Defaults first, so that flags given on the command line win. Repetitions are interleaved
-    // and their medians compared, as the machine may be shared.
-    std::vector<char*> args{argv[0]};
-    std::string defaults[] = {"--benchmark_repetitions=9",
-                              "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_display_aggregates_only=true",
-                              "--benchmark_min_time=0.2"};
-    for (auto& flag : defaults) args.push_back(flag.data());
-    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
     fixture();
-    MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    const auto blocking = reporter.median("BM_Hit_Blocking");
-    const auto asynchronous = reporter.median("BM_Hit_Asynchronous");
-    if (blocking && asynchronous) {
-        std::printf("\ncache hit, blocking / asynchronous (medians): %.2fx  (target <= 2x)\n",
-                    *blocking / *asynchronous);
-    }
-    benchmark::Shutdown();
+    const int status = qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
+        qel::bench::printRatio("cache hit, blocking / asynchronous:",
+                               qel::bench::divide(medians.seconds("BM_Hit_Blocking"),
+                                                  medians.seconds("BM_Hit_Asynchronous")),
+                               "<= 2x");
+    });
     std::filesystem::remove_all(fixture().scratch.path());
-    return 0;
+    return status;
 }

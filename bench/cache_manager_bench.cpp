@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchMain.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
@@ -135,50 +136,20 @@ BENCHMARK(BM_BareSqlitePointQuery);
 BENCHMARK(BM_PersistedRead)->ArgName("expired")->Arg(1)->Arg(0);
 BENCHMARK(BM_SaveToDisk);
 
-// Keeps each benchmark's time per iteration so the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        // With --benchmark_repetitions the median stands for the benchmark.
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            if (run.run_type == Run::RT_Iteration && !nanos_.count(run.run_name.str())) {
-                nanos_[run.run_name.str()] = run.GetAdjustedRealTime();
-            } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                nanos_[run.run_name.str()] = run.GetAdjustedRealTime();
-            }
-        }
-    }
-
-    void printRatios() const {
-        auto ratio = [&](const char* name, const char* baseline, const char* target) {
-            const auto a = nanos_.find(name);
-            const auto b = nanos_.find(baseline);
-            if (a == nanos_.end() || b == nanos_.end()) return;
-            std::printf("%-32s / %-28s = %5.2fx  (target %s)\n", name, baseline,
-                        a->second / b->second, target);
-        };
-        ratio("BM_MemoryHit/expired:1", "BM_BareUnorderedMapLookup", "<= 5x");
-        ratio("BM_MemoryHit/expired:0", "BM_BareUnorderedMapLookup", "<= 5x");
-        ratio("BM_PersistedRead/expired:1", "BM_BareSqlitePointQuery", "<= 2x");
-        ratio("BM_PersistedRead/expired:0", "BM_BareSqlitePointQuery", "<= 2x");
-    }
-
-private:
-    std::map<std::string, double> nanos_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     fixture();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
-    benchmark::Shutdown();
+    const int status = qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
+        using qel::bench::divide;
+        using qel::bench::printRatio;
+        const auto map = medians.seconds("BM_BareUnorderedMapLookup");
+        const auto sqlite = medians.seconds("BM_BareSqlitePointQuery");
+        printRatio("memory hit, expired / bare unordered_map:", divide(medians.seconds("BM_MemoryHit/expired:1"), map), "<= 5x");
+        printRatio("memory hit, fresh / bare unordered_map:", divide(medians.seconds("BM_MemoryHit/expired:0"), map), "<= 5x");
+        printRatio("store read, expired / bare SQLite query:", divide(medians.seconds("BM_PersistedRead/expired:1"), sqlite), "<= 2x");
+        printRatio("store read, fresh / bare SQLite query:", divide(medians.seconds("BM_PersistedRead/expired:0"), sqlite), "<= 2x");
+    });
     std::filesystem::remove_all(fixture().dir);
-    return 0;
+    return status;
 }

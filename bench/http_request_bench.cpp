@@ -27,6 +27,7 @@
 #include <nlohmann/json.hpp>
 
 #include "BareCurlGet.h"
+#include "BenchMain.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
@@ -199,66 +200,24 @@ BENCHMARK(BM_SingleGet_QelDNSRequest)->UseManualTime();
 BENCHMARK(BM_Concurrent200_BareCurl)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Concurrent200_QelDNSRequest)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// Prints as usual and keeps the median real time of each benchmark for the ratios (the machine
-// may be shared: repetitions of the two sides are interleaved and their medians compared).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Aggregate ||
-                run.aggregate_name != "median") {
-                continue;
-            }
-            const std::string name = run.benchmark_name();
-            medians_[name.substr(0, name.find('/'))] =
-                run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        }
-    }
-
-    void printRoundTrip() const {
-        auto trip = medians_.find("BM_PlatformThreadRoundTrip");
-        if (trip == medians_.end()) return;
-        std::printf("%-22s %9.1f us (hand-off to the platform thread and back, no HTTP)\n",
-                    "thread round trip:", trip->second * 1e6);
-    }
-
-    void printRatio(const char* what, const std::string& ours, const std::string& bare) const {
-        auto o = medians_.find(ours), b = medians_.find(bare);
-        if (o == medians_.end() || b == medians_.end()) return;
-        std::printf("%-22s QelDNSRequest %9.1f us   bare libcurl %9.1f us   ratio %.3f\n", what,
-                    o->second * 1e6, b->second * 1e6, o->second / b->second);
-    }
-
-private:
-    std::map<std::string, double> medians_;  // seconds per iteration
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     qel::platform::Console::setSink([](const std::string&) {});
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    // Defaults first, so that flags given on the command line win.
-    std::vector<char*> args{argv[0]};
-    std::string defaults[] = {"--benchmark_repetitions=9",
-                              "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_min_time=0.2"};
-    for (auto& flag : defaults) args.push_back(flag.data());
-    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
     server();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nMedians of the repetitions:\n");
-    reporter.printRatio("one GET:", "BM_SingleGet_QelDNSRequest", "BM_SingleGet_BareCurl");
-    reporter.printRoundTrip();
-    reporter.printRatio("200 concurrent GETs:", "BM_Concurrent200_QelDNSRequest",
-                        "BM_Concurrent200_BareCurl");
-    benchmark::Shutdown();
-    return 0;
+    return qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
+        const auto ratio = [&](const char* what, const char* ours, const char* bare) {
+            const auto o = medians.seconds(ours), b = medians.seconds(bare);
+            if (!o || !b) return;
+            std::printf("%-22s QelDNSRequest %9.1f us   bare libcurl %9.1f us   ratio %.3f\n", what, *o * 1e6,
+                        *b * 1e6, *o / *b);
+        };
+        ratio("one GET:", "BM_SingleGet_QelDNSRequest", "BM_SingleGet_BareCurl");
+        if (const auto trip = medians.seconds("BM_PlatformThreadRoundTrip")) {
+            std::printf("%-22s %9.1f us (hand-off to the platform thread and back, no HTTP)\n",
+                        "thread round trip:", *trip * 1e6);
+        }
+        ratio("200 concurrent GETs:", "BM_Concurrent200_QelDNSRequest", "BM_Concurrent200_BareCurl");
+    });
 }

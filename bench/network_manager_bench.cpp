@@ -10,6 +10,7 @@
 #include <atomic>
 #include <vector>
 
+#include "BenchMain.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 
 namespace {
@@ -67,4 +68,15 @@ BENCHMARK(BM_RouteTableDump);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    return qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
+        using qel::bench::divide;
+        const auto available = medians.seconds("BM_NetworkAvailable");
+        qel::bench::printRatio("networkAvailable / bare atomic load:",
+                               divide(available, medians.seconds("BM_BareAtomicLoad")));
+        qel::bench::printRatio("networkAvailable / bare atomic load, 2 threads:",
+                               divide(medians.seconds("BM_NetworkAvailable", 2), medians.seconds("BM_BareAtomicLoad", 2)));
+        qel::bench::printRatio("routing-table dump / networkAvailable:",
+                               divide(medians.seconds("BM_RouteTableDump"), available));
+    });
+}

@@ -36,6 +36,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchMain.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
@@ -55,6 +56,10 @@ using Clock = std::chrono::steady_clock;
 using Ips = std::optional<std::vector<std::string>>;
 
 namespace {
+
+using qel::bench::divide;
+using qel::bench::MedianReporter;
+using qel::bench::printRatio;
 
 constexpr char kId[] = "acct-7";
 constexpr char kSecret[] = "s3cr3t";
@@ -391,55 +396,6 @@ CachedDomainBytes bytesPerCachedDomain(bool longNames) {
 
 // ---------------------------------------------------------------------- report
 
-// Prints as usual and keeps the median real time per iteration of each benchmark (by name and
-// thread count) for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Aggregate ||
-                run.aggregate_name != "median") {
-                continue;
-            }
-            std::string name = run.run_name.function_name;
-            if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
-            name += "/" + std::to_string(run.threads);
-            const double unit = benchmark::GetTimeUnitMultiplier(run.time_unit);
-            medians_[name] = run.GetAdjustedRealTime() / unit;
-            cpuMedians_[name] = run.GetAdjustedCPUTime() / unit;
-        }
-    }
-
-    /// Seconds per iteration of `name` with `threads` threads (iterations of all threads
-    /// counted, so the inverse is the aggregate throughput); nothing when it did not run.
-    std::optional<double> seconds(const std::string& name, int threads = 1) const {
-        const auto found = medians_.find(name + "/" + std::to_string(threads));
-        if (found == medians_.end()) return std::nullopt;
-        return found->second;
-    }
-
-    /// CPU seconds per iteration, all threads' CPU time over all their iterations. Unlike the
-    /// real time it does not grow when other processes take the cores, but it does when the
-    /// threads wait for memory the other thread wrote.
-    std::optional<double> cpuSeconds(const std::string& name, int threads = 1) const {
-        const auto found = cpuMedians_.find(name + "/" + std::to_string(threads));
-        if (found == cpuMedians_.end()) return std::nullopt;
-        return found->second;
-    }
-
-private:
-    std::map<std::string, double> medians_;     // real time
-    std::map<std::string, double> cpuMedians_;  // CPU time
-};
-
-void printRatio(const char* what, std::optional<double> value, const char* target = nullptr) {
-    if (!value) return;
-    std::printf("%-58s %8.2fx", what, *value);
-    if (target) std::printf("  (target %s)", target);
-    std::printf("\n");
-}
-
 void printBytes(const char* names, const CachedDomainBytes& bytes) {
     std::printf("memory per cached domain, two addresses, %-17s %8.0f B  (target <= 512 B)\n",
                 names, bytes.total);
@@ -448,49 +404,26 @@ void printBytes(const char* names, const CachedDomainBytes& bytes) {
     std::printf("  %-56s %8.0f B\n", "of which the list and its two records:", bytes.records);
 }
 
-std::optional<double> divide(std::optional<double> a, std::optional<double> b) {
-    if (!a || !b) return std::nullopt;
-    return *a / *b;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    // Defaults first, so that flags given on the command line win. The machine may be shared:
-    // repetitions of all benchmarks are interleaved and their medians compared.
-    std::vector<char*> args{argv[0]};
-    std::string defaults[] = {"--benchmark_repetitions=7",
-                              "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_display_aggregates_only=true",
-                              "--benchmark_min_time=0.2"};
-    for (auto& flag : defaults) args.push_back(flag.data());
-    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
-    fixture();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+// What the medians say, after the table.
+void report(const MedianReporter& medians) {
     const CachedDomainBytes shortNames = bytesPerCachedDomain(false);
     const CachedDomainBytes longNames = bytesPerCachedDomain(true);
 
-    std::printf("\nNetwork monitoring: %s\n", fixture().network ? "a fake reachable network (no default route here)"
+    std::printf("Network monitoring: %s\n", fixture().network ? "a fake reachable network (no default route here)"
                                                               : "the real rtnetlink monitor");
-    std::printf("Medians of the repetitions:\n");
-    const auto hit = reporter.seconds("BM_Hit_getIPV4ByDomain");
-    printRatio("hit / bare map find and copy:", divide(hit, reporter.seconds("BM_BareMap_FindAndCopy")),
+    const auto hit = medians.seconds("BM_Hit_getIPV4ByDomain");
+    printRatio("hit / bare map find and copy:", divide(hit, medians.seconds("BM_BareMap_FindAndCopy")),
                "<= 10x");
     // On a shared machine the real time also counts the waits for a core; the CPU time does not.
-    if (const auto traced = reporter.seconds("BM_Hit_getIPV4ByDomain_Traced"); traced && hit) {
+    if (const auto traced = medians.seconds("BM_Hit_getIPV4ByDomain_Traced"); traced && hit) {
         std::printf("%-58s %+8.1f ns  (target <= +100 ns)\n",
                     "hit with a trace observer - hit without, real time:", (*traced - *hit) * 1e9);
-        const auto tracedCpu = reporter.cpuSeconds("BM_Hit_getIPV4ByDomain_Traced");
-        const auto hitCpu = reporter.cpuSeconds("BM_Hit_getIPV4ByDomain");
+        const auto tracedCpu = medians.cpuSeconds("BM_Hit_getIPV4ByDomain_Traced");
+        const auto hitCpu = medians.cpuSeconds("BM_Hit_getIPV4ByDomain");
         std::printf("%-58s %+8.1f ns\n", "  the same in CPU time:", (*tracedCpu - *hitCpu) * 1e9);
     }
     printRatio("getaddrinfo(\"localhost\") / hit:",
-               divide(reporter.seconds("BM_Getaddrinfo_Localhost"), hit), ">= 100x");
+               divide(medians.seconds("BM_Getaddrinfo_Localhost"), hit), ">= 100x");
     // Throughput on two threads needs two free cores. Where others' work takes them, the CPU
     // time each lookup costs on two threads against one tells what sharing memory adds; twice
     // its inverse is the throughput two free cores would give.
@@ -498,8 +431,8 @@ int main(int argc, char** argv) {
     for (const char* name : {"BM_Hit_getIPV4ByDomain", "BM_BareMap_FindAndCopy",
                              "BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",
                              "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
-        const auto throughput = divide(reporter.seconds(name), reporter.seconds(name, 2));
-        const auto cpu = divide(reporter.cpuSeconds(name, 2), reporter.cpuSeconds(name));
+        const auto throughput = divide(medians.seconds(name), medians.seconds(name, 2));
+        const auto cpu = divide(medians.cpuSeconds(name, 2), medians.cpuSeconds(name));
         if (!throughput || !cpu) continue;
         std::printf("  %-34s %9.2fx  %11.2fx  %12.2fx%s\n", name + 3, *throughput, *cpu, 2 / *cpu,
                     name == std::string("BM_Hit_getIPV4ByDomain") ? "  (target >= 1.5x)" : "");
@@ -507,17 +440,24 @@ int main(int argc, char** argv) {
     std::printf("steps of a hit, ns per call on 1 thread:");
     for (const char* step : {"BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",
                              "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
-        if (const auto one = reporter.seconds(step)) std::printf("  %s %.1f", step + 8, *one * 1e9);
+        if (const auto one = medians.seconds(step)) std::printf("  %s %.1f", step + 8, *one * 1e9);
     }
     std::printf("\n");
-    const auto bare = reporter.seconds("BM_Miss_BareCurl");
+    const auto bare = medians.seconds("BM_Miss_BareCurl");
     printRatio("miss, cacheIP off / bare libcurl GET:",
-               divide(reporter.seconds("BM_Miss_getIPV4ByDomain/cacheIP:0"), bare), "<= 1.3x");
+               divide(medians.seconds("BM_Miss_getIPV4ByDomain/cacheIP:0"), bare), "<= 1.3x");
     printRatio("miss, cacheIP on, answer stored / bare libcurl GET:",
-               divide(reporter.seconds("BM_Miss_getIPV4ByDomain/cacheIP:1"), bare));
+               divide(medians.seconds("BM_Miss_getIPV4ByDomain/cacheIP:1"), bare));
     printBytes("short names:", shortNames);
     printBytes("long names:", longNames);
-    benchmark::Shutdown();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    fixture();
+    const int status = qel::bench::run(argc, argv, report, 7);
     std::filesystem::remove_all(fixture().scratch.path());
-    return 0;
+    return status;
 }

@@ -20,13 +20,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "AccessLog.h"
+#include "BenchMain.h"
 #include "Listener.h"
 #include "Service.h"
 #include "Signature.h"
@@ -227,63 +227,26 @@ BENCHMARK(BM_Resolve_Service)->UseRealTime()->Threads(1)->Threads(4);
 BENCHMARK(BM_Login_Service)->UseRealTime();
 BENCHMARK(BM_Login_ServiceWithSlowClients)->UseRealTime();
 
-// Prints as usual and keeps the median requests per second of each benchmark for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") {
-                continue;
-            }
-            const auto rate = run.counters.find("items_per_second");
-            if (rate == run.counters.end()) continue;
-            std::string name = run.benchmark_name();  // "BM_Resolve_Service/real_time/threads:4_median"
-            const std::string side = name.substr(0, name.find('/'));
-            const size_t threads = name.find("threads:");
-            const std::string count = threads == std::string::npos ? "1" : name.substr(threads + 8);
-            medians_[side + "/" + count.substr(0, count.find('_'))] = rate->second.value;
-        }
-    }
-
-    void printRatio(const std::string& what, const std::string& ours, const std::string& base) const {
-        const auto a = medians_.find(ours), b = medians_.find(base);
-        if (a == medians_.end() || b == medians_.end()) return;
-        std::printf("%-40s %9.0f req/s against %9.0f req/s   ratio %.3f\n", what.c_str(), a->second, b->second,
-                    a->second / b->second);
-    }
-
-private:
-    std::map<std::string, double> medians_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Defaults first, so that flags given on the command line win.
-    std::vector<char*> args{argv[0]};
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_min_time=0.2"};
-    for (auto& flag : defaults) args.push_back(flag.data());
-    for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
     servicePort();
     bareMicrohttpdPort();
     bareHttplibPort();
     besiegedPort();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nMedians of the repetitions (requests per second):\n");
-    for (const std::string threads : {"1", "4"}) {
-        reporter.printRatio("resolve, service / bare, " + threads + " conn.", "BM_Resolve_Service/" + threads,
-                            "BM_Resolve_BareHandler/" + threads);
-        reporter.printRatio("resolve, service / bare httplib, " + threads + " conn.",
-                            "BM_Resolve_Service/" + threads, "BM_Resolve_BareHttplib/" + threads);
-    }
-    reporter.printRatio("login, 1000 slow clients / none", "BM_Login_ServiceWithSlowClients/1",
-                        "BM_Login_Service/1");
-    benchmark::Shutdown();
-    return 0;
+    return qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
+        const auto ratio = [&](const std::string& what, const char* ours, const char* base, int threads) {
+            const auto a = medians.counter(ours, "items_per_second", threads);
+            const auto b = medians.counter(base, "items_per_second", threads);
+            if (!a || !b) return;
+            std::printf("%-40s %9.0f req/s against %9.0f req/s   ratio %.3f\n", what.c_str(), *a, *b, *a / *b);
+        };
+        for (const int threads : {1, 4}) {
+            const std::string connections = ", " + std::to_string(threads) + " conn.";
+            ratio("resolve, service / bare" + connections, "BM_Resolve_Service", "BM_Resolve_BareHandler", threads);
+            ratio("resolve, service / bare httplib" + connections, "BM_Resolve_Service", "BM_Resolve_BareHttplib",
+                  threads);
+        }
+        ratio("login, 1000 slow clients / none", "BM_Login_ServiceWithSlowClients", "BM_Login_Service", 1);
+    });
 }
