@@ -34,6 +34,6 @@ if(QEL_DPKG_SHLIBDEPS)
 else()
   # Debian 12's names for the libraries the binaries link.
   set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libre2-9, libc-ares2, libcpp-httplib0.11")
+    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libre2-9, libc-ares2, libmicrohttpd12")
 endif()
 include(CPack)
