@@ -391,6 +391,12 @@ TEST_F(PublicManager, NetworkChangeRefreshesTheLatestLookup) {
     const Answer afterFailedRefresh = ask("a.test");
     EXPECT_EQ(afterFailedRefresh.trace.source, Source::Service);
     EXPECT_EQ(afterFailedRefresh.ips, Strings{"192.0.2.77"});
+
+    // A registration that fails turns the refresh off: the entry is neither cleared nor asked.
+    dns().registerAuthId(std::string(qel::test::kAuthId), std::string(""));
+    network.setFlags(kWiFi);
+    network.fire();
+    EXPECT_TRUE(cached("a.test_v4"));
 }
 
 // A thread repeating its last lookup skips storing the pending pair only while no other
