@@ -259,6 +259,7 @@ TEST_F(PublicManager, CallbackOrObserverThatThrowsDoesNotStopLaterAnswers) {
     dns().getIPV4ByDomain("a.test", [](std::optional<QelDNSError>, Ips) {
         throw std::runtime_error("application bug");
     });
+    ASSERT_TRUE(traces.waitFor(1));
     EXPECT_EQ(ask("a.test").ips, Strings{"192.0.2.1"});
     EXPECT_TRUE(eventually([&] {
         return linesMatching("QelHttpDnsSDK: a lookup callback threw: application bug") == 1;
