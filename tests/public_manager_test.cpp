@@ -401,18 +401,19 @@ TEST_F(PublicManager, NetworkChangeRefreshesTheLatestLookup) {
 }
 
 // A thread repeating its last lookup skips storing the pending pair only while no other
-// lookup has replaced it. One row per lookup on another thread in between, of another type or
-// only another name: the repeated lookup still asks for its own name, under the key the other
+// lookup has replaced it. One row per lookup on another thread in between, of another name,
+// type or both: the repeated lookup still asks for its own name, under the key the other
 // thread's type decides.
 TEST_F(PublicManager, ALookupOnAnotherThreadIsReplacedByTheNextLookup) {
     service.setAddresses("a.test", {"192.0.2.1"});
     service.setAddresses("b.test", {"192.0.2.2"});
     dns().enableCacheIP(true);
     login();
-    const struct { int64_t otherType; const char* key; } rows[] = {{2, "a.test_v6"}, {1, "a.test_v4"}};
+    const struct { const char* otherName; int64_t otherType; const char* key; } rows[] = {
+        {"b.test", 2, "a.test_v6"}, {"b.test", 1, "a.test_v4"}, {"a.test", 2, "a.test_v6"}};
     for (const auto& row : rows) {
         ask("a.test", 1);
-        std::thread([&] { ask("b.test", row.otherType); }).join();
+        std::thread([&] { ask(row.otherName, row.otherType); }).join();
         dns().cleanAllCache();
         const Answer again = ask("a.test", 1);
         EXPECT_EQ(again.trace.cacheKey, row.key);
