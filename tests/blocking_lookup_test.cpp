@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -20,7 +19,7 @@
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
-#include "support/ResolutionService.h"
+#include "support/SdkAccount.h"
 #include "support/ScratchDirectory.h"
 
 using qel::test::ResolutionService;
@@ -29,40 +28,26 @@ using Lookup = QelDNSBlockingLookup;
 
 namespace {
 
-constexpr char kId[] = "acct-7";
-constexpr char kSecret[] = "s3cr3t";
-constexpr char kApp[] = "com.example.app";
-
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return condition();
-}
+using qel::test::eventually;
 
 int64_t codeOf(const Lookup::Result& result) { return result.error ? result.error->code() : 99999; }
 
 class BlockingLookup : public testing::Test {
 protected:
     BlockingLookup() {
-        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::MainBundle::setIdentifier(qel::test::kAppId);
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         service.setAddresses("a.test", {"192.0.2.1", "192.0.2.2"});
     }
 
     QelHttpDnsManager& dns() { return QelHttpDnsManager::shared(); }
 
-    void registerAccount() {
-        dns().customServerUrl(service.baseUrl());
-        dns().registerAuthId(std::string(kId), std::string(kSecret));
-    }
-    void login() {
-        registerAccount();
-        ASSERT_TRUE(eventually([&] { return dns().initStatus() == 4; }));
-    }
+    void login() { ASSERT_TRUE(qel::test::registered(service)); }
 
     qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
     qel::test::ScratchDirectory scratch;
     qel::test::CapturingConsole console;
-    ResolutionService service{kId, kSecret, kApp};
+    ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, qel::test::kAppId};
 };
 
 TEST_F(BlockingLookup, AnswersWithTheServicesAddressesAndTheManagersRefusals) {
@@ -119,7 +104,7 @@ TEST_F(BlockingLookup, BeforeTheFirstLoginReplyItWaitsForItWithinTheDeadline) {
     // Asked while the login is on its way, answered once its reply is in.
     auto waiting = std::async(std::launch::async, [] { return Lookup::resolve("a.test", 1, 20.0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    registerAccount();
+    login();
     const Lookup::Result answer = waiting.get();
     ASSERT_TRUE(answer.ok()) << answer.error->localizedDescription();
     EXPECT_EQ(answer.ips, (Strings{"192.0.2.1", "192.0.2.2"}));

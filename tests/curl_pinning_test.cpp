@@ -18,16 +18,13 @@
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
 #include "support/LoopbackHttpServer.h"
-#include "support/ResolutionService.h"
+#include "support/SdkAccount.h"
 #include "support/ScratchDirectory.h"
 
 using Outcome = QelDNSCurlPinning::Outcome;
 
 namespace {
 
-constexpr char kId[] = "acct-7";
-constexpr char kSecret[] = "s3cr3t";
-constexpr char kApp[] = "com.example.app";
 constexpr char kName[] = "app.qel-demo.test";
 
 size_t append(char* data, size_t size, size_t count, void* body) {
@@ -38,7 +35,7 @@ size_t append(char* data, size_t size, size_t count, void* body) {
 class CurlPinning : public testing::Test {
 protected:
     CurlPinning() {
-        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::MainBundle::setIdentifier(qel::test::kAppId);
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         // A proxy nobody runs: a transfer through it fails, so only a bypassed proxy succeeds.
         setenv("http_proxy", "http://127.0.0.1:1", 1);
@@ -46,9 +43,9 @@ protected:
             response.set_content("hello from " + request.get_header_value("Host"), "text/plain");
         });
         service.setAddresses(kName, {"127.0.0.1"});
-        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
-        dns.customServerUrl(service.baseUrl());
-        dns.registerAuthId(std::string(kId), std::string(kSecret));
+        QelHttpDnsManager::shared().customServerUrl(service.baseUrl());
+        QelHttpDnsManager::shared().registerAuthId(std::string(qel::test::kAuthId),
+                                                   std::string(qel::test::kAuthSecret));
         curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
     }
@@ -67,7 +64,7 @@ protected:
     qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
     qel::test::ScratchDirectory scratch;
     qel::test::CapturingConsole console;
-    qel::test::ResolutionService service{kId, kSecret, kApp};
+    qel::test::ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, qel::test::kAppId};
     qel::test::LoopbackHttpServer web;
     std::unique_ptr<CURL, void (*)(CURL*)> handle{curl_easy_init(), curl_easy_cleanup};
     CURL* curl = handle.get();

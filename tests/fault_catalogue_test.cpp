@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -23,6 +22,7 @@
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
 #include "support/RawHttpServer.h"
+#include "support/SdkAccount.h"
 #include "support/ScratchDirectory.h"
 
 namespace {
@@ -30,10 +30,9 @@ namespace {
 using qel::test::RawHttpServer;
 using Reply = RawHttpServer::Reply;
 using Ips = std::optional<std::vector<std::string>>;
+using qel::test::eventually;
+using qel::test::kAuthId;
 
-constexpr char kId[] = "acct-7";
-constexpr char kSecret[] = "s3cr3t";
-constexpr char kApp[] = "com.example.app";
 // Replaced when a row runs by a file that holds a good answer.
 constexpr char kAnswerFile[] = "@ANSWER_FILE@";
 const std::string kAuthFailed = "鉴权失败，请检查AuthId或AuthSecret是否正确";
@@ -58,7 +57,7 @@ std::string head200(size_t contentLength) {
 
 // What a resolve row's login gets: `node` as best and only node.
 std::string loginAnswer(const std::string& node) {
-    return std::string(R"({"auth_id":")") + kId + R"(","best_service_node":")" + node +
+    return std::string(R"({"auth_id":")") + kAuthId + R"(","best_service_node":")" + node +
            R"(","service_node_list":[")" + node + R"("]})";
 }
 
@@ -152,20 +151,12 @@ const std::vector<Fault> kCatalogue{
       {Before::ServiceUp, std::nullopt, ""}},
      2},
     {"LoginWithAnEmptyNodeList", Exchange::Login, 2.0,
-     {write(http("200 OK", std::string(R"({"auth_id":")") + kId +
+     {write(http("200 OK", std::string(R"({"auth_id":")") + kAuthId +
                                R"(","best_service_node":"","service_node_list":[]})"))},
      {kAuthFailedLookup}, 1},
     {"ResolveAnswerForAnotherHost", Exchange::Resolve, 2.0,
      {write(http("200 OK", answerBody("b.test")))}, {kRequestError}, 3},
 };
-
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 1000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 size_t openDescriptors() {
     size_t count = 0;
@@ -178,7 +169,7 @@ size_t openDescriptors() {
 class FaultCatalogue : public testing::TestWithParam<Fault> {
 protected:
     FaultCatalogue() {
-        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::MainBundle::setIdentifier(qel::test::kAppId);
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         std::ofstream(scratch.file("answer.json")) << answerBody();
     }
@@ -230,7 +221,7 @@ TEST_P(FaultCatalogue, EveryLookupIsAnsweredOnceAndNoDescriptorIsLeft) {
     } else {
         raw.serve(script());
     }
-    dns.registerAuthId(std::string(kId), std::string(kSecret));
+    dns.registerAuthId(std::string(kAuthId), std::string(qel::test::kAuthSecret));
     ASSERT_TRUE(eventually([&] { return dns.initStatus() == (loginFails ? 3 : 4); }));
     dns.setTimeout(fault.timeout);  // registration waits as long as it must
     ASSERT_TRUE(eventually([&] { return raw.openConnections() == 0; }));

@@ -59,6 +59,9 @@ protected:
 TEST_F(QelDNSRequestTest, MapsEachKindOfAnswerToAResultOrAnError) {
     const std::string deepest = std::string(512, '[') + std::string(512, ']');
     const std::string bracketsInString = "[\"" + std::string(2000, '[') + "\"]";
+    std::string deepWithValues;  // 513 levels that do not open one right after another
+    for (int i = 0; i < 513; ++i) deepWithValues += "[1,";
+    deepWithValues += "1" + std::string(513, ']');
     const struct { int status; std::string body, expected; } cases[] = {
         {500, R"({"status":500,"message":"down"})", R"({"message":"down","status":500})"},
         {200, R"([1,{"a":2}])", R"([1,{"a":2}])"},
@@ -67,6 +70,7 @@ TEST_F(QelDNSRequestTest, MapsEachKindOfAnswerToAResultOrAnError) {
         {200, "123", kNotJson},
         {200, deepest, deepest},
         {200, "[" + deepest + "]", kNotJson},
+        {200, deepWithValues, kNotJson},
         {200, std::string(200000, '['), kNotJson},
         {200, bracketsInString, bracketsInString},
         // Over the size bound (counted after decoding): a transport failure of a 200.

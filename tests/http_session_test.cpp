@@ -107,15 +107,6 @@ TEST(CurlHttpSession, TimeoutBoundsTheWholeExchangeAndNonsenseValuesFailFast) {
     }
 }
 
-TEST(CurlHttpSession, FollowsRedirects) {
-    LoopbackHttpServer server;
-    server.respond("/final", 200, "{}");
-    server.route("/moved", [](const httplib::Request&, httplib::Response& response) {
-        response.set_redirect("/final");
-    });
-    EXPECT_EQ(fetch(server.url("/moved")).body, "{}");
-}
-
 TEST(CurlHttpSession, DestroyingASessionEndsItsPendingRequests) {
     LoopbackHttpServer server;
     server.hold("/held");

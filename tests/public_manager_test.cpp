@@ -1,5 +1,6 @@
 // The SDK as an application meets it: the public manager against a signature-checking
-// resolution service on loopback, with the network status under the test's control.
+// resolution service on loopback, with the network status under the test's control. Every
+// lookup is also traced, and each scenario states where its answer came from.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,34 +8,35 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
-#include <chrono>
-#include <functional>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
-#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CallRecorder.h"
 #include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
-#include "support/ResolutionService.h"
+#include "support/SdkAccount.h"
 #include "support/ScratchDirectory.h"
 
+using qel::test::eventually;
+using qel::test::kAppId;
+using qel::test::registered;
 using qel::test::ResolutionService;
 using Ips = std::optional<std::vector<std::string>>;
 using Strings = std::vector<std::string>;
+using Source = QelDNSLookupTrace::Source;
+using Traces = qel::test::CallRecorder<QelDNSLookupTrace>;
+using Answers = qel::test::CallRecorder<std::optional<QelDNSError>, Ips>;
 
 namespace {
 
-constexpr char kId[] = "acct-7";
-constexpr char kSecret[] = "s3cr3t";
-constexpr char kApp[] = "com.example.app";
 constexpr char kDeadNode[] = "http://127.0.0.1:1";  // nothing listens: connection refused
 constexpr uint32_t kWiFi = qel::platform::ReachabilityFlags::Reachable;
 
@@ -43,76 +45,71 @@ bool cached(const std::string& key) {
     return records && !records->empty();
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 2000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
-
-// What one lookup got, and where.
+// What one lookup got, where, and the trace it made.
 struct Answer {
-    int calls = 0;
     bool beforeReturn = false;  // on the caller's thread, before the lookup returned
     bool onPlatformThread = false;
     std::optional<int64_t> code;
     std::string message;
     Ips ips;
+    QelDNSLookupTrace trace;
 };
 
 class PublicManager : public testing::Test {
 protected:
     PublicManager() {
-        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::MainBundle::setIdentifier(kAppId);
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
+        QelDNSTraceObserver::install(traces.callback());
     }
+    ~PublicManager() override { QelDNSTraceObserver::remove(); }
 
     // Made after the fake network is installed, so the SDK watches the fake.
     QelHttpDnsManager& dns() { return QelHttpDnsManager::shared(); }
-
-    // Registers and waits until the reply has set the status it must set and, on success,
-    // the node it hands out.
-    void login(const std::string& secret = kSecret, int64_t expectedStatus = 4) {
-        dns().customServerUrl(service.baseUrl());
-        const size_t before = service.logins();
-        dns().registerAuthId(std::string(kId), secret);
-        ASSERT_TRUE(eventually([&] {
-            return service.logins() > before && dns().initStatus() == expectedStatus &&
-                   (expectedStatus != 4 ||
-                    QelHttpDnsCenterManager::shared().resolveUrl() == service.bestNode());
-        }));
+    void login(const std::string& secret = qel::test::kAuthSecret, int64_t status = 4) {
+        ASSERT_TRUE(registered(service, secret, status));
     }
 
+    // Looks up and waits for the one answer; its trace must have come just before it.
     Answer ask(const std::optional<std::string>& domain, int64_t type = 1) {
-        qel::test::CallRecorder<std::optional<QelDNSError>, Ips> recorder;
-        dns().getIPByDomain(domain, type, recorder.callback());
+        Answers recorder;
+        const size_t tracesBefore = traces.count();
+        size_t tracesAtCallback = 0;
+        dns().getIPByDomain(domain, type, [&, callback = recorder.callback()](auto error, Ips ips) {
+            tracesAtCallback = traces.count();
+            callback(std::move(error), std::move(ips));
+        });
         const bool answeredAlready = recorder.count() == 1;
         Answer answer;
         if (!recorder.waitFor(1)) return answer;
-        const auto calls = recorder.calls();
-        const auto& [error, ips] = calls[0].arguments;
-        answer.calls = static_cast<int>(calls.size());
-        answer.onPlatformThread = calls[0].onPlatformThread;
+        const auto call = recorder.calls()[0];
+        const auto& [error, ips] = call.arguments;
+        answer.onPlatformThread = call.onPlatformThread;
         answer.beforeReturn = answeredAlready && !answer.onPlatformThread;
         if (error) {
             answer.code = error->code();
             answer.message = error->localizedDescription();
         }
         answer.ips = ips;
+        EXPECT_EQ(tracesAtCallback, tracesBefore + 1);
+        EXPECT_EQ(traces.count(), tracesBefore + 1);
+        if (traces.count() > tracesBefore) {
+            answer.trace = std::get<0>(traces.calls().back().arguments);
+            EXPECT_EQ(traces.calls().back().onPlatformThread, answer.onPlatformThread);
+        }
         return answer;
     }
 
     size_t linesMatching(const std::string& text) const {
-        size_t count = 0;
-        for (const auto& line : console.lines()) count += line == text;
-        return count;
+        const Strings lines = console.lines();
+        return static_cast<size_t>(std::count(lines.begin(), lines.end(), text));
     }
 
     qel::test::FakeReachabilityFactory network{kWiFi};
     qel::test::ScratchDirectory scratch;
     qel::test::CapturingConsole console;
-    ResolutionService service{kId, kSecret, kApp};
+    ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, kAppId};
+    Traces traces;
 };
 
 // ---------------------------------------------------------------- registration state
@@ -123,16 +120,20 @@ TEST_F(PublicManager, SilentUntilTheFirstLoginReplyThenReady) {
     dns().setDegradeHosts(Strings{"legacy.test"});
     EXPECT_EQ(ask("legacy.test").code, 2);  // checked even before registration
     dns().getIPV4ByDomain("a.test", counting);
+    ASSERT_EQ(traces.count(), 2u);  // the silent lookup is traced before it returns
+    EXPECT_EQ(std::get<0>(traces.calls()[1].arguments).source, Source::Unanswered);
     dns().getIPV4ByDomain("not a domain", counting);
     EXPECT_EQ(dns().initStatus(), 0);
 
     service.setAddresses("a.test", {"192.0.2.1", "192.0.2.2"});
     login();
-    EXPECT_EQ(dns().initStatus(), 4);
     EXPECT_EQ(dns().currentStatusDesc(), "");
     const Answer answer = ask("a.test");
     EXPECT_EQ(answer.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
     EXPECT_TRUE(answer.onPlatformThread);
+    EXPECT_EQ(answer.trace.source, Source::Service);
+    EXPECT_EQ(answer.trace.attempts, 1);
+    EXPECT_EQ(answer.trace.nodes, Strings{service.baseUrl()});
     EXPECT_EQ(silentCalls, 0);
     EXPECT_EQ(service.badSignatures(), 0u);
 }
@@ -148,22 +149,24 @@ TEST_F(PublicManager, RegistrationWithoutNetworkOrCredentialsRefusesLookupsWithI
     EXPECT_EQ(noNetwork.code, 3);
     EXPECT_EQ(noNetwork.message, "网络不可用");
     EXPECT_TRUE(noNetwork.beforeReturn);
+    EXPECT_EQ(noNetwork.trace.source, Source::Refused);
     EXPECT_EQ(linesMatching("### 网络不可用 ###"), 1u);
 
     dns().consolePrintLogEnable(false);
-    dns().registerAuthId(std::string(kId), std::string(""));
+    dns().registerAuthId(std::string(qel::test::kAuthId), std::string(""));
     EXPECT_EQ(dns().initStatus(), 2);
     EXPECT_EQ(linesMatching("### AuthId或AuthSecret不能为空！###"), 1u);  // printed regardless
     const Answer empty = ask("a.test", 2);
     EXPECT_EQ(empty.code, 3);
     EXPECT_EQ(empty.message, "AuthId或AuthSecret不能为空");
     EXPECT_EQ(service.logins(), 0u);
+    // Logging off means off: the refusal above printed nothing of its own.
+    EXPECT_EQ(linesMatching("### AuthId或AuthSecret不能为空 ###"), 0u);
 }
 
 TEST_F(PublicManager, FailedLoginIsRetriedByEachLaterLookup) {
     service.setAddresses("a.test", {"192.0.2.9"});
     login("wrong-secret", 3);
-    EXPECT_EQ(dns().initStatus(), 3);
     EXPECT_EQ(linesMatching("### 鉴权失败，请检查AuthId或AuthSecret是否正确 ###"), 1u);
 
     service.scriptLogins({ResolutionService::status(500)});
@@ -171,12 +174,15 @@ TEST_F(PublicManager, FailedLoginIsRetriedByEachLaterLookup) {
     EXPECT_EQ(stillFailing.code, 3);
     EXPECT_EQ(stillFailing.message, "鉴权失败，请检查AuthId或AuthSecret是否正确");
     EXPECT_TRUE(stillFailing.onPlatformThread);
+    EXPECT_TRUE(stillFailing.trace.loginRetried);
+    EXPECT_EQ(stillFailing.trace.source, Source::Refused);
+    EXPECT_TRUE(service.resolvedHosts().empty());
 
     // A retry logs in with the credentials of the last registration; once it succeeds the
     // lookup is answered.
     login();
     service.scriptLogins({ResolutionService::status(500)});
-    dns().registerAuthId(std::string(kId), std::string(kSecret));
+    dns().registerAuthId(std::string(qel::test::kAuthId), std::string(qel::test::kAuthSecret));
     ASSERT_TRUE(eventually([&] { return dns().initStatus() == 3 && service.logins() == 4; }));
     const Answer recovered = ask("a.test");
     EXPECT_EQ(recovered.ips, Strings{"192.0.2.9"});
@@ -190,7 +196,10 @@ TEST_F(PublicManager, RefusalsAnswerOnTheCallersThreadBeforeTheirLogLine) {
     login();
     dns().consolePrintLogEnable(true);
     dns().setDegradeHosts(Strings{"a.test"});
-    EXPECT_EQ(ask("a.test").code, 2);
+    const Answer degraded = ask("a.test", 2);
+    EXPECT_EQ(degraded.code, 2);
+    EXPECT_EQ(degraded.trace.source, Source::Refused);
+    EXPECT_EQ(degraded.trace.cacheKey, "");
     EXPECT_NE(ask("A.test").code, 2);  // exact comparison
 
     for (const std::optional<std::string>& bad : {std::optional<std::string>("192.168.1.1"),
@@ -214,67 +223,87 @@ TEST_F(PublicManager, RefusalsAnswerOnTheCallersThreadBeforeTheirLogLine) {
     EXPECT_EQ(offline.code, 0);
     EXPECT_EQ(offline.message, "网络不可用");
     EXPECT_TRUE(offline.beforeReturn);
+    EXPECT_EQ(offline.trace.source, Source::Refused);
     EXPECT_EQ(service.resolvedHosts().size(), sent);
 }
 
+// One row per lookup in order: the key each lookup used is the suffix of the previous type.
 TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
     service.setAddresses("a.test", {"192.0.2.1"});
     dns().enableCacheIP(true);
     login();
-    // The first lookup of the process stores under "a.test_v6" (no type before it), the
-    // second under "a.test_v4"; only the third finds its key filled.
-    EXPECT_FALSE(ask("a.test").beforeReturn);
-    EXPECT_FALSE(ask("a.test").beforeReturn);
-    const Answer hit = ask("a.test");
-    EXPECT_TRUE(hit.beforeReturn);
-    EXPECT_EQ(hit.ips, Strings{"192.0.2.1"});
+    const struct { Source source; const char* key; } rows[] = {
+        {Source::Service, "a.test_v6"},  // the first lookup of the process: no type before it
+        {Source::Service, "a.test_v4"},
+        {Source::Memory, "a.test_v4"},
+    };
+    for (const auto& row : rows) {
+        const Answer answer = ask("a.test");
+        EXPECT_EQ(answer.trace.source, row.source) << row.key;
+        EXPECT_EQ(answer.trace.cacheKey, row.key);
+        EXPECT_EQ(answer.beforeReturn, row.source == Source::Memory);
+        EXPECT_EQ(answer.ips, Strings{"192.0.2.1"});
+    }
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
 
     dns().cleanAllCache();
-    EXPECT_FALSE(ask("a.test").beforeReturn);
+    EXPECT_EQ(ask("a.test").trace.source, Source::Service);
     EXPECT_EQ(service.resolvedHosts().size(), 3u);
+    dns().enableCacheIP(false);
+    EXPECT_EQ(ask("a.test").trace.cacheKey, "");
 }
 
-TEST_F(PublicManager, CallbackThatThrowsOnThePlatformThreadDoesNotStopLaterAnswers) {
+TEST_F(PublicManager, CallbackOrObserverThatThrowsDoesNotStopLaterAnswers) {
     service.setAddresses("a.test", {"192.0.2.1"});
     login();
     dns().getIPV4ByDomain("a.test", [](std::optional<QelDNSError>, Ips) {
         throw std::runtime_error("application bug");
     });
+    ASSERT_TRUE(traces.waitFor(1));
     EXPECT_EQ(ask("a.test").ips, Strings{"192.0.2.1"});
     EXPECT_TRUE(eventually([&] {
         return linesMatching("QelHttpDnsSDK: a lookup callback threw: application bug") == 1;
     }));
+
+    QelDNSTraceObserver::install([](const QelDNSLookupTrace&) { throw std::runtime_error("oops"); });
+    int answers = 0;
+    dns().setDegradeHosts(Strings{"a.test"});
+    dns().getIPV4ByDomain("a.test", [&](std::optional<QelDNSError>, Ips) { ++answers; });
+    EXPECT_EQ(answers, 1);
+    EXPECT_EQ(linesMatching("QelHttpDnsSDK: a trace observer threw: oops"), 1u);
 }
 
 // ---------------------------------------------------------------- retries and nodes
 
-TEST_F(PublicManager, FailedAttemptsAreRetriedAtOnceUpToThreeAttempts) {
+// One row per scripted run of resolve answers: what the lookup gets, and how many requests.
+TEST_F(PublicManager, FailedAttemptsAreRetriedAtOnceUpToThreeAttemptsUntilA403) {
+    using R = ResolutionService;
     service.setAddresses("a.test", {"192.0.2.1"});
     login();
-    service.scriptResolves({ResolutionService::status(500), ResolutionService::drop(),
-                            ResolutionService::status(0)});
-    const Answer failed = ask("a.test");
-    EXPECT_EQ(failed.code, -1);
-    EXPECT_EQ(failed.message, "request error");
-    EXPECT_EQ(service.resolvedHosts().size(), 3u);
-
-    service.scriptResolves({ResolutionService::status(500), ResolutionService::drop()});
-    EXPECT_EQ(ask("a.test").ips, Strings{"192.0.2.1"});
-}
-
-TEST_F(PublicManager, ForbiddenEndsTheLookupAndLiftsTheAttemptLimitForGood) {
-    service.setAddresses("a.test", {"192.0.2.1"});
-    login();
-    service.scriptResolves({ResolutionService::status(403, "denied")});
-    const Answer forbidden = ask("a.test");
-    EXPECT_EQ(forbidden.code, 403);
-    EXPECT_EQ(forbidden.message, "denied");
-    EXPECT_EQ(service.resolvedHosts().size(), 1u);
-
-    service.scriptResolves(std::vector<ResolutionService::Behaviour>(5, ResolutionService::status(500)));
-    EXPECT_EQ(ask("a.test").ips, Strings{"192.0.2.1"});
-    EXPECT_EQ(service.resolvedHosts().size(), 7u);
+    const struct {
+        std::vector<R::Behaviour> script;
+        std::optional<int64_t> code;
+        std::string message;
+        int attempts;
+    } rows[] = {
+        {{R::status(500), R::drop(), R::status(0)}, -1, "request error", 3},
+        {{R::status(500), R::drop()}, std::nullopt, "", 3},
+        {{R::status(403, "denied")}, 403, "denied", 1},
+        // The 403 lifted the attempt limit for good.
+        {std::vector<R::Behaviour>(5, R::status(500)), std::nullopt, "", 6},
+    };
+    for (const auto& row : rows) {
+        service.scriptResolves(row.script);
+        const size_t before = service.resolvedHosts().size();
+        const Answer answer = ask("a.test");
+        EXPECT_EQ(answer.code, row.code) << row.attempts;
+        EXPECT_EQ(answer.message, row.message);
+        if (!row.code) {
+            EXPECT_EQ(answer.ips, Strings{"192.0.2.1"});
+        }
+        EXPECT_EQ(answer.trace.attempts, row.attempts);
+        EXPECT_EQ(service.resolvedHosts().size() - before, static_cast<size_t>(row.attempts));
+    }
 }
 
 TEST_F(PublicManager, UnreachableNodeSwitchesOnlyWhenTheNextNodeRepeatsIt) {
@@ -282,9 +311,19 @@ TEST_F(PublicManager, UnreachableNodeSwitchesOnlyWhenTheNextNodeRepeatsIt) {
     // One switch steps three times: to the repeat of the dead node, past it, and onto ours.
     service.setNodes(kDeadNode, {kDeadNode, kDeadNode, "http://unused.test", service.baseUrl()});
     login();
-    const Answer answer = ask("a.test");
-    EXPECT_EQ(answer.ips, Strings{"192.0.2.1"});
+    const Answer switched = ask("a.test");
+    EXPECT_EQ(switched.ips, Strings{"192.0.2.1"});
+    EXPECT_EQ(switched.trace.attempts, 2);
+    EXPECT_EQ(switched.trace.nodes, (Strings{kDeadNode, service.baseUrl()}));
     EXPECT_EQ(service.resolvedHosts().size(), 1u);
+
+    // The switch lifted the attempt limit: three failures, then the answer, on one node.
+    service.scriptResolves({ResolutionService::status(500), ResolutionService::drop(),
+                            ResolutionService::status(0)});
+    const Answer retried = ask("a.test");
+    EXPECT_EQ(retried.ips, Strings{"192.0.2.1"});
+    EXPECT_EQ(retried.trace.attempts, 4);
+    EXPECT_EQ(retried.trace.nodes, Strings{service.baseUrl()});
 }
 
 TEST_F(PublicManager, UnreachableNodeWithoutARepeatEndsTheLookupAsServiceUnavailable) {
@@ -341,83 +380,125 @@ TEST_F(PublicManager, NetworkChangeRefreshesTheLatestLookup) {
     network.fire();  // refreshes "a.test_v4": its key is taken after the type was stored
     EXPECT_TRUE(eventually([] { return cached("a.test_v4"); }));
     const Answer refreshed = ask("a.test");
-    EXPECT_TRUE(refreshed.beforeReturn);
+    EXPECT_EQ(refreshed.trace.source, Source::Memory);
     EXPECT_EQ(refreshed.ips, Strings{"192.0.2.77"});
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
+
+    // A refresh that fails leaves no stale entry behind: the next lookup goes to the service.
+    service.scriptResolves(std::vector<ResolutionService::Behaviour>(3, ResolutionService::status(500)));
+    network.setFlags(cellular);
+    network.fire();
+    EXPECT_TRUE(eventually([&] { return service.resolvedHosts().size() == 5; }));
+    const Answer afterFailedRefresh = ask("a.test");
+    EXPECT_EQ(afterFailedRefresh.trace.source, Source::Service);
+    EXPECT_EQ(afterFailedRefresh.ips, Strings{"192.0.2.77"});
+
+    // A registration that fails turns the refresh off: the entry is neither cleared nor asked.
+    dns().registerAuthId(std::string(qel::test::kAuthId), std::string(""));
+    network.setFlags(kWiFi);
+    network.fire();
+    EXPECT_TRUE(cached("a.test_v4"));
 }
 
 // A thread repeating its last lookup skips storing the pending pair only while no other
-// lookup has replaced it: here the other thread's type decides the key.
-TEST_F(PublicManager, ALookupOnAnotherThreadLeavesItsTypeToTheNextLookup) {
+// lookup has replaced it. One row per lookup on another thread in between, of another name,
+// type or both: the repeated lookup still asks for its own name, under the key the other
+// thread's type decides.
+TEST_F(PublicManager, ALookupOnAnotherThreadIsReplacedByTheNextLookup) {
     service.setAddresses("a.test", {"192.0.2.1"});
     service.setAddresses("b.test", {"192.0.2.2"});
     dns().enableCacheIP(true);
     login();
-    ask("a.test", 1);
-    std::thread([&] { ask("b.test", 2); }).join();
-    dns().cleanAllCache();
-    ask("a.test", 1);
-    EXPECT_TRUE(cached("a.test_v6"));
-    EXPECT_FALSE(cached("a.test_v4"));
+    const struct { const char* otherName; int64_t otherType; const char* key; } rows[] = {
+        {"b.test", 2, "a.test_v6"}, {"b.test", 1, "a.test_v4"}, {"a.test", 2, "a.test_v6"}};
+    for (const auto& row : rows) {
+        ask("a.test", 1);
+        std::thread([&] { ask(row.otherName, row.otherType); }).join();
+        dns().cleanAllCache();
+        const Answer again = ask("a.test", 1);
+        EXPECT_EQ(again.trace.cacheKey, row.key);
+        EXPECT_EQ(again.ips, Strings{"192.0.2.1"}) << row.key;
+        EXPECT_EQ(service.resolvedHosts().back(), "a.test");
+    }
+}
+
+TEST_F(PublicManager, NoTraceWithoutAnObserverAndNoneForALookupInFlightWhenItChanged) {
+    service.setAddresses("a.test", {"192.0.2.1"});
+    QelDNSTraceObserver::remove();
+    EXPECT_FALSE(QelDNSTraceObserver::isInstalled());
+    login();
+    Answers answers;
+    dns().getIPV4ByDomain("a.test", answers.callback());
+    dns().getIPV4ByDomain("-bad.test", answers.callback());
+    ASSERT_TRUE(answers.waitFor(2));
+
+    // Installed after the lookup started, or replaced while it is in flight: no trace.
+    dns().setTimeout(0.3);
+    service.scriptResolves({ResolutionService::stall()});
+    QelDNSTraceObserver::install(traces.callback());
+    dns().getIPV4ByDomain("a.test", answers.callback());
+    Traces replacement;
+    QelDNSTraceObserver::install(replacement.callback());
+    ASSERT_TRUE(answers.waitFor(3));
+    EXPECT_EQ(traces.count(), 0u);
+    EXPECT_EQ(replacement.count(), 0u);
 }
 
 // ---------------------------------------------------------------- restart and load
 
 // The first process fills the store and ends; the second answers the same lookup from it,
-// on its own thread, before it sends any resolve request.
+// on its own thread, and sends no resolve request. Where the answer came from is what the
+// trace and the service's log say, not how soon it came.
 TEST(PublicManagerRestart, SecondProcessAnswersFromThePersistedCache) {
     qel::test::ScratchDirectory scratch;
     const std::string store = scratch.file("defaults.sqlite3");
-    auto run = [&](bool expectHit) {
+    auto run = [&](Source expected) {
         qel::test::FakeReachabilityFactory network{kWiFi};
-        qel::platform::MainBundle::setIdentifier(kApp);
+        qel::platform::MainBundle::setIdentifier(kAppId);
         qel::platform::UserDefaults::setStandardPath(store);
-        ResolutionService service{kId, kSecret, kApp};
+        ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, kAppId};
         service.setAddresses("a.test", {"192.0.2.5", "2001:db8::5"});
-        auto& dns = QelHttpDnsManager::shared();
-        dns.enableCacheIP(true);
-        dns.customServerUrl(service.baseUrl());
-        dns.registerAuthId(std::string(kId), std::string(kSecret));
-        if (!eventually([&] { return dns.initStatus() == 4; })) return false;
-        qel::test::CallRecorder<std::optional<QelDNSError>, Ips> recorder;
-        dns.getIPV4ByDomain("a.test", recorder.callback());
-        const bool hit = recorder.count() == 1;
-        if (!recorder.waitFor(1)) return false;
-        const auto ips = std::get<1>(recorder.calls()[0].arguments);
-        return hit == expectHit && service.resolvedHosts().size() == (expectHit ? 0u : 1u) &&
-               ips == Strings{"192.0.2.5", "2001:db8::5"};
+        Traces traces;
+        QelDNSTraceObserver::install(traces.callback());
+        QelHttpDnsManager::shared().enableCacheIP(true);
+        if (!registered(service)) return false;
+        Answers recorder;
+        QelHttpDnsManager::shared().getIPV4ByDomain("a.test", recorder.callback());
+        if (!recorder.waitFor(1) || traces.count() != 1) return false;
+        const auto trace = std::get<0>(traces.calls()[0].arguments);
+        const auto call = recorder.calls()[0];
+        const bool fromStore = expected == Source::Store;
+        return trace.source == expected && trace.cacheKey == "a.test_v6" &&
+               trace.attempts == (fromStore ? 0 : 1) && call.onPlatformThread == !fromStore &&
+               service.resolvedHosts().size() == (fromStore ? 0u : 1u) &&
+               std::get<1>(call.arguments) == Strings{"192.0.2.5", "2001:db8::5"};
     };
     const pid_t child = fork();  // before any thread exists in this process
     ASSERT_GE(child, 0);
-    if (child == 0) _exit(run(false) ? 0 : 1);
+    if (child == 0) _exit(run(Source::Service) ? 0 : 1);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_TRUE(run(true));
+    EXPECT_TRUE(run(Source::Store));
 }
 
-// Lookups, cache clears, setting changes and network changes from eight threads: every
-// lookup is answered exactly once.
+// Lookups, cache clears, setting changes and network changes from eight threads while a ninth
+// installs and removes trace observers: every lookup is answered exactly once, with the
+// addresses of one of the names asked (the resolver keeps one pending domain, last writer
+// wins, so a lookup may get another thread's name but never a mixture), and every trace
+// that arrives is whole.
 TEST_F(PublicManager, EightThreadsOfLookupsSettingsAndNetworkChanges) {
     const Strings hosts{"a.test", "b.test", "c.test", "d.test"};
-    for (const auto& host : hosts) service.setAddresses(host, {"192.0.2.1", "2001:db8::1"});
+    std::vector<Strings> zone;
+    for (size_t i = 0; i < hosts.size(); ++i) {
+        const std::string n = std::to_string(i + 1);
+        zone.push_back({"192.0.2." + n, "2001:db8::" + n});
+        service.setAddresses(hosts[i], zone.back());
+    }
     login();
     std::atomic<bool> stop{false};
-    std::atomic<int> issued{0}, answered{0};
-    // Every recorder, to count the calls each lookup got once the load is over.
-    struct Recorders {
-        std::mutex mutex;
-        std::vector<qel::test::CallRecorder<std::optional<QelDNSError>, Ips>> all;
-        void push(const qel::test::CallRecorder<std::optional<QelDNSError>, Ips>& recorder) {
-            std::lock_guard<std::mutex> lock(mutex);
-            all.push_back(recorder);
-        }
-        size_t maxCalls() {
-            size_t most = 0;
-            for (const auto& recorder : all) most = std::max(most, recorder.count());
-            return most;
-        }
-    } recorders;
+    std::mutex mutex;
+    std::vector<Answers> recorders;  // guarded by mutex
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
@@ -434,22 +515,47 @@ TEST_F(PublicManager, EightThreadsOfLookupsSettingsAndNetworkChanges) {
                     network.fire();
                 } else {
                     // One lookup in flight per thread keeps the service's backlog short.
-                    qel::test::CallRecorder<std::optional<QelDNSError>, Ips> recorder;
-                    issued.fetch_add(1);
+                    Answers recorder;
                     dns().getIPByDomain(hosts[random() % hosts.size()], 1 + random() % 2,
                                         recorder.callback());
-                    if (recorder.waitFor(1, std::chrono::seconds(20))) answered.fetch_add(1);
-                    recorders.push(recorder);
+                    recorder.waitFor(1, std::chrono::seconds(20));
+                    std::lock_guard<std::mutex> lock(mutex);
+                    recorders.push_back(recorder);
                 }
             }
         });
     }
-    std::this_thread::sleep_for(std::chrono::seconds(2));
+    for (int round = 0; round < 400; ++round) {
+        round % 2 ? QelDNSTraceObserver::remove() : QelDNSTraceObserver::install(traces.callback());
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     stop.store(true);
     for (auto& thread : threads) thread.join();
-    EXPECT_EQ(answered.load(), issued.load());
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // room for a second call
-    EXPECT_EQ(recorders.maxCalls(), 1u);
+    // Any second call of an answered lookup was queued on the platform thread before this
+    // answer, so it has been made by the time this one arrives.
+    QelDNSTraceObserver::remove();
+    network.setFlags(kWiFi);
+    dns().enableCacheIP(false);
+    Answers last;
+    dns().getIPV4ByDomain("a.test", last.callback());
+    ASSERT_TRUE(last.waitFor(1));
+    for (const auto& recorder : recorders) {
+        const auto calls = recorder.calls();
+        ASSERT_EQ(calls.size(), 1u);
+        const Ips& ips = std::get<1>(calls[0].arguments);
+        if (ips) {
+            EXPECT_NE(std::find(zone.begin(), zone.end(), *ips), zone.end()) << ips->front();
+        }
+    }
+    EXPECT_GT(recorders.size(), 0u);
+    EXPECT_GT(traces.count(), 0u);
+    for (const auto& call : traces.calls()) {
+        const QelDNSLookupTrace& trace = std::get<0>(call.arguments);
+        const bool fromService = trace.source == Source::Service;
+        EXPECT_EQ(fromService, trace.attempts > 0);
+        EXPECT_EQ(fromService, !trace.nodes.empty());
+        EXPECT_EQ(call.onPlatformThread, fromService);
+    }
     EXPECT_EQ(service.badSignatures(), 0u);
 }
 

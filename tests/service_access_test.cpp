@@ -66,26 +66,6 @@ AuthResult login(LoopbackHttpServer& server, const json& body) {
     return {error, node, list};
 }
 
-TEST_F(ServiceAccess, LoginSendsTheSignedGetAndNeverTheSecret) {
-    // An absent application identifier is sent and signed as "(null)".
-    for (const auto& app :
-         {std::optional<std::string>("com.example.app"), std::optional<std::string>()}) {
-        qel::platform::MainBundle::setIdentifier(app);
-        login(server, {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
-        const auto request = server.requests().back();
-        const std::string appText = app.value_or("(null)");
-        EXPECT_EQ(request.method, "GET");
-        EXPECT_EQ(request.target, "/abc/service?timestamp=1700000000123&app_id=" + appText);
-        EXPECT_EQ(header(request, "Authorization"),
-                  "MD5 " + md5Hex(appText + "-1700000000123-" + kSecret));
-        for (const auto& [name, value] : request.headers) {
-            EXPECT_EQ(value.find(kSecret), std::string::npos) << name;
-        }
-        EXPECT_EQ(request.target.find(kSecret), std::string::npos);
-        EXPECT_TRUE(request.body.empty());
-    }
-}
-
 TEST_F(ServiceAccess, LoginFailsOnAnyStatusWhateverElseTheAnswerHolds) {
     struct Case { json body; int64_t code; std::string message; };
     const std::vector<Case> cases = {
@@ -160,21 +140,36 @@ std::pair<std::optional<QelDNSError>, QelDNSIPModelListRef> resolve(LoopbackHttp
     return {error, records};
 }
 
-TEST_F(ServiceAccess, ResolveSendsTheSignedGetWithItsFieldsInOrder) {
-    for (int32_t type : {1, 2, 7}) {
-        resolve(server, {{"host", "www.example.test"}, {"ip_list", {"192.0.2.1"}}}, type);
-    }
-    const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), 3u);
-    for (size_t i = 0; i < requests.size(); ++i) {
-        const std::string type = std::to_string(std::vector<int>{1, 2, 7}[i]);
-        EXPECT_EQ(requests[i].target, "/abc/resolve?timestamp=1700000000123&host=www.example.test"
-                                      "&type=" + type + "&app_id=com.example.app");
-        // Signed field order differs from the argument order: package, host, time, type, secret.
-        EXPECT_EQ(header(requests[i], "Authorization"),
-                  "MD5 " + md5Hex("com.example.app-www.example.test-1700000000123-" + type + "-" +
-                                  kSecret));
-        EXPECT_EQ(requests[i].target.find(kSecret), std::string::npos);
+// One row per request (type 0: the login): the target as sent and the text its MD5 signs,
+// before the secret. Neither the target, a header nor the body carries the secret.
+TEST_F(ServiceAccess, RequestsAreSignedGetsThatNeverCarryTheSecret) {
+    const std::string t = "1700000000123", app = "com.example.app";
+    const struct { std::optional<std::string> app; int32_t type; std::string target, signedText; } rows[] = {
+        {app, 0, "/abc/service?timestamp=" + t + "&app_id=" + app, app + "-" + t + "-"},
+        // An absent application identifier is sent and signed as "(null)".
+        {std::nullopt, 0, "/abc/service?timestamp=" + t + "&app_id=(null)", "(null)-" + t + "-"},
+        // Signed field order differs from the argument order: package, host, time, type.
+        {app, 1, "/abc/resolve?timestamp=" + t + "&host=www.example.test&type=1&app_id=" + app,
+         app + "-www.example.test-" + t + "-1-"},
+        {app, 7, "/abc/resolve?timestamp=" + t + "&host=www.example.test&type=7&app_id=" + app,
+         app + "-www.example.test-" + t + "-7-"},
+    };
+    for (const auto& row : rows) {
+        qel::platform::MainBundle::setIdentifier(row.app);
+        if (row.type == 0) {
+            login(server, {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
+        } else {
+            resolve(server, {{"host", "www.example.test"}, {"ip_list", {"192.0.2.1"}}}, row.type);
+        }
+        const auto request = server.requests().back();
+        EXPECT_EQ(request.method, "GET");
+        EXPECT_EQ(request.target, row.target);
+        EXPECT_EQ(header(request, "Authorization"), "MD5 " + md5Hex(row.signedText + kSecret));
+        for (const auto& [name, value] : request.headers) {
+            EXPECT_EQ(value.find(kSecret), std::string::npos) << name;
+        }
+        EXPECT_EQ(request.target.find(kSecret), std::string::npos);
+        EXPECT_TRUE(request.body.empty());
     }
 }
 

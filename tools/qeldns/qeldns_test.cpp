@@ -58,37 +58,29 @@ TEST_F(Qeldns, PrintsAddressesAndExitsZeroWhenEveryNameIsAnswered) {
     EXPECT_EQ(service.badSignatures(), 0u);
 }
 
-TEST_F(Qeldns, JsonShowsTheSourceOfEachAnswerAndTheErrorsWithTheirCodes) {
-    // Three lookups of one name: the first two fill the keys of both type suffixes, the third
-    // is a hit; then a malformed name fails, so the exit status is 1.
-    const Outcome run = qeldns(common() + "--json --repeat 3 a.test 192.168.1.1");
+// Three lookups of one name: the first two fill the keys of both type suffixes, the third is
+// a hit; then a malformed name fails, so the exit status is 1. -v adds each lookup's trace.
+TEST_F(Qeldns, JsonShowsTheSourceOfEachAnswerItsTraceAndTheErrorsWithTheirCodes) {
+    const Outcome run = qeldns(common() + "-v --json --repeat 3 a.test 192.168.1.1");
     EXPECT_EQ(run.status, 1);
     ASSERT_EQ(run.lines.size(), 6u);
-    const json hit = json::parse(run.lines[2]);
+    const json first = json::parse(run.lines[0]), hit = json::parse(run.lines[2]),
+               refused = json::parse(run.lines[3]);
+    EXPECT_EQ(first["source"], "network");
+    EXPECT_EQ(first["trace"]["source"], "service");
+    EXPECT_EQ(first["trace"]["attempts"], 1);
+    EXPECT_EQ(first["trace"]["nodes"], json({service.baseUrl()}));
+    EXPECT_EQ(first["trace"]["cache_key"], "a.test_v6");
     EXPECT_EQ(hit["source"], "cache");
     EXPECT_EQ(hit["addresses"], json({"192.0.2.1"}));
-    EXPECT_EQ(json::parse(run.lines[0])["source"], "network");
-    const json refused = json::parse(run.lines[3]);
+    EXPECT_EQ(hit["trace"]["source"], "memory");
+    EXPECT_EQ(hit["trace"]["cache_key"], "a.test_v4");
     EXPECT_EQ(refused["domain"], "192.168.1.1");
     EXPECT_EQ(refused["error"]["code"], 1);
     EXPECT_EQ(refused["error"]["message"], "域名格式错误");
+    EXPECT_EQ(refused["trace"]["source"], "refused");
+    EXPECT_EQ(refused["trace"]["error_code"], 1);
     EXPECT_EQ(service.resolvedHosts().size(), 2u);
-}
-
-TEST_F(Qeldns, VerboseJsonTracesEachLookup) {
-    const Outcome run = qeldns(common() + "-v --json --repeat 3 a.test 192.168.1.1");
-    ASSERT_EQ(run.lines.size(), 6u);
-    const json first = json::parse(run.lines[0])["trace"];
-    EXPECT_EQ(first["source"], "service");
-    EXPECT_EQ(first["attempts"], 1);
-    EXPECT_EQ(first["nodes"], json({service.baseUrl()}));
-    EXPECT_EQ(first["cache_key"], "a.test_v6");
-    const json hit = json::parse(run.lines[2])["trace"];
-    EXPECT_EQ(hit["source"], "memory");
-    EXPECT_EQ(hit["cache_key"], "a.test_v4");
-    const json refused = json::parse(run.lines[3])["trace"];
-    EXPECT_EQ(refused["source"], "refused");
-    EXPECT_EQ(refused["error_code"], 1);
     EXPECT_FALSE(json::parse(qeldns(common() + "--json a.test").lines.at(0)).contains("trace"));
 }
 
