@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
@@ -35,7 +33,7 @@ QelDNSIPModelListRef list(std::initializer_list<std::shared_ptr<QelDNSIPModel>> 
 
 Strings ips(const QelDNSIPModelListRef& records) {
     Strings out;
-    for (const auto& r : *records) out.push_back(r->ip().value_or("(null)"));
+    for (const auto& r : records ? *records : QelDNSIPModelList{}) out.push_back(r->ip().value_or("(null)"));
     return out;
 }
 
@@ -92,58 +90,24 @@ TEST_F(CacheManagerTest, LookupPrefersTheListInMemoryAndFallsBackToTheStore) {
     cache().saveIPs(newer, "c.test_v4", false);
     EXPECT_EQ(cache().getIPsWithDomain("c.test_v4", true), newer);
     cache().saveIPs(list({}), "c.test_v4", false);
-    const auto persisted = cache().getIPsWithDomain("c.test_v4", true);
-    ASSERT_TRUE(persisted);
-    EXPECT_EQ(ips(persisted), Strings{"10.0.0.3"});
-}
+    EXPECT_EQ(ips(cache().getIPsWithDomain("c.test_v4", true)), Strings{"10.0.0.3"});
 
-// A thread remembers its last memory hit; every change of the dictionary, and another
-// manager, must make it look again.
-TEST_F(CacheManagerTest, ARepeatedHitSeesEveryChangeOfTheDictionary) {
+    // A thread remembers its last memory hit: every change of the dictionary, and another
+    // manager, must make it look again.
     const auto first = list({record("10.0.0.1", 600, 1000)});
-    const auto second = list({record("10.0.0.2", 600, 1000)});
-    cache().saveIPs(first, "a.test_v4", false);
-    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
-    cache().saveIPs(second, "a.test_v4", false);
-    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), second);
-    cache().clearCacheForDomain("a.test_v4");
-    EXPECT_FALSE(cache().getIPsWithDomain("a.test_v4", true));
-
-    cache().saveIPs(first, "a.test_v4", false);
-    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
-    cache().setDict({});
-    EXPECT_FALSE(cache().getIPsWithDomain("a.test_v4", true));
-
+    for (const auto& change : std::vector<std::function<void()>>{
+             [&] { cache().saveIPs(newer, "a.test_v4", false); },
+             [] { cache().clearCacheForDomain("a.test_v4"); }, [] { cache().setDict({}); }}) {
+        cache().saveIPs(first, "a.test_v4", false);
+        EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
+        change();
+        EXPECT_NE(cache().getIPsWithDomain("a.test_v4", true), first);
+    }
     QelDNSCacheManager other;
     cache().saveIPs(first, "a.test_v4", false);
-    other.saveIPs(second, "a.test_v4", false);
+    other.saveIPs(newer, "a.test_v4", false);
     EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), first);
-    EXPECT_EQ(other.getIPsWithDomain("a.test_v4", true), second);
-}
-
-TEST_F(CacheManagerTest, OnlyListsSavedToDiskAreFoundAfterAProcessRestart) {
-    // The writer is a separate process that ends before this one first touches the cache or
-    // the store, so everything read below comes from the file.
-    const pid_t writer = fork();
-    ASSERT_GE(writer, 0);
-    if (writer == 0) {
-        QelDNSCacheManager& cache = QelDNSCacheManager::shared();
-        cache.saveIPs(list({record("10.0.0.1", 600, 1000.9), record("10.0.0.2", 0, 1000.9)}),
-                      "a.test_v4", true);
-        cache.saveIPs(list({record("::1", 600, 1000.9)}), "b.test_v6", false);
-        _exit(cache.getIPsWithDomain("b.test_v6", true) ? 0 : 3);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(writer, &status, 0), writer);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-
-    const auto found = cache().getIPsWithDomain("a.test_v4", true);
-    ASSERT_TRUE(found);
-    ASSERT_EQ(ips(found), (Strings{"10.0.0.1", "10.0.0.2"}));
-    EXPECT_EQ((*found)[0]->lookupTime(), 1000.0);
-    // Cut to whole seconds, the ttl-0 record ended before the current time.
-    EXPECT_EQ(ips(cache().getIPsWithDomain("a.test_v4", false)), Strings{"10.0.0.1"});
-    EXPECT_FALSE(cache().getIPsWithDomain("b.test_v6", true));
+    EXPECT_EQ(other.getIPsWithDomain("a.test_v4", true), newer);
 }
 
 TEST_F(CacheManagerTest, ClearingRemovesEveryStoreKeyContainingASuffixAnywhere) {
@@ -161,22 +125,6 @@ TEST_F(CacheManagerTest, ClearingRemovesEveryStoreKeyContainingASuffixAnywhere) 
     cache().clearAllCache();
     EXPECT_TRUE(cache().dict().empty());
     EXPECT_EQ(store().allKeys(), (Strings{"a_V4", "ipv6", "theme", "v4"}));
-}
-
-TEST_F(CacheManagerTest, ForeignBlobsUnderCacheKeysReadAsNoRecordsAndStayPut) {
-    const Data valid = *cache().archivedDataWithObjects(*list({record("10.0.0.1", 600, 1000)}));
-    std::string otherClass(valid.begin(), valid.end());  // same keys and layout, another class
-    otherClass.replace(otherClass.find("QelDNSIPModel"), 13, "OtherDNSModel");
-    store().setData("valid.test_v4", valid);
-    store().setData("noise.test_v4", qel::test::randomBytes(64, 3));
-    store().setData("other.test_v4", Data(otherClass.begin(), otherClass.end()));
-    store().setString("app_setting", "keep");
-    const auto keys = store().allKeys();
-    EXPECT_TRUE(cache().getIPsWithDomain("valid.test_v4", true));
-    EXPECT_FALSE(cache().getIPsWithDomain("noise.test_v4", false));
-    EXPECT_FALSE(cache().getIPsWithDomain("other.test_v4", true));
-    EXPECT_EQ(store().allKeys(), keys);
-    EXPECT_EQ(store().string("app_setting"), "keep");
 }
 
 TEST_F(CacheManagerTest, DamagedDatabaseLeavesAMemoryOnlyCacheAndTheFileAsItWas) {
@@ -200,37 +148,4 @@ TEST_F(CacheManagerTest, DamagedDatabaseLeavesAMemoryOnlyCacheAndTheFileAsItWas)
     cache().clearAllCache();
     EXPECT_EQ(dir_.read(kStoreFile), file) << "the application's keys are kept";
     EXPECT_EQ(console.lines().size(), 1u);
-}
-
-TEST_F(CacheManagerTest, ConcurrentSaveGetAndClearNeverExposeAMixedList) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            QelDNSCacheManager& cache = QelDNSCacheManager::shared();
-            for (int i = 0; i < 150; ++i) {
-                const std::string key = "d" + std::to_string(i % 3) + ".test_v4";
-                const std::string ip = std::to_string(t) + "." + std::to_string(i);
-                cache.saveIPs(list({record(ip, 600, 1000), record(ip, 600, 1000),
-                                    record(ip, 600, 1000)}),
-                              key, i % 3 == 0);
-                for (bool expired : {true, false}) {
-                    const auto found = cache.getIPsWithDomain(key, expired);
-                    if (!found) continue;  // another thread cleared it
-                    ASSERT_EQ(found->size(), 3u);
-                    for (const auto& r : *found) EXPECT_EQ(r->ip(), (*found)[0]->ip());
-                }
-                if (i % 40 == t) cache.clearAllCache();
-                if (i % 25 == t) cache.clearCacheForDomain(key);
-                if (i % 30 == 0) {
-                    EXPECT_LE(cache.dict().size(), 3u);
-                }
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    for (const auto& key : store().allKeys()) {
-        const auto persisted = cache().getCacheWithDomain(key);
-        ASSERT_TRUE(persisted) << key;
-        EXPECT_EQ(persisted->size(), 3u);
-    }
 }

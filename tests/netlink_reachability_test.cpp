@@ -1,34 +1,30 @@
-// Reachability against the real kernel. Each NetlinkReachability case moves its process into a
+// Reachability against the real kernel. Each NetlinkReachability row moves its process into a
 // network namespace of its own (before the platform thread or any netlink socket exists, so
 // both inherit it; without root, inside a user namespace of its own) holding a veth pair
 // v0/v1, 198.51.100.1/24 on v0 and the default route via 198.51.100.2; it changes links and
-// routes there with iproute2, watches the reports, and ends by checking that no device of the
-// namespace sent a packet. The kernel's refusals are made on demand by this file's own
+// routes there with iproute2, checks what the manager and platform sources then say, and ends
+// by checking that no device of the namespace sent a packet. The kernel's refusals are made on demand by this file's own
 // definitions of socket, epoll_ctl and sendto, which the library's calls reach first.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
-#include <net/if_arp.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <future>
 #include <mutex>
+#include <map>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
-#include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
@@ -36,14 +32,13 @@
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
-#include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 #include "support/CapturingConsole.h"
 #include "support/DescriptorShortage.h"
+#include "support/Eventually.h"
 
 using qel::platform::EventLoop;
 using qel::platform::NetlinkRouteMonitor;
 using qel::platform::ReachabilitySource;
-using Lines = std::vector<std::string>;
 namespace flags = qel::platform::ReachabilityFlags;
 
 namespace {
@@ -111,6 +106,7 @@ namespace {
 
 constexpr auto kPatience = std::chrono::seconds(20);  // generous: only a failure waits it out
 constexpr const char* kAddDefault = "ip route add default via 198.51.100.2";
+constexpr const char* kDelDefault = "ip route del default via 198.51.100.2";
 
 bool run(const std::vector<std::string>& commands) {
     for (const std::string& command : commands) {
@@ -134,44 +130,29 @@ std::string waitUntilUp(const std::string& device) {
 constexpr const char* kNothingSent =
     "awk -F: 'NF == 2 { split($2, n, \" \"); sent += n[10] } END { exit sent != 0 }' /proc/net/dev";
 
-// Values (flags or statuses) reported from the platform thread.
+// Values (flags or statuses) reported, each on the platform thread.
 class Reports {
 public:
     void add(int64_t value) {
         EXPECT_TRUE(EventLoop::shared().isLoopThread());
         std::lock_guard<std::mutex> lock(mutex_);
         values_.push_back(value);
-        changed_.notify_all();
     }
-    // Waits for the n-th report (counting from 1) and returns it; -1 when it never comes.
-    int64_t nth(size_t n) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!changed_.wait_for(lock, kPatience, [&] { return values_.size() >= n; })) return -1;
-        return values_[n - 1];
-    }
-    size_t count() {
+    std::vector<int64_t> values() {
         std::lock_guard<std::mutex> lock(mutex_);
-        return values_.size();
-    }
-    // Waits for a report of `value`; false when none comes.
-    bool waitFor(int64_t value) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] {
-            return std::find(values_.begin(), values_.end(), value) != values_.end();
-        });
+        return values_;
     }
 
 private:
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<int64_t> values_;
 };
 
-// A platform source for an IPv4 address, reporting into `reports`.
-std::unique_ptr<ReachabilitySource> watch(const char* address, Reports& reports) {
+// A platform source watching an IPv4 address, reporting into `reports`.
+std::unique_ptr<ReachabilitySource> watch(const std::string& address, Reports& reports) {
     sockaddr_in target{};
     target.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &target.sin_addr);
+    inet_pton(AF_INET, address.c_str(), &target.sin_addr);
     auto source = qel::platform::ReachabilitySourceFactory::createWithAddress(
         reinterpret_cast<sockaddr*>(&target));
     if (!source) return nullptr;
@@ -180,16 +161,29 @@ std::unique_ptr<ReachabilitySource> watch(const char* address, Reports& reports)
     return source;
 }
 
-int64_t flagsOf(ReachabilitySource& source) {
-    uint32_t value = 0;
-    return source.getFlags(value) ? value : -1;
-}
-
 // Returns once everything the platform thread had queued, reports included, has run.
 void drainPlatformThread() {
     std::promise<void> done;
     EventLoop::shared().post([&done] { done.set_value(); });
     ASSERT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
+}
+
+// Holds the platform thread while far more route changes arrive than a netlink socket can
+// queue, the default route's removal last, so that its notice is among those dropped.
+bool flood() {
+    std::promise<void> blocked, release;
+    EventLoop::shared().post([&blocked, released = release.get_future().share()] {
+        blocked.set_value();
+        released.wait();
+    });
+    blocked.get_future().wait();
+    FILE* ip = ::popen("ip -batch - >/dev/null", "w");
+    for (int i = 0; ip && i < 6000; ++i) {
+        std::fprintf(ip, "route add 10.%d.%d.0/24 via 198.51.100.2\n", i >> 8, i & 255);
+    }
+    const int status = ip ? (std::fputs("route del default\n", ip), ::pclose(ip)) : -1;
+    release.set_value();
+    return status == 0;
 }
 
 bool writeFile(const char* path, const std::string& text) {
@@ -224,7 +218,94 @@ std::optional<std::string> enterNetworkNamespace() {
 
 void post(const char* name) { qel::platform::NotificationCenter::defaultCenter().post(name); }
 
-class NetlinkReachability : public testing::Test {
+// What a step expects once its command ran: nothing; the manager's status; the next status its change
+// block hears; that the block heard nothing more; the flags a source watching `target` reads
+// and, once it reported, last reported; the monitor having lost notices to an overrun.
+enum class Expect { Nothing, Status, Change, Quiet, Flags, Overrun };
+
+struct Step {
+    std::string command;  // a shell command, or: refuse sockets|watches|dumps, flood,
+                          // background, foreground; empty for none
+    Expect expect;
+    int64_t value = 0;
+    std::string target = {};
+};
+
+struct Scenario {
+    const char* name;
+    std::vector<Step> steps;  // the manager starts with the first step that is not a command
+    size_t consoleLines = 0;  // failures said
+};
+
+std::ostream& operator<<(std::ostream& out, const Scenario& s) { return out << s.name; }
+
+constexpr int64_t kDirect = flags::Reachable | flags::IsDirect;
+constexpr int64_t kNotReachable = QelDNSNetworkStatusNotReachable;
+constexpr int64_t kWiFi = QelDNSNetworkStatusWiFi;
+
+const Scenario kScenarios[] = {
+    {"RoutesAndLinksDecideTheStatusAndWhatEachTargetReaches", {
+        // A worse default route through loopback, which never counts.
+        {"ip link set lo up && ip route add default dev lo metric 10", Expect::Status, kWiFi},
+        {"", Expect::Flags, kDirect, "198.51.100.7"},
+        {"", Expect::Flags, kDirect | flags::IsLocalAddress, "198.51.100.1"},
+        {"", Expect::Flags, flags::Reachable, "203.0.113.9"},
+        {kDelDefault, Expect::Change, kNotReachable},
+        {"", Expect::Flags, 0, "203.0.113.9"},
+        {kAddDefault, Expect::Change, kWiFi},
+        // Without carrier (v1 down) the route stays in the table but carries nothing.
+        {"ip link set v1 down", Expect::Change, kNotReachable},
+        {"ip link set v1 up", Expect::Change, kWiFi},
+        {"ip link set v0 down", Expect::Change, kNotReachable},
+        // Down, v0 lost its default route without notice: up, only its own prefix is reached.
+        {"ip link set v0 up", Expect::Flags, kDirect, "198.51.100.2"},
+        {"", Expect::Status, kNotReachable},
+        {kAddDefault, Expect::Change, kWiFi},
+        // No change is heard in the background; in the foreground the next report is
+        // compared with the status from before.
+        {"background", Expect::Flags, flags::Reachable, "0.0.0.0"},
+        {kDelDefault, Expect::Flags, 0, "0.0.0.0"},
+        {"", Expect::Status, kNotReachable},
+        {"foreground", Expect::Quiet},
+        {kAddDefault, Expect::Flags, flags::Reachable, "0.0.0.0"},
+        {"", Expect::Quiet},
+    }},
+    {"ThePreferredDefaultRouteDecidesCellularAndIPv6Counts", {
+        // An IPv6-only modem link without addresses (nothing is ever sent on it), whose
+        // default route (metric 1024) loses to the IPv4 one (metric 0).
+        {"ip link add wwan0 type veth peer name m1 && ip link set wwan0 addrgenmode none && "
+         "ip link set m1 addrgenmode none && "
+         "echo 0 > /proc/sys/net/ipv6/conf/wwan0/disable_ipv6 && ip link set wwan0 up && "
+         "ip link set m1 up && ip -6 route add default dev wwan0 && " + waitUntilUp("wwan0"),
+         Expect::Status, kWiFi},
+        {"ip route del default", Expect::Change, QelDNSNetworkStatusWWAN},
+    }},
+    {"ChangesDroppedByAnOverrunSocketAreRecoveredFromAFullDump", {
+        {"", Expect::Flags, flags::Reachable, "0.0.0.0"},
+        {"flood", Expect::Flags, 0, "0.0.0.0"},
+        {"", Expect::Overrun},
+    }},
+    {"MonitoringThatFailsCountsAsReachableAndRetriesUntilItKnowsTheRoutes", {
+        {kDelDefault, Expect::Nothing},
+        {"refuse sockets", Expect::Status, kWiFi},
+        {"", Expect::Change, kNotReachable},
+        {kAddDefault, Expect::Change, kWiFi},
+        // The dump after v0 goes down fails and the kernel drops v0's default route without
+        // notice: the routes stay unknown until a retry reads them, so once v0 is up again
+        // the stale route must not count.
+        {"refuse dumps", Expect::Flags, flags::Reachable, "0.0.0.0"},
+        {"ip link set v0 down", Expect::Flags, 0, "0.0.0.0"},
+        {"ip link set v0 up && " + waitUntilUp("v0"), Expect::Flags, kDirect, "198.51.100.2"},
+        {"", Expect::Flags, 0, "0.0.0.0"},
+        {"", Expect::Status, kNotReachable},
+    }, 1},
+    {"ANotifierThatStartedReportsEvenWhenTheFirstWatchFails", {
+        {"refuse watches", Expect::Status, kWiFi},
+        {kDelDefault, Expect::Change, kNotReachable},
+    }, 1},
+};
+
+class NetlinkReachability : public testing::TestWithParam<Scenario> {
 protected:
     void SetUp() override {
         static bool entered = false;
@@ -248,23 +329,76 @@ protected:
         }
     }
 
+    bool act(const std::string& command) {
+        if (command.empty()) return true;
+        if (command == "refuse sockets") return refuse.sockets = 1;
+        if (command == "refuse watches") return refuse.watches = 1;
+        if (command == "refuse dumps") return refuse.dumps = 1;
+        if (command == "flood") return flood();
+        if (command == "background" || command == "foreground") {
+            post(command == "background" ? qel::platform::UIApplicationDidEnterBackgroundNotification
+                                         : qel::platform::UIApplicationWillEnterForegroundNotification);
+            return true;
+        }
+        return run({command});
+    }
+
     bool inNamespace_ = false;
 };
 
 }  // namespace
 
-TEST(NetlinkRouteMonitor, RecognisesCellularModemsByNameKindDeviceTypeOrHardwareType) {
-    const std::tuple<const char*, const char*, unsigned short, const char*, bool> cases[] = {
-        {"wwp0s20f0u6i12", "", ARPHRD_ETHER, "", true}, {"rmnet_data0", "", ARPHRD_ETHER, "", true},
-        {"ccmni1", "", ARPHRD_ETHER, "", true},         {"mbim0", "wwan", ARPHRD_NONE, "", true},
-        {"usb0", "", ARPHRD_ETHER, "wwan", true},       {"qmi0", "", ARPHRD_RAWIP, "", true},
-        {"wlan0", "", ARPHRD_ETHER, "wlan", false},     {"eth0", "veth", ARPHRD_ETHER, "", false},
-    };
-    for (const auto& [name, kind, type, deviceType, cellular] : cases) {
-        EXPECT_EQ(NetlinkRouteMonitor::isCellularInterface(name, kind, type, deviceType), cellular)
-            << name;
+TEST_P(NetlinkReachability, Steps) {
+    qel::test::CapturingConsole console;
+    QelDNSNetworkManager* manager = nullptr;
+    Reports changes;
+    size_t heard = 0;
+    std::map<std::string, std::pair<std::unique_ptr<ReachabilitySource>, Reports>> targets;
+    for (const Step& step : GetParam().steps) {
+        SCOPED_TRACE(step.command + " " + step.target);
+        ASSERT_TRUE(act(step.command));
+        if (step.expect == Expect::Flags) {
+            auto& [source, reports] = targets[step.target];
+            if (!source) source = watch(step.target, reports);
+            ASSERT_TRUE(source);
+            // A source reports a change once, and only a change.
+            EXPECT_TRUE(qel::test::eventually([&, &source = source, &reports = reports] {
+                uint32_t flags = 0;
+                const auto said = reports.values();
+                return source->getFlags(flags) && flags == step.value &&
+                       (said.empty() || said.back() == step.value);
+            })) << step.value;
+            const auto said = reports.values();
+            for (size_t i = 1; i < said.size(); ++i) EXPECT_NE(said[i], said[i - 1]);
+            continue;
+        }
+        if (step.expect == Expect::Nothing) continue;
+        if (step.expect == Expect::Overrun) {
+            EXPECT_GT(NetlinkRouteMonitor::shared().overrunCount(), 0u);
+            continue;
+        }
+        if (!manager) {
+            manager = &QelDNSNetworkManager::shared();
+            manager->setNetworkStatusChangedBlock(
+                [&changes](QelDNSNetworkStatus status) { changes.add(status); });
+        }
+        if (step.expect == Expect::Status) {
+            EXPECT_TRUE(qel::test::eventually([&] { return manager->networkStatus() == step.value; }));
+        } else if (step.expect == Expect::Change) {
+            ++heard;
+            ASSERT_TRUE(qel::test::eventually([&] { return changes.values().size() >= heard; }));
+            EXPECT_EQ(changes.values()[heard - 1], step.value);
+        } else {
+            drainPlatformThread();
+            EXPECT_EQ(changes.values().size(), heard);
+        }
     }
+    if (manager) manager->setNetworkStatusChangedBlock(nullptr);
+    EXPECT_EQ(console.lines().size(), GetParam().consoleLines) << testing::PrintToString(console.lines());
 }
+
+INSTANTIATE_TEST_SUITE_P(Kernel, NetlinkReachability, testing::ValuesIn(kScenarios),
+                         [](const testing::TestParamInfo<Scenario>& row) { return row.param.name; });
 
 TEST(NetlinkRouteMonitor, APlatformThreadThatCannotStartThrowsNothingAtTheApplication) {
     // Runs in a fresh process, whose platform thread has not started yet. Two descriptors are
@@ -282,152 +416,3 @@ TEST(NetlinkRouteMonitor, APlatformThreadThatCannotStartThrowsNothingAtTheApplic
         ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(NetlinkReachability, RouteAndLinkChangesAreReportedOnThePlatformThreadExceptInTheBackground) {
-    // A worse default route through loopback, which never counts.
-    ASSERT_TRUE(run({"ip link set lo up", "ip route add default dev lo metric 10"}));
-    QelDNSNetworkManager& manager = QelDNSNetworkManager::shared();
-    EXPECT_EQ(manager.networkStatus(), QelDNSNetworkStatusWiFi);
-    EXPECT_EQ(manager.lastNetworkStatus(), QelDNSNetworkStatusWiFi);
-    Reports changes, neighbourReports, remoteReports, gatewayReports;
-    manager.setNetworkStatusChangedBlock([&changes](QelDNSNetworkStatus status) { changes.add(status); });
-    // Address targets ask the kernel for their own route.
-    auto neighbour = watch("198.51.100.7", neighbourReports);
-    auto local = watch("198.51.100.1", neighbourReports);
-    auto remote = watch("203.0.113.9", remoteReports);
-    ASSERT_TRUE(neighbour && local && remote);
-    EXPECT_EQ(flagsOf(*neighbour), flags::Reachable | flags::IsDirect);
-    EXPECT_EQ(flagsOf(*local), flags::Reachable | flags::IsLocalAddress | flags::IsDirect);
-    EXPECT_EQ(flagsOf(*remote), flags::Reachable);
-
-    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
-    ASSERT_EQ(changes.nth(1), QelDNSNetworkStatusNotReachable);
-    EXPECT_FALSE(manager.networkAvailable());
-    ASSERT_EQ(remoteReports.nth(1), 0);
-    drainPlatformThread();  // the handler stores the status after the block returns
-    EXPECT_EQ(manager.lastNetworkStatus(), QelDNSNetworkStatusNotReachable);
-    EXPECT_EQ(neighbourReports.count(), 0u) << "reports only when a target's flags change";
-
-    // Without carrier (v1 down) the route stays in the table but carries nothing.
-    const std::pair<const char*, QelDNSNetworkStatus> steps[] = {
-        {kAddDefault, QelDNSNetworkStatusWiFi},
-        {"ip link set v1 down", QelDNSNetworkStatusNotReachable},
-        {"ip link set v1 up", QelDNSNetworkStatusWiFi},
-        {"ip link set v0 down", QelDNSNetworkStatusNotReachable},
-    };
-    for (size_t i = 0; i < std::size(steps); ++i) {
-        ASSERT_TRUE(run({steps[i].first}));
-        ASSERT_EQ(changes.nth(i + 2), steps[i].second) << steps[i].first;
-    }
-    // Down, v0 lost its default route without notice: back up, only its own prefix is reachable.
-    auto gateway = watch("198.51.100.2", gatewayReports);
-    ASSERT_TRUE(gateway && run({"ip link set v0 up"}));
-    ASSERT_EQ(gatewayReports.nth(1), flags::Reachable | flags::IsDirect);
-    EXPECT_FALSE(manager.networkAvailable());
-    ASSERT_TRUE(run({kAddDefault}));
-    ASSERT_EQ(changes.nth(6), QelDNSNetworkStatusWiFi);
-
-    // No change handler runs in the background; back in the foreground, the next report is
-    // compared with the status from before. A target made now is told in the same batch as the
-    // manager, after it.
-    Reports witness;
-    auto internet = watch("0.0.0.0", witness);
-    qel::test::CapturingConsole console;
-    QelDNSLog::enable();
-    post(qel::platform::UIApplicationDidEnterBackgroundNotification);
-    ASSERT_TRUE(internet && run({"ip route del default via 198.51.100.2"}));
-    ASSERT_EQ(witness.nth(1), 0);
-    EXPECT_FALSE(manager.networkAvailable());
-    post(qel::platform::UIApplicationWillEnterForegroundNotification);
-    ASSERT_TRUE(run({kAddDefault}));
-    ASSERT_EQ(witness.nth(2), flags::Reachable);
-    drainPlatformThread();
-    EXPECT_EQ(changes.count(), 6u);
-    EXPECT_EQ(console.lines(), (Lines{"App did enter background, stopNotifier",
-                                      "App did enter foreground, startNotifier",
-                                      "Network changed status: WIFI, lastNetwork status: WIFI"}));
-}
-
-TEST_F(NetlinkReachability, PreferredDefaultRouteDecidesCellularAndIPv6Counts) {
-    // An IPv6-only modem link without addresses (nothing is ever sent on it), whose default
-    // route (metric 1024) loses to the IPv4 one (metric 0).
-    ASSERT_TRUE(run({"ip link add wwan0 type veth peer name m1",
-                     "ip link set wwan0 addrgenmode none", "ip link set m1 addrgenmode none",
-                     "echo 0 > /proc/sys/net/ipv6/conf/wwan0/disable_ipv6", "ip link set wwan0 up",
-                     "ip link set m1 up", "ip -6 route add default dev wwan0", waitUntilUp("wwan0")}));
-
-    QelDNSNetworkManager& manager = QelDNSNetworkManager::shared();
-    EXPECT_EQ(manager.networkStatus(), QelDNSNetworkStatusWiFi);
-    Reports changes;
-    manager.setNetworkStatusChangedBlock([&changes](QelDNSNetworkStatus status) { changes.add(status); });
-    ASSERT_TRUE(run({"ip route del default"}));
-    ASSERT_EQ(changes.nth(1), QelDNSNetworkStatusWWAN);
-}
-
-TEST_F(NetlinkReachability, ChangesDroppedByAnOverrunSocketAreRecoveredFromAFullDump) {
-    Reports reports;
-    auto internet = watch("0.0.0.0", reports);
-    ASSERT_TRUE(internet);
-    // Hold the platform thread while far more changes arrive than the socket can queue; the
-    // default route goes last, so its notice is among the ones the kernel drops.
-    std::promise<void> blocked, release;
-    EventLoop::shared().post([&blocked, released = release.get_future().share()] {
-        blocked.set_value();
-        released.wait();
-    });
-    blocked.get_future().wait();
-    FILE* ip = ::popen("ip -batch - >/dev/null", "w");
-    for (int i = 0; ip && i < 6000; ++i) {
-        std::fprintf(ip, "route add 10.%d.%d.0/24 via 198.51.100.2\n", i >> 8, i & 255);
-    }
-    const int status = ip ? (std::fputs("route del default\n", ip), ::pclose(ip)) : -1;
-    release.set_value();
-    ASSERT_EQ(status, 0);
-
-    ASSERT_EQ(reports.nth(1), 0);
-    EXPECT_GT(NetlinkRouteMonitor::shared().overrunCount(), 0u);
-    EXPECT_EQ(flagsOf(*internet), 0);
-}
-
-TEST_F(NetlinkReachability, MonitoringThatFailsReportsReachableOnceAndRetriesUntilItKnowsTheRoutes) {
-    qel::test::CapturingConsole console;
-    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
-    refuse.sockets = 1;
-    QelDNSNetworkManager& manager = QelDNSNetworkManager::shared();
-    EXPECT_TRUE(manager.networkAvailable()) << "routes not known yet count as reachable";
-    Reports changes;
-    manager.setNetworkStatusChangedBlock([&changes](QelDNSNetworkStatus status) { changes.add(status); });
-    ASSERT_EQ(changes.nth(1), QelDNSNetworkStatusNotReachable) << "a retry read the routes";
-    ASSERT_TRUE(run({kAddDefault}));
-    ASSERT_EQ(changes.nth(2), QelDNSNetworkStatusWiFi);
-
-    // The dump after v0 goes down fails, and the kernel drops v0's default route without
-    // notice: the routes stay unknown until a retry reads them, so once v0 is up again the
-    // stale route must not count.
-    Reports internetReports, gatewayReports;
-    auto internet = watch("0.0.0.0", internetReports);
-    ASSERT_TRUE(internet);
-    refuse.dumps = 1;
-    ASSERT_TRUE(run({"ip link set v0 down"}));
-    auto gateway = watch("198.51.100.2", gatewayReports);
-    ASSERT_TRUE(gateway && run({"ip link set v0 up", waitUntilUp("v0")}));
-    ASSERT_TRUE(gatewayReports.waitFor(flags::Reachable | flags::IsDirect));
-    EXPECT_EQ(flagsOf(*internet), 0);
-    EXPECT_FALSE(manager.networkAvailable());
-    EXPECT_EQ(console.lines().size(), 1u) << "the first failure is said, once";
-}
-
-TEST_F(NetlinkReachability, ANotifierThatStartedReportsEvenWhenTheFirstWatchFails) {
-    refuse.watches = 1;
-    auto reachability = QelDNSReachability::reachabilityForInternetConnection();
-    ASSERT_TRUE(reachability);
-    Reports posted;
-    auto& center = qel::platform::NotificationCenter::defaultCenter();
-    const auto token = center.addObserver(kQelDNSReachabilityChangedNotification,
-                                          [&](const qel::platform::Notification&) {
-        posted.add(reachability->currentReachabilityStatus());
-    });
-    ASSERT_TRUE(reachability->startNotifier());
-    ASSERT_TRUE(run({"ip route del default via 198.51.100.2"}));
-    EXPECT_EQ(posted.nth(1), QelDNSNetworkStatusNotReachable);
-    center.removeObserver(token);
-}

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -9,64 +10,59 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
+#include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"
-#include "support/CapturingConsole.h"
 #include "support/Md5.h"
 #include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
 
-TEST(IsIP, AcceptsOnlyWhatInetPtonAcceptsUpToTheFirstNul) {
-    for (const char* ip : {"127.0.0.1", "::1", "0.0.0.0", "2001:db8::1", "::ffff:1.2.3.4"}) {
-        EXPECT_TRUE(QelDNSUntil::isIP(std::string(ip))) << ip;
+TEST(QelDNSUntil, TellsAddressesFromHostNamesUpToTheFirstNul) {
+    const struct { std::string text; bool ip, domain; } cases[] = {
+        {"127.0.0.1", true, true}, {"::1", true, false}, {"::ffff:1.2.3.4", true, false},
+        {"2001:db8::1", true, false}, {"a-b.c1", false, true}, {"x--y.z", false, true},
+        {"EXAMPLE.test", false, true}, {"", false, false}, {"256.1.1.1", false, true},
+        {"1.2.3", false, true}, {"1.2.3.4:80", false, false}, {"[::1]", false, false},
+        {"fe80::1%eth0", false, false}, {" 127.0.0.1", false, false}, {"-a.test", false, false},
+        {"a-.test", false, false}, {"a..test", false, false}, {"a.test.", false, false},
+        {".a.test", false, false}, {"a_b.test", false, false}, {"a.test\n", false, false},
+        {"ä.test", false, false}, {"*.a.test", false, false},
+        // the Kelvin sign and the long s, which Unicode folds to k and s
+        {"\u212A.test", false, false}, {"te\u017Ft", false, false},
+        {"127.0.0.1\0.evil.test"s, true, false}, {"\0"s "127.0.0.1", false, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(QelDNSUntil::isIP(c.text), c.ip) << c.text;
+        EXPECT_EQ(QelDNSUntil::isDomain(c.text), c.domain) << c.text;
     }
-    for (const char* text : {"", "1.2.3", "256.1.1.1", "example.test", "[::1]", "fe80::1%eth0",
-                             " 127.0.0.1", "127.0.0.1 ", "01.2.3.4x", "1.2.3.4:80"}) {
-        EXPECT_FALSE(QelDNSUntil::isIP(std::string(text))) << text;
-    }
-    EXPECT_FALSE(QelDNSUntil::isIP(std::nullopt));
-    EXPECT_TRUE(QelDNSUntil::isIP("127.0.0.1\0.evil.test"s));
-    EXPECT_FALSE(QelDNSUntil::isIP("\0"s "127.0.0.1"s));
-}
-
-TEST(IsDomain, AcceptsHostNamesOfLettersDigitsAndInnerHyphensOnly) {
-    for (const char* name : {"a", "a-b.c1", "EXAMPLE.test", "1.2.3.4", "x--y.z", "a.b.c.d.e"}) {
-        EXPECT_TRUE(QelDNSUntil::isDomain(std::string(name))) << name;
-    }
-    for (const char* text : {"", "-a.test", "a-.test", "a..test", "a.test.", ".a.test", "a_b.test",
-                             "a test", "a.test\n", "ä.test", "a.test/x", "*.a.test", "[::1]",
-                             // the Kelvin sign and the long s, which fold to k and s in Unicode
-                             "\u212A.test", "te\u017Ft"}) {
-        EXPECT_FALSE(QelDNSUntil::isDomain(std::string(text))) << text;
-    }
-    EXPECT_FALSE(QelDNSUntil::isDomain(std::nullopt));
-    EXPECT_FALSE(QelDNSUntil::isDomain("a\0b.test"s));
-}
-
-TEST(IsDomain, HandlesMegabyteInputsWithoutRecursion) {
-    // A backtracking engine recurses or explodes on these; the answers must still be exact.
+    EXPECT_FALSE(QelDNSUntil::isIP(std::nullopt) || QelDNSUntil::isDomain(std::nullopt));
+    // Megabyte inputs: a backtracking engine recurses or explodes, the answers must be exact.
     std::string labels;
     while (labels.size() < (1u << 20)) labels += "ab-c.";
-    EXPECT_FALSE(QelDNSUntil::isDomain(labels));  // trailing dot
-    labels += "end";
-    EXPECT_TRUE(QelDNSUntil::isDomain(labels));
-    std::string hyphens = "a" + std::string(1u << 20, '-');
-    EXPECT_FALSE(QelDNSUntil::isDomain(hyphens));
-    EXPECT_TRUE(QelDNSUntil::isDomain(hyphens + "a"));
+    EXPECT_FALSE(QelDNSUntil::isDomain(labels));
+    EXPECT_TRUE(QelDNSUntil::isDomain(labels + "end"));
+    EXPECT_FALSE(QelDNSUntil::isDomain("a" + std::string(1u << 20, '-')));
 }
 
-TEST(MD5ForLower32Bate, DigestsTheUtf8BytesUpToTheFirstNul) {
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc"), qel::test::md5Hex("abc"));
+TEST(QelDNSJSONValue, Int32ValueReadsNumbersBooleansAndLeadingIntegersSaturated) {
+    const std::pair<const char*, int32_t> cases[] = {
+        {R"(" -12abc")", -12}, {R"("+7")", 7}, {R"("15")", 15}, {R"("x1")", 0},
+        {R"("99999999999")", INT32_MAX}, {R"("-2147483648")", INT32_MIN}, {"1e12", INT32_MAX},
+        {"-3.9", -3}, {"true", 1}, {"null", 0}, {"18446744073709551615", INT32_MAX},
+    };
+    for (const auto& [text, expected] : cases) {
+        const auto value = nlohmann::json::parse(text);
+        EXPECT_EQ(QelDNSJSONValue::int32Value(&value), expected) << text;
+    }
+}
+
+TEST(QelDNSUntil, Md5DigestsTheUtf8BytesUpToTheFirstNulEvenWhereOnlyFipsIsAllowed) {
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("中文"), "a7bac2239fcdcb3a067903d8077c4a07");
     EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("abc\0def"s), qel::test::md5Hex("abc"));
-    EXPECT_EQ(QelDNSUntil::MD5ForLower32Bate("\0abc"s), "d41d8cd98f00b204e9800998ecf8427e");
-}
-
-TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
-    // OpenSSL reads its configuration once, possibly while the program loads (a library that
-    // uses it may initialise it then), so the check runs in a child process that has the
-    // configuration in its environment from the start.
+    // OpenSSL reads its configuration once, possibly while the program loads, so the check
+    // runs in a child that has the configuration in its environment from the start.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     qel::test::ScratchDirectory scratch;
     const std::string config = scratch.file("openssl.cnf");
@@ -88,25 +84,26 @@ TEST(MD5ForLower32Bate, WorksWhereTheSystemAllowsOnlyFipsAlgorithms) {
     ::unsetenv("OPENSSL_CONF");
 }
 
-TEST(CurrentPackageName, IsTheBundleIdentifierWhenSetAndNotEmpty) {
-    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
+TEST(QelDNSApplication, SettingsReachTheLibrary) {
     QelDNSApplication::setBundleIdentifier("com.example.app");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
     QelDNSApplication::setBundleIdentifier("");
     EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-}
 
-TEST(QelDNSLog, PrintsOnlyWhileEnabledAndNeverAsAFormat) {
-    qel::test::CapturingConsole console;
-    EXPECT_FALSE(QelDNSLog::isEnable());
-    QelDNSLog::logWithStr("before");
+    std::vector<std::string> received;
+    QelDNSApplication::setLogSink([&](const std::string& line) { received.push_back(line); });
+    QelDNSLog::logWithStr("while disabled");
     QelDNSLog::enable();
-    EXPECT_TRUE(QelDNSLog::isEnable());
-    QelDNSLog::logWithStr("100% %@ %s %n done");
-    QelDNSLog::logWithStr("### 网络不可用 ###");
+    QelDNSLog::logWithStr("100% %@ %s %n done");  // never a format
     QelDNSLog::logWithStr(std::optional<std::string>());
     QelDNSLog::disable();
     QelDNSLog::logWithStr("after");
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"100% %@ %s %n done", "### 网络不可用 ###", "(null)"}));
+    QelDNSApplication::setLogSink(nullptr);
+    EXPECT_EQ(received, (std::vector<std::string>{"100% %@ %s %n done", "(null)"}));
+
+    qel::test::ScratchDirectory dir;
+    ASSERT_TRUE(QelDNSApplication::setStorePath(dir.file("store.db")));
+    qel::platform::UserDefaults::standard().setString("key", "value");
+    EXPECT_FALSE(QelDNSApplication::setStorePath(dir.file("later.db"))) << "the store is open";
+    EXPECT_EQ(qel::platform::UserDefaults::standardPath(), dir.file("store.db"));
 }
