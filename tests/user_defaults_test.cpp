@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sched.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,31 +22,16 @@
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"
+#include "support/SqliteQuery.h"
 
 using qel::platform::Data;
 using qel::platform::MainBundle;
 using qel::platform::SqliteUserDefaults;
 using qel::platform::UserDefaults;
+using qel::test::appQuery;
 using qel::test::ScratchDirectory;
 
 namespace {
-
-// Runs `sql` on the application's own connection to the file; the first column of the last
-// row, "<none>" without a row, "<error>" when it fails.
-std::string appQuery(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    std::string result = "<none>";
-    const auto first = [](void* out, int, char** values, char**) {
-        *static_cast<std::string*>(out) = values[0] ? values[0] : "<null>";
-        return 0;
-    };
-    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK ||
-        sqlite3_exec(db, sql.c_str(), first, &result, nullptr) != SQLITE_OK) {
-        result = "<error>";
-    }
-    sqlite3_close(db);
-    return result;
-}
 
 mode_t permissions(const std::string& path) {
     struct stat status {};
