@@ -193,14 +193,6 @@ std::optional<int> ChildProcess::wait(std::chrono::seconds limit) {
     }
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 2000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return condition();
-}
-
 std::string dnsmasqPath() {
     for (const char* path : {"/usr/sbin/dnsmasq", "/usr/bin/dnsmasq", "/sbin/dnsmasq"}) {
         if (access(path, X_OK) == 0) return path;

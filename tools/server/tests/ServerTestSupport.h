@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Listener.h"
+#include "support/Eventually.h"
 #include "Service.h"
 
 namespace qel::server::test {
@@ -109,8 +110,7 @@ private:
     int status_ = 0;
 };
 
-/// Polls `condition` for up to about 20 seconds.
-bool eventually(const std::function<bool()>& condition);
+using qel::test::eventually;
 
 /// The path of dnsmasq, or empty when it is not installed.
 std::string dnsmasqPath();
