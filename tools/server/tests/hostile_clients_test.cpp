@@ -167,6 +167,12 @@ TEST(HostileClients, AHeaderFloodIsCutShortAndItsMemoryReturned) {
         }
     }
     EXPECT_EQ(cut, 32u) << "connections the server closed before 4 MiB of header lines";
+    // A head that fits in size but not in its number of fields.
+    httplib::Client client("127.0.0.1", server.port);
+    httplib::Headers fields;
+    for (int i = 0; i < 65; ++i) fields.emplace("X-" + std::to_string(i), "1");
+    const auto many = client.Get("/acct-7/service", fields);
+    EXPECT_EQ(many ? many->status : 0, 431);
     EXPECT_EQ(server.login(), 200);
     const size_t after = residentKiB(server.process->pid());
     std::printf("resident KiB: before %zu, peak %zu, after %zu\n", before, peak, after);
