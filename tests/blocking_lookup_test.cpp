@@ -1,6 +1,6 @@
 // The blocking lookup against a signature-checking resolution service on loopback: the
-// manager's answers and refusals, its silence before the first login reply, the deadline and
-// the platform thread.
+// manager's answers and refusals, its silence before the first login reply, the deadline.
+// The C program in c_api/ covers late answers that fill the cache and the platform thread.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -28,7 +28,6 @@ using Lookup = QelDNSBlockingLookup;
 
 namespace {
 
-using qel::test::eventually;
 
 int64_t codeOf(const Lookup::Result& result) { return result.error ? result.error->code() : 99999; }
 
@@ -108,38 +107,6 @@ TEST_F(BlockingLookup, BeforeTheFirstLoginReplyItWaitsForItWithinTheDeadline) {
     const Lookup::Result answer = waiting.get();
     ASSERT_TRUE(answer.ok()) << answer.error->localizedDescription();
     EXPECT_EQ(answer.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
-}
-
-TEST_F(BlockingLookup, GivesUpAtTheDeadlineWhenTheServiceDoesNotAnswer) {
-    login();
-    service.scriptResolves({ResolutionService::stall()});
-    EXPECT_EQ(codeOf(Lookup::resolve("a.test", 1, 0.3)), Lookup::kTimedOutCode);
-}
-
-TEST_F(BlockingLookup, ALateAnswerOnlyFillsTheCache) {
-    login();
-    dns().enableCacheIP(true);
-    // No wait allowed: the service's answer comes after the lookup gave up (unless it was
-    // already there when the lookup looked).
-    const Lookup::Result first = Lookup::resolve("a.test", 1, 0.0);
-    EXPECT_TRUE(first.ok() || codeOf(first) == Lookup::kTimedOutCode);
-    // Late answers are stored as usual, until one is a hit, answered without waiting.
-    Lookup::Result hit;
-    ASSERT_TRUE(eventually([&] { return (hit = Lookup::resolve("a.test", 1, 0.0)).ok(); }));
-    EXPECT_EQ(hit.ips, (Strings{"192.0.2.1", "192.0.2.2"}));
-}
-
-TEST_F(BlockingLookup, FailsAtOnceOnThePlatformThread) {
-    login();
-    std::promise<Lookup::Result> inside;
-    dns().getIPV4ByDomain("a.test", [&inside](std::optional<QelDNSError>, std::optional<Strings>) {
-        inside.set_value(Lookup::resolve("a.test", 1, 30.0));  // an answer from the service runs there
-    });
-    auto answered = inside.get_future();
-    ASSERT_EQ(answered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    const Lookup::Result result = answered.get();
-    EXPECT_EQ(codeOf(result), Lookup::kCalledOnPlatformThreadCode);
-    EXPECT_EQ(result.error->localizedDescription(), "blocking lookup on the platform thread");
 }
 
 }  // namespace
