@@ -1,13 +1,8 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sched.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,28 +12,30 @@
 #include <string>
 #include <vector>
 
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"
 #include "support/SqliteQuery.h"
 
 using qel::platform::Data;
-using qel::platform::MainBundle;
 using qel::platform::SqliteUserDefaults;
 using qel::platform::UserDefaults;
 using qel::test::appQuery;
 using qel::test::ScratchDirectory;
+using Keys = std::vector<std::string>;
 
 namespace {
 
+constexpr char kTable[] = "CREATE TABLE user_defaults (key TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID; ";
+
 mode_t permissions(const std::string& path) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-// Every entry under `directory`: its name, owner, mode and contents (a link's target).
+// Every entry under `directory`: its owner, mode and contents (a link's target).
 std::map<std::string, std::string> snapshot(const std::string& directory) {
     std::map<std::string, std::string> entries;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
@@ -50,7 +47,7 @@ std::map<std::string, std::string> snapshot(const std::string& directory) {
             state += std::filesystem::read_symlink(entry.path());
         } else if (entry.is_regular_file()) {
             std::ifstream in(entry.path(), std::ios::binary);
-            state += std::to_string(std::hash<std::string>()({std::istreambuf_iterator<char>(in), {}}));
+            state.append(std::istreambuf_iterator<char>(in), {});
         }
     }
     return entries;
@@ -58,9 +55,10 @@ std::map<std::string, std::string> snapshot(const std::string& directory) {
 
 }  // namespace
 
-TEST(SqliteUserDefaults, TypedValuesPersistAndTheFileIsSharedWithTheApplication) {
+TEST(SqliteUserDefaults, TypedValuesPersistPrivatelyWhateverTheUmaskBesideTheApplicationsKeys) {
     ScratchDirectory dir;
-    const std::string path = dir.file("a/b/store.sqlite3");  // parents are created
+    const std::string path = dir.file("made/for/store.sqlite3");  // parents are created
+    const mode_t previous = ::umask(0);
     {
         SqliteUserDefaults store(path);
         store.setData("blob", Data{0, 1, 2, 0, 255});
@@ -68,7 +66,17 @@ TEST(SqliteUserDefaults, TypedValuesPersistAndTheFileIsSharedWithTheApplication)
         store.setString("text", std::string("a\0b", 3));
         store.setString("kind", "a string first");
         store.setData("kind", Data{7});
+        store.setString("gone", "x");
+        store.remove("gone");
+        // The log and shared-memory files exist while the connection is open.
+        for (const auto& [name, mode] : std::map<std::string, mode_t>{
+                 {"made", 0700}, {"made/for", 0700}, {"made/for/store.sqlite3", 0600},
+                 {"made/for/store.sqlite3-wal", 0600}, {"made/for/store.sqlite3-shm", 0600}}) {
+            EXPECT_EQ(permissions(dir.file(name)), mode) << name;
+        }
     }
+    ::umask(previous);
+    EXPECT_EQ(permissions(dir.path()), 0700u) << "a directory that exists is left as it is";
     EXPECT_EQ(appQuery(path, "PRAGMA journal_mode"), "wal");
     EXPECT_EQ(appQuery(path, "INSERT INTO user_defaults VALUES ('app_key', 'x')"), "<none>");
     SqliteUserDefaults store(path);
@@ -79,22 +87,23 @@ TEST(SqliteUserDefaults, TypedValuesPersistAndTheFileIsSharedWithTheApplication)
     EXPECT_EQ(store.data("kind"), Data{7});
     EXPECT_FALSE(store.string("kind"));
     EXPECT_EQ(store.string("app_key"), "x");
-    EXPECT_EQ(store.allKeys(), (std::vector<std::string>{"app_key", "blob", "empty", "kind", "text"}));
+    EXPECT_EQ(store.allKeys(), (Keys{"app_key", "blob", "empty", "kind", "text"}));
 }
 
 TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAndLeftAsItIs) {
-    if (::geteuid() != 0) GTEST_SKIP() << "giving a file another owner needs root";
     constexpr uid_t kOtherUser = 65534;
-    const auto own = [](const std::string& path, mode_t mode, uid_t owner) {
-        return ::chmod(path.c_str(), mode) == 0 && ::chown(path.c_str(), owner, -1) == 0;
-    };
-    // A database with a record another user wants lookups to answer with.
-    const auto planted = [&](const std::string& path, mode_t mode, uid_t owner) {
-        return appQuery(path, "CREATE TABLE user_defaults (key TEXT PRIMARY KEY NOT NULL, "
-                              "value) WITHOUT ROWID; INSERT INTO user_defaults VALUES "
-                              "('planted', '6.6.6.6')") == "<none>" && own(path, mode, owner);
-    };
     const uid_t me = ::geteuid();
+    // A database with a record another user wants lookups to answer with.
+    const auto planted = [](const std::string& path, mode_t mode, uid_t owner) {
+        return appQuery(path, kTable + std::string("INSERT INTO user_defaults VALUES "
+                                                   "('planted', '6.6.6.6')")) == "<none>" &&
+               ::chmod(path.c_str(), mode) == 0 && ::chown(path.c_str(), owner, -1) == 0;
+    };
+    const auto beside = [&](const ScratchDirectory& d, const char* name, mode_t mode, uid_t owner) {
+        if (!planted(d.file("s.db"), 0600, me)) return false;
+        d.write(name, qel::test::randomBytes(4096, 3));
+        return ::chmod(d.file(name).c_str(), mode) == 0 && ::chown(d.file(name).c_str(), owner, -1) == 0;
+    };
     const struct {
         const char* name;
         const char* store;  // in the scratch directory
@@ -103,34 +112,42 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAn
     } cases[] = {
         {"owned by another user", "s.db",
          [&](auto& d) { return planted(d.file("s.db"), 0600, kOtherUser); }, "owned by"},
-        {"writable by others", "s.db",
-         [&](auto& d) { return planted(d.file("s.db"), 0666, me); }, "open to"},
-        {"readable by its group", "s.db",
-         [&](auto& d) { return planted(d.file("s.db"), 0640, me); }, "open to"},
+        {"writable by others", "s.db", [&](auto& d) { return planted(d.file("s.db"), 0606, me); },
+         "open to"},
+        {"readable by its group", "s.db", [&](auto& d) { return planted(d.file("s.db"), 0640, me); },
+         "open to"},
         {"dangling link", "s.db",
          [](auto& d) { return ::symlink("new.db", d.file("s.db").c_str()) == 0; }, "symbolic link"},
-        {"link to another database", "s.db", [](auto& d) {
-             return appQuery(d.file("other.db"), "CREATE TABLE t (x)") == "<none>" &&
-                    ::symlink("other.db", d.file("s.db").c_str()) == 0;
-         }, "symbolic link"},
-        {"in a directory others can write", "shared/s.db", [&](auto& d) {
+        {"a pipe, which must not hang the open", "s.db",
+         [](auto& d) { return ::mkfifo(d.file("s.db").c_str(), 0600) == 0; }, "not a regular file"},
+        {"in a directory others can write", "shared/s.db", [](auto& d) {
              return ::mkdir(d.file("shared").c_str(), 0700) == 0 &&
-                    own(d.file("shared"), 01777, me);
-         }, "directory"},
-        {"log of another user beside it", "s.db", [&](auto& d) {
-             if (!planted(d.file("s.db"), 0600, me)) return false;
-             d.write("s.db-wal", qel::test::randomBytes(4096, 3));
-             return own(d.file("s.db-wal"), 0600, kOtherUser);
-         }, "s.db-wal"},
+                    ::chmod(d.file("shared").c_str(), 01777) == 0;
+         }, "directory is writable"},
+        {"in a directory of another user", "theirs/s.db", [](auto& d) {
+             return ::mkdir(d.file("theirs").c_str(), 0700) == 0 &&
+                    ::chown(d.file("theirs").c_str(), kOtherUser, -1) == 0;
+         }, "directory is owned"},
+        {"log of another user beside it", "s.db",
+         [&](auto& d) { return beside(d, "s.db-wal", 0600, kOtherUser); }, "s.db-wal is owned"},
+        {"shared memory others can read", "s.db",
+         [&](auto& d) { return beside(d, "s.db-shm", 0604, me); }, "s.db-shm is open"},
+        {"journal readable by its group", "s.db",
+         [&](auto& d) { return beside(d, "s.db-journal", 0640, me); }, "s.db-journal is open"},
+        {"journal that is a link", "s.db", [&](auto& d) {
+             return planted(d.file("s.db"), 0600, me) &&
+                    ::symlink("s.db", d.file("s.db-journal").c_str()) == 0;
+         }, "s.db-journal is not a regular file"},
         {"not a database", "s.db", [](auto& d) {
              d.write("s.db", qel::test::randomBytes(8192, 7));
-             return true;
-         }, "s.db"},
+             return ::chmod(d.file("s.db").c_str(), 0600) == 0;
+         }, "not a database"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScratchDirectory dir;
-        ASSERT_TRUE(c.prepare(dir)) << strerror(errno);
+        ASSERT_TRUE(c.prepare(dir)) << "needs root to give a file another owner: "
+                                    << std::strerror(errno);
         const auto before = snapshot(dir.path());
         qel::test::CapturingConsole console;
         {
@@ -141,49 +158,53 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAn
         }
         EXPECT_EQ(snapshot(dir.path()), before) << "the files were changed";
         const auto lines = console.lines();
-        EXPECT_EQ(lines.size(), 1u);
-        EXPECT_NE(lines.empty() ? std::string::npos : lines[0].find(c.reason), std::string::npos)
-            << testing::PrintToString(lines);
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
     }
 }
 
-TEST(SqliteUserDefaults, FilesAndTheDirectoriesItMakesArePrivateWhateverTheUmask) {
+// Another connection's lock: while it keeps even the open out (rollback journal) and while it
+// only keeps writes out (WAL), writes are skipped and reads go on; the store says so once each
+// way, and the application's keys are kept.
+TEST(SqliteUserDefaults, AnotherConnectionsLockSkipsWritesUntilItGoesAndIsSaidOnceEachWay) {
     ScratchDirectory dir;
-    const mode_t previous = ::umask(0);
-    SqliteUserDefaults store(dir.file("made/for/store.sqlite3"));
-    store.setString("k", "v");
-    ::umask(previous);
-    // The log and shared-memory files exist while the connection is open.
-    const std::pair<std::string, mode_t> expected[] = {
-        {"made", 0700}, {"made/for", 0700}, {"made/for/store.sqlite3", 0600},
-        {"made/for/store.sqlite3-wal", 0600}, {"made/for/store.sqlite3-shm", 0600},
+    const std::string path = dir.file("s.db");
+    ASSERT_EQ(appQuery(path, kTable + std::string("INSERT INTO user_defaults VALUES ('app', 'kept')")),
+              "<none>");
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+    const auto otherRuns = [other](const char* sql) {
+        return sqlite3_exec(other, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
     };
-    for (const auto& [name, mode] : expected) {
-        EXPECT_EQ(permissions(dir.file(name)), mode) << name;
-    }
-    EXPECT_EQ(permissions(dir.path()), 0700u) << "a directory that exists is left as it is";
-}
-
-TEST(SqliteUserDefaults, AJournalThatCannotBeWalIsReportedOnceAndTheStoreStillWorks) {
-    // The dot-file locking VFS has no shared memory, which WAL needs.
-    ASSERT_EQ(sqlite3_vfs_register(sqlite3_vfs_find("unix-dotfile"), /*makeDefault=*/1), SQLITE_OK);
-    ScratchDirectory dir;
     qel::test::CapturingConsole console;
-    SqliteUserDefaults store(dir.file("store.sqlite3"));
-    store.setString("k", "v");
-    EXPECT_EQ(store.string("k"), "v");
-    ASSERT_EQ(console.lines().size(), 1u);
-    EXPECT_NE(console.lines()[0].find("WAL"), std::string::npos) << console.lines()[0];
+    ASSERT_TRUE(otherRuns("BEGIN EXCLUSIVE"));
+    SqliteUserDefaults store(path);
+    store.setString("skipped", "1");
+    EXPECT_FALSE(store.string("app"));
+    EXPECT_EQ(console.lines().size(), 1u);
+    ASSERT_TRUE(otherRuns("COMMIT"));
+    store.setString("a", "1");
+    EXPECT_EQ(store.string("app"), "kept");
+    EXPECT_EQ(console.lines().size(), 2u);
+    ASSERT_TRUE(otherRuns("BEGIN EXCLUSIVE"));
+    store.setString("b", "1");
+    store.setString("c", "1");
+    EXPECT_EQ(store.string("a"), "1");
+    ASSERT_TRUE(otherRuns("COMMIT"));
+    store.setString("d", "1");
+    sqlite3_close(other);
+    EXPECT_EQ(store.allKeys(), (Keys{"a", "app", "d"}));
+    EXPECT_EQ(console.lines().size(), 4u) << testing::PrintToString(console.lines());
 }
 
 TEST(UserDefaultsStandard, FileFollowsXdgAndTheApplicationUntilChosenAndStaysOnceOpen) {
     ScratchDirectory dir;
-    const std::string file = "/user-defaults.sqlite3";
     const std::string program = program_invocation_short_name;
     const passwd* user = ::getpwuid(::getuid());
     ASSERT_TRUE(user && user->pw_dir && user->pw_dir[0] == '/');
     const std::string passwdHome = user->pw_dir;
-    struct { const char* xdg; const char* home; std::optional<std::string> bundle; std::string expected; } cases[] = {
+    const struct { const char* xdg; const char* home; std::optional<std::string> bundle; std::string expected; } cases[] = {
         {dir.path().c_str(), "/h", std::nullopt, dir.path() + "/" + program},
         {dir.path().c_str(), "/h", "..", dir.path() + "/" + program},
         {dir.path().c_str(), "/h", "a/b", dir.path() + "/a_b"},
@@ -195,57 +216,14 @@ TEST(UserDefaultsStandard, FileFollowsXdgAndTheApplicationUntilChosenAndStaysOnc
     for (const auto& c : cases) {
         c.xdg ? setenv("XDG_DATA_HOME", c.xdg, 1) : unsetenv("XDG_DATA_HOME");
         c.home ? setenv("HOME", c.home, 1) : unsetenv("HOME");
-        MainBundle::setIdentifier(c.bundle);
-        EXPECT_EQ(UserDefaults::standardPath(), c.expected + file);
+        qel::platform::MainBundle::setIdentifier(c.bundle);
+        EXPECT_EQ(UserDefaults::standardPath(), c.expected + "/user-defaults.sqlite3");
     }
-
     const std::string chosen = dir.file("chosen/store.db");
     ASSERT_TRUE(UserDefaults::setStandardPath(chosen));
     UserDefaults::standard().setString("app", "v");
     EXPECT_EQ(appQuery(chosen, "SELECT value FROM user_defaults"), "v");
-    // Once open, the store stays where it is.
-    EXPECT_FALSE(UserDefaults::setStandardPath(dir.file("elsewhere")));
-    MainBundle::setIdentifier("other");
+    EXPECT_FALSE(UserDefaults::setStandardPath(dir.file("elsewhere"))) << "the store is open";
+    qel::platform::MainBundle::setIdentifier("other");
     EXPECT_EQ(UserDefaults::standardPath(), chosen);
-}
-
-TEST(UserDefaultsStandard, WithoutAnyHomeTheStoreStaysInMemoryAndNothingIsWrittenHere) {
-    ScratchDirectory dir;
-    // A user without a passwd entry: this process's user seen from a user namespace of its
-    // own, where it has another number, or as root that number itself. A child does it: the
-    // kernel gives a user namespace only to a process without threads.
-    constexpr uid_t kUnknownUser = 4000000;
-    const uid_t uid = ::getuid();
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const std::string map = std::to_string(kUnknownUser) + " " + std::to_string(uid) + " 1";
-        if (::unshare(CLONE_NEWUSER) == 0) {
-            const int fd = ::open("/proc/self/uid_map", O_WRONLY);
-            if (fd < 0 || ::write(fd, map.data(), map.size()) != static_cast<ssize_t>(map.size())) {
-                _exit(77);
-            }
-            ::close(fd);
-        } else if (::chmod(dir.path().c_str(), 0777) != 0 || ::setuid(kUnknownUser) != 0) {
-            _exit(77);
-        }
-        if (::getpwuid(::getuid()) != nullptr || ::chdir(dir.path().c_str()) != 0) _exit(77);
-        unsetenv("HOME");
-        unsetenv("XDG_DATA_HOME");
-        qel::test::CapturingConsole console;
-        EXPECT_EQ(UserDefaults::standardPath(), std::nullopt);
-        UserDefaults::standard().setString("k", "v");
-        EXPECT_EQ(UserDefaults::standard().string("k"), "v");
-        EXPECT_EQ(console.lines().size(), 1u);
-        EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "wrote into the working directory";
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) {
-        GTEST_SKIP() << "cannot become a user without a passwd entry: needs root or a user "
-                        "namespace";
-    }
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "see the child's failures above";
 }

@@ -1,19 +1,13 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <vector>
 
-#include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
-#include "QelHttpDnsSDK/Platform/UserDefaults.h"
-#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "support/Md5.h"
 #include "support/ScratchDirectory.h"
 
@@ -46,15 +40,19 @@ TEST(QelDNSUntil, TellsAddressesFromHostNamesUpToTheFirstNul) {
     EXPECT_FALSE(QelDNSUntil::isDomain("a" + std::string(1u << 20, '-')));
 }
 
-TEST(QelDNSJSONValue, Int32ValueReadsNumbersBooleansAndLeadingIntegersSaturated) {
-    const std::pair<const char*, int32_t> cases[] = {
-        {R"(" -12abc")", -12}, {R"("+7")", 7}, {R"("15")", 15}, {R"("x1")", 0},
-        {R"("99999999999")", INT32_MAX}, {R"("-2147483648")", INT32_MIN}, {"1e12", INT32_MAX},
-        {"-3.9", -3}, {"true", 1}, {"null", 0}, {"18446744073709551615", INT32_MAX},
+// The number and the text a field of a service answer reads as.
+TEST(QelDNSJSONValue, NumbersReadSaturatedFromLeadingIntegersAndTextIsCompact) {
+    const struct { const char* json; int32_t number; std::string text; } cases[] = {
+        {R"(" -12abc")", -12, " -12abc"}, {R"("+7")", 7, "+7"}, {R"("x1")", 0, "x1"},
+        {R"("99999999999")", INT32_MAX, "99999999999"}, {R"("-2147483648")", INT32_MIN, "-2147483648"},
+        {"1e12", INT32_MAX, "1000000000000.0"}, {"-3.9", -3, "-3.9"}, {"true", 1, "true"},
+        {"null", 0, ""}, {"18446744073709551615", INT32_MAX, "18446744073709551615"},
+        {R"([1, {"a": "é"}])", 0, "[1,{\"a\":\"é\"}]"},
     };
-    for (const auto& [text, expected] : cases) {
-        const auto value = nlohmann::json::parse(text);
-        EXPECT_EQ(QelDNSJSONValue::int32Value(&value), expected) << text;
+    for (const auto& c : cases) {
+        const auto value = nlohmann::json::parse(c.json);
+        EXPECT_EQ(QelDNSJSONValue::int32Value(&value), c.number) << c.json;
+        EXPECT_EQ(QelDNSJSONValue::descriptionValue(&value), c.text) << c.json;
     }
 }
 
@@ -82,28 +80,4 @@ TEST(QelDNSUntil, Md5DigestsTheUtf8BytesUpToTheFirstNulEvenWhereOnlyFipsIsAllowe
         },
         ::testing::ExitedWithCode(0), "refused \\[900150983cd24fb0d6963f7d28e17f72\\]");
     ::unsetenv("OPENSSL_CONF");
-}
-
-TEST(QelDNSApplication, SettingsReachTheLibrary) {
-    QelDNSApplication::setBundleIdentifier("com.example.app");
-    EXPECT_EQ(QelDNSUntil::currentPackageName(), "com.example.app");
-    QelDNSApplication::setBundleIdentifier("");
-    EXPECT_EQ(QelDNSUntil::currentPackageName(), std::nullopt);
-
-    std::vector<std::string> received;
-    QelDNSApplication::setLogSink([&](const std::string& line) { received.push_back(line); });
-    QelDNSLog::logWithStr("while disabled");
-    QelDNSLog::enable();
-    QelDNSLog::logWithStr("100% %@ %s %n done");  // never a format
-    QelDNSLog::logWithStr(std::optional<std::string>());
-    QelDNSLog::disable();
-    QelDNSLog::logWithStr("after");
-    QelDNSApplication::setLogSink(nullptr);
-    EXPECT_EQ(received, (std::vector<std::string>{"100% %@ %s %n done", "(null)"}));
-
-    qel::test::ScratchDirectory dir;
-    ASSERT_TRUE(QelDNSApplication::setStorePath(dir.file("store.db")));
-    qel::platform::UserDefaults::standard().setString("key", "value");
-    EXPECT_FALSE(QelDNSApplication::setStorePath(dir.file("later.db"))) << "the store is open";
-    EXPECT_EQ(qel::platform::UserDefaults::standardPath(), dir.file("store.db"));
 }

@@ -14,7 +14,6 @@ public:
 
     double now() const override { return now_.load(); }
     void set(double seconds) { now_.store(seconds); }
-    void advance(double seconds) { now_.store(now_.load() + seconds); }
 
 private:
     std::atomic<double> now_;

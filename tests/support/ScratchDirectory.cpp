@@ -12,9 +12,8 @@ namespace qel::test {
 
 ScratchDirectory::ScratchDirectory() {
     const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/qel-test-XXXXXX";
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed for " + pattern);
-    path_ = pattern;
+    path_ = std::string(base && *base ? base : "/tmp") + "/qel-test-XXXXXX";
+    if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed for " + path_);
 }
 
 ScratchDirectory::~ScratchDirectory() {
@@ -30,8 +29,9 @@ std::vector<uint8_t> ScratchDirectory::read(const std::string& name) const {
 
 void ScratchDirectory::write(const std::string& name, const std::vector<uint8_t>& bytes) const {
     std::ofstream out(file(name), std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("cannot write " + file(name));
+    if (!out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()))) {
+        throw std::runtime_error("cannot write " + file(name));
+    }
 }
 
 std::vector<uint8_t> randomBytes(size_t count, uint32_t seed) {
