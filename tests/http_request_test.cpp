@@ -236,14 +236,9 @@ TEST(CurlHttpSession, ReusesAKeptAliveConnectionAndRunsRequestsAtOnce) {
     EXPECT_TRUE(held.waitFor(4));
 }
 
-TEST(CurlHttpSession, TimeoutBoundsTheWholeExchangeAndNonsenseValuesFailFast) {
-    // Headers and part of the body arrive, then the server goes silent.
+// A timeout that bounds the whole exchange is the fault catalogue's trickling row.
+TEST(CurlHttpSession, NonsenseTimeoutsFailFast) {
     Server server;
-    server.serve({{Server::Reply::Stall, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"partial\"", {}, false}});
-    const HttpResponse response = fetch(server.url("/"), 0.2);
-    EXPECT_TRUE(response.error);
-    EXPECT_EQ(response.statusCode, 200);
-    EXPECT_EQ(response.body, "{\"partial\"");
     server.hold("/held");
     for (double timeout : {0.0, -1.0, std::nan(""), 1e-9, -std::numeric_limits<double>::infinity()}) {
         EXPECT_TRUE(fetch(server.url("/held"), timeout).error) << timeout;
