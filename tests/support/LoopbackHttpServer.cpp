@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -59,16 +58,18 @@ std::string LoopbackHttpServer::Request::target() const {
 }
 
 std::string LoopbackHttpServer::Request::param(const std::string& name) const {
-    std::smatch found;
-    const std::string query = target();
-    if (!std::regex_search(query, found, std::regex("[?&]" + name + "=([^&]*)"))) return "";
-    std::string value = found[1], decoded;
-    for (size_t i = 0; i < value.size(); ++i) {
-        const bool escaped = value[i] == '%' && i + 2 < value.size();
-        decoded.push_back(escaped ? static_cast<char>(std::stoi(value.substr(i + 1, 2), nullptr, 16)) : value[i]);
-        if (escaped) i += 2;
+    const std::string query = target(), key = name + "=";
+    for (size_t at = query.find('?'); at != std::string::npos; at = query.find('&', at + 1)) {
+        if (query.compare(at + 1, key.size(), key) != 0) continue;
+        std::string decoded;
+        for (size_t i = at + 1 + key.size(); i < query.size() && query[i] != '&'; ++i) {
+            const bool escaped = query[i] == '%' && i + 2 < query.size();
+            decoded.push_back(escaped ? static_cast<char>(std::stoi(query.substr(i + 1, 2), nullptr, 16)) : query[i]);
+            if (escaped) i += 2;
+        }
+        return decoded;
     }
-    return decoded;
+    return "";
 }
 
 std::string LoopbackHttpServer::Request::header(const std::string& name) const {
