@@ -115,19 +115,20 @@ TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoesAndPinsOnlyAddresses) {
     service.setAddresses("junk.qel-demo.test", {"127.0.0.2,6.6.6.6", "::1", "127.0.0.3\n-x:80", "127.0.0.1"});
     service.setAddresses("colon.qel-demo.test", {"127.0.0.2:80"});
     const struct { std::string url; int64_t type; std::string pinned; } rows[] = {
-        {"https://app.qel-demo.test/path?q=1", 1, "0 app.qel-demo.test:443:127.0.0.1"},
-        {"http://app.qel-demo.test/", 1, "0 app.qel-demo.test:80:127.0.0.1"},
-        {"http://user@app.qel-demo.test:8080/", 1, "0 app.qel-demo.test:8080:127.0.0.1"},
-        {"http://v6.qel-demo.test:81/", 2, "0 v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]"},
-        {"http://[::1]:8443/", 1, "1 host ::1 port 8443"},
-        {"http://junk.qel-demo.test/", 1, "0 junk.qel-demo.test:80:127.0.0.1"},
-        {"http://colon.qel-demo.test/", 1, "2 error -20003"},
-        {"http://exa mple.test:/", 1, "3 error -50005"},
+        {"https://app.qel-demo.test/path?q=1", 1, "pinned app.qel-demo.test:443:127.0.0.1"},
+        {"http://app.qel-demo.test/", 1, "pinned app.qel-demo.test:80:127.0.0.1"},
+        {"http://user@app.qel-demo.test:8080/", 1, "pinned app.qel-demo.test:8080:127.0.0.1"},
+        {"http://v6.qel-demo.test:81/", 2, "pinned v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]"},
+        {"http://[::1]:8443/", 1, "address host ::1 port 8443"},
+        {"http://junk.qel-demo.test/", 1, "pinned junk.qel-demo.test:80:127.0.0.1"},
+        {"http://colon.qel-demo.test/", 1, "system resolver error -20003"},
+        {"http://exa mple.test:/", 1, "unusable error -50005"},
     };
     QelDNSCurlPinning pinning(curl);
     for (const auto& row : rows) {
         const auto pin = pinning.pin(row.url, 20.0, row.type);
-        EXPECT_EQ(std::to_string(static_cast<int>(pin.outcome)) + " " +
+        const char* const outcomes[] = {"pinned", "address", "system resolver", "unusable"};
+        EXPECT_EQ(outcomes[static_cast<int>(pin.outcome)] + std::string(" ") +
                       (pin.error ? "error " + std::to_string(pin.error->code())
                                  : pin.pinned() ? pin.entry : "host " + pin.host + " port " + pin.port),
                   row.pinned) << row.url;

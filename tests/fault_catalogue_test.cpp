@@ -140,7 +140,7 @@ protected:
         }
         for (Reply& reply : replies) {
             const size_t at = reply.bytes.find(kAnswerFile);
-            if (at != std::string::npos) reply.bytes.replace(at, 13, scratch.file("answer.json"));
+            if (at != std::string::npos) reply.bytes.replace(at, sizeof kAnswerFile - 1, scratch.file("answer.json"));
         }
         return replies;
     }
