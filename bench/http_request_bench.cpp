@@ -48,11 +48,9 @@ const char kAuthorization[] = "0123456789abcdef0123456789abcdef";
 
 LoopbackHttpServer& server() {
     static LoopbackHttpServer* instance = [] {
-        // Enough threads for every kept-alive connection of both clients.
-        auto* made = new LoopbackHttpServer(32);
-        // A type the server does not compress, so neither side pays for compression.
-        made->route("/resolve", [](const httplib::Request&, httplib::Response& response) {
-            response.set_content(kAnswer, "application/octet-stream");
+        auto* made = new LoopbackHttpServer();
+        made->route("/resolve", [](const LoopbackHttpServer::Request&) {
+            return LoopbackHttpServer::http(200, kAnswer, "", false, "application/octet-stream");
         });
         return made;
     }();

@@ -39,8 +39,9 @@ protected:
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         // A proxy nobody runs: a transfer through it fails, so only a bypassed proxy succeeds.
         setenv("http_proxy", "http://127.0.0.1:1", 1);
-        web.route("/hello", [](const httplib::Request& request, httplib::Response& response) {
-            response.set_content("hello from " + request.get_header_value("Host"), "text/plain");
+        web.route("/hello", [](const qel::test::LoopbackHttpServer::Request& request) {
+            return qel::test::LoopbackHttpServer::http(200, "hello from " + request.header("Host"), "", false,
+                                                      "text/plain");
         });
         service.setAddresses(kName, {"127.0.0.1"});
         QelHttpDnsManager::shared().customServerUrl(service.baseUrl());
@@ -107,37 +108,31 @@ TEST_F(CurlPinning, AReusedHandleDropsItsPreviousPin) {
     EXPECT_EQ(fetch(url("localhost")), CURLE_OK);
 }
 
+// One row per URL: what the pin makes of it. Only addresses of the family asked for are
+// pinned: anything else in the answer could add entries of its own.
 TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoesAndPinsOnlyAddresses) {
     service.setAddresses("v6.qel-demo.test", {"2001:db8::5", "2001:db8::6"});
+    service.setAddresses("junk.qel-demo.test", {"127.0.0.2,6.6.6.6", "::1", "127.0.0.3\n-x:80", "127.0.0.1"});
+    service.setAddresses("colon.qel-demo.test", {"127.0.0.2:80"});
+    const struct { std::string url; int64_t type; std::string pinned; } rows[] = {
+        {"https://app.qel-demo.test/path?q=1", 1, "pinned app.qel-demo.test:443:127.0.0.1"},
+        {"http://app.qel-demo.test/", 1, "pinned app.qel-demo.test:80:127.0.0.1"},
+        {"http://user@app.qel-demo.test:8080/", 1, "pinned app.qel-demo.test:8080:127.0.0.1"},
+        {"http://v6.qel-demo.test:81/", 2, "pinned v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]"},
+        {"http://[::1]:8443/", 1, "address host ::1 port 8443"},
+        {"http://junk.qel-demo.test/", 1, "pinned junk.qel-demo.test:80:127.0.0.1"},
+        {"http://colon.qel-demo.test/", 1, "system resolver error -20003"},
+        {"http://exa mple.test:/", 1, "unusable error -50005"},
+    };
     QelDNSCurlPinning pinning(curl);
-
-    const auto https = pinning.pin("https://app.qel-demo.test/path?q=1", 20.0);
-    EXPECT_EQ(https.entry, "app.qel-demo.test:443:127.0.0.1");
-    EXPECT_EQ(pinning.pin("http://app.qel-demo.test/", 20.0).port, "80");
-    EXPECT_EQ(pinning.pin("http://user@app.qel-demo.test:8080/", 20.0).entry,
-              "app.qel-demo.test:8080:127.0.0.1");
-    EXPECT_EQ(pinning.pin("http://v6.qel-demo.test:81/", 20.0, 2).entry,
-              "v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]");
-
-    const auto v6Literal = pinning.pin("http://[::1]:8443/", 20.0);
-    EXPECT_EQ(v6Literal.outcome, Outcome::AddressLiteral);
-    EXPECT_EQ(v6Literal.host, "::1");
-    EXPECT_EQ(v6Literal.port, "8443");
-
-    // What is not an address of the family asked for could add entries of its own.
-    service.setAddresses("junk.qel-demo.test", {"127.0.0.2,6.6.6.6", "::1", "127.0.0.3\n-x:80",
-                                                "127.0.0.1"});
-    EXPECT_EQ(pinning.pin("http://junk.qel-demo.test/", 20.0).entry,
-              "junk.qel-demo.test:80:127.0.0.1");
-    service.setAddresses("junk.qel-demo.test", {"127.0.0.2:80"});
-    const auto none = pinning.pin("http://junk.qel-demo.test/", 20.0);
-    EXPECT_EQ(none.outcome, Outcome::SystemResolver);
-    EXPECT_EQ(none.error ? none.error->code() : 0, -20003);
-
-    const auto unusable = pinning.pin("http://exa mple.test:/", 20.0);
-    EXPECT_EQ(unusable.outcome, Outcome::UnusableUrl);
-    ASSERT_TRUE(unusable.error);
-    EXPECT_EQ(unusable.error->code(), -50005);
+    for (const auto& row : rows) {
+        const auto pin = pinning.pin(row.url, 20.0, row.type);
+        const char* const outcomes[] = {"pinned", "address", "system resolver", "unusable"};
+        EXPECT_EQ(outcomes[static_cast<int>(pin.outcome)] + std::string(" ") +
+                      (pin.error ? "error " + std::to_string(pin.error->code())
+                                 : pin.pinned() ? pin.entry : "host " + pin.host + " port " + pin.port),
+                  row.pinned) << row.url;
+    }
     EXPECT_EQ(QelDNSCurlPinning(nullptr).pin(url(kName), 1.0).outcome, Outcome::UnusableUrl);
 }
 

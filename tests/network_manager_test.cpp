@@ -2,14 +2,14 @@
 // firing thread); the kernel's side is in netlink_reachability_test.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
 #include <vector>
 
+#include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
+#include "support/CapturingConsole.h"
 #include "support/FakeReachability.h"
 
 using qel::platform::UIApplicationDidEnterBackgroundNotification;
@@ -82,27 +82,21 @@ TEST_F(NetworkManager, ADestroyedManagerStopsItsNotifierAndLeavesNothingBehind) 
     EXPECT_FALSE(fake.fire()) << "the notifier stopped with the manager";
 }
 
-TEST_F(NetworkManager, ReportsLifeCycleAndReadersOnManyThreadsAtOnce) {
-    std::atomic<bool> stop{false};
-    std::thread lifeCycle([&] {
-        while (!stop) {
-            post(UIApplicationDidEnterBackgroundNotification);
-            post(UIApplicationWillEnterForegroundNotification);
-        }
-    });
-    std::thread reader([&] {
-        while (!stop) {
-            (void)manager->networkStatus();
-            manager->setNetworkStatusChangedBlock([](QelDNSNetworkStatus) {});
-        }
-    });
-    for (int i = 0; i < 2000; ++i) report(i % 3 == 0 ? 0 : (i % 3 == 1 ? kWiFi : kCellular));
-    stop = true;
-    lifeCycle.join();
-    reader.join();
-    post(UIApplicationWillEnterForegroundNotification);
-    ASSERT_TRUE(report(kCellular));
-    EXPECT_EQ(manager->lastNetworkStatus(), QelDNSNetworkStatusWWAN);
+// One row per report: the line it logs. Only a change reaches the block.
+TEST_F(NetworkManager, EachChangeReachesTheBlockOnceAndTheLogNamesBothStatuses) {
+    qel::test::CapturingConsole console;
+    QelDNSLog::enable();
+    const std::pair<uint32_t, std::string> reports[] = {
+        {kCellular, "蜂窝网络, lastNetwork status: WIFI"},
+        {kCellular, "蜂窝网络, lastNetwork status: 蜂窝网络"},
+        {0, "网络不可用, lastNetwork status: 蜂窝网络"},
+        {kWiFi, "WIFI, lastNetwork status: 网络不可用"},
+    };
+    for (const auto& [flagSet, line] : reports) {
+        ASSERT_TRUE(report(flagSet));
+        EXPECT_EQ(console.lines().back(), "Network changed status: " + line);
+    }
+    EXPECT_EQ(seen, (Statuses{QelDNSNetworkStatusWWAN, QelDNSNetworkStatusNotReachable, QelDNSNetworkStatusWiFi}));
     fake.failCreation = true;
     EXPECT_FALSE(QelDNSNetworkManager::create()->networkAvailable());
 }

@@ -1,87 +1,227 @@
 #include "support/LoopbackHttpServer.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
-
-// The packaged cpp-httplib is not built with ThreadSanitizer. Its first-use initialisation of
-// shared objects (function-local statics) is published through inline atomics that TSan cannot
-// see, so reads of them by another server thread are reported as races inside the library.
-// Only reports with a frame in that library are suppressed; our own code stays checked.
-extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
 
 namespace qel::test {
 
 namespace {
 
-// Shuts down every accepted connection of the server on `port` in this process. The server
-// serves a kept-alive connection until the client closes it or its keep-alive timeout ends;
-// the shared session never closes its connections, so without this every stop would wait.
-void shutDownAcceptedConnections(int port) {
-    DIR* fds = ::opendir("/proc/self/fd");
-    if (!fds) return;
-    while (dirent* entry = ::readdir(fds)) {
-        const int fd = std::atoi(entry->d_name);
-        if (fd <= 2 || fd == ::dirfd(fds)) continue;
-        sockaddr_in local{};
-        socklen_t length = sizeof local;
-        int listening = 0;
-        socklen_t flagLength = sizeof listening;
-        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0 ||
-            local.sin_family != AF_INET || ntohs(local.sin_port) != port ||
-            ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &flagLength) != 0 ||
-            listening) {
-            continue;
+using Lock = std::lock_guard<std::mutex>;
+
+// The head and a Content-Length body, or what came of it before the peer closed.
+std::string readRequest(int fd) {
+    std::string request;
+    size_t wanted = std::string::npos;  // known once the head is complete
+    char buffer[4096];
+    for (ssize_t got; request.size() < wanted && (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        request.append(buffer, static_cast<size_t>(got));
+        const size_t headEnd = request.find("\r\n\r\n"), length = request.find("\r\nContent-Length: ");
+        if (wanted == std::string::npos && headEnd != std::string::npos) {
+            wanted = headEnd + 4 + (length < headEnd ? std::strtoul(&request[length + 18], nullptr, 10) : 0);
         }
-        ::shutdown(fd, SHUT_RDWR);
     }
-    ::closedir(fds);
+    return request;
+}
+
+// False once the peer is gone.
+bool sendAll(int fd, const std::string& bytes) {
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Readable means the client closed, or the server shut the connection down.
+bool readableWithin(int fd, int millis) {
+    pollfd wanted{fd, POLLIN, 0};
+    return ::poll(&wanted, 1, millis) > 0;
 }
 
 }  // namespace
 
-LoopbackHttpServer::LoopbackHttpServer(size_t threads) {
-    server_.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    // Without TCP_NODELAY a kept-alive connection waits for the peer's delayed ACK on every
-    // answer; the default of the library build is off.
-    server_.set_tcp_nodelay(true);
-    server_.set_keep_alive_max_count(1000000);
-    auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        Handler found;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            requests_.push_back({request.method, request.target, request.headers, request.body,
-                                 request.remote_port});
-            if (routes_.count(request.path)) found = routes_[request.path];
+std::string LoopbackHttpServer::Request::target() const {
+    const size_t start = raw.find(' ') + 1;
+    return raw.substr(start, raw.find(' ', start) - start);
+}
+
+std::string LoopbackHttpServer::Request::param(const std::string& name) const {
+    const std::string query = target(), key = name + "=";
+    for (size_t at = query.find('?'); at != std::string::npos; at = query.find('&', at + 1)) {
+        if (query.compare(at + 1, key.size(), key) != 0) continue;
+        std::string decoded;
+        for (size_t i = at + 1 + key.size(); i < query.size() && query[i] != '&'; ++i) {
+            const bool escaped = query[i] == '%' && i + 2 < query.size();
+            decoded.push_back(escaped ? static_cast<char>(std::stoi(query.substr(i + 1, 2), nullptr, 16)) : query[i]);
+            if (escaped) i += 2;
         }
-        if (found) {
-            found(request, response);
-        } else {
-            response.status = 404;
-        }
-    };
-    server_.Get(".*", handler);
-    server_.Post(".*", handler);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    if (port_ <= 0) throw std::runtime_error("loopback server: cannot bind 127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    // stop() is a no-op until the accept loop runs; a test that ends before then would
-    // otherwise leave the destructor joining a thread blocked in accept().
-    for (int waited = 0; !server_.is_running() && waited < 10000; ++waited) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return decoded;
     }
+    return "";
+}
+
+std::string LoopbackHttpServer::Request::header(const std::string& name) const {
+    const auto lines = headerLines({name + ":"});
+    return lines.empty() ? "" : lines[0].substr(lines[0].find_first_not_of(' ', name.size() + 1));
+}
+
+std::vector<std::string> LoopbackHttpServer::Request::headerLines(
+    const std::vector<std::string>& prefixes) const {
+    std::vector<std::string> lines;
+    std::istringstream head(raw.substr(raw.find("\r\n") + 2, raw.find("\r\n\r\n") - raw.find("\r\n")));
+    for (std::string line; std::getline(head, line) && line.size() > 1;) {
+        line.pop_back();  // '\r'
+        for (const std::string& prefix : prefixes) {
+            if (::strncasecmp(line.c_str(), prefix.c_str(), prefix.size()) == 0) {
+                lines.push_back(line);
+                break;
+            }
+        }
+    }
+    return lines;
+}
+
+LoopbackHttpServer::Reply LoopbackHttpServer::http(int status, const std::string& body,
+                                                   const std::string& extraHeaders, bool close,
+                                                   const std::string& contentType) {
+    // An empty reason phrase is valid, and no client reads it.
+    return {Reply::Write,
+            "HTTP/1.1 " + std::to_string(status) + " \r\nContent-Type: " + contentType +
+                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
+                (close ? "Connection: close\r\n" : "") + "\r\n" + body,
+            {}, !close};
+}
+
+LoopbackHttpServer::LoopbackHttpServer(int port) : port_(port) {
+    bindSocket();
+    start();
 }
 
 LoopbackHttpServer::~LoopbackHttpServer() {
+    shutDown();
+    ::close(fd_);
+}
+
+// Binds port_ (0: any) without listening, so that connections to it are refused.
+void LoopbackHttpServer::bindSocket() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    if (::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd_);
+        throw std::runtime_error("loopback server: cannot bind 127.0.0.1:" + std::to_string(port_));
+    }
+    port_ = ntohs(address.sin_port);
+}
+
+void LoopbackHttpServer::start() {
+    if (accepting_) return;
+    if (::listen(fd_, 64) != 0) throw std::runtime_error("loopback server: cannot listen");
+    accepting_ = true;
+    acceptor_ = std::thread([this] {
+        while (accepting_) {
+            sockaddr_in peer{};
+            socklen_t length = sizeof peer;
+            const int fd = ::accept4(fd_, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+            if (fd < 0) continue;
+            const int on = 1;  // without it a kept-alive answer waits for the peer's delayed ACK
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            Lock lock(mutex_);
+            connections_.insert(fd);
+            workers_.emplace_back([this, fd, port = ntohs(peer.sin_port)] { converse(fd, port); });
+        }
+    });
+}
+
+void LoopbackHttpServer::stop() {
+    shutDown();
+    ::close(fd_);
+    bindSocket();
+}
+
+void LoopbackHttpServer::shutDown() {
     releaseHeld();
-    server_.stop();
-    shutDownAcceptedConnections(port_);
-    thread_.join();
+    accepting_ = false;
+    ::shutdown(fd_, SHUT_RDWR);  // wakes the acceptor
+    if (acceptor_.joinable()) acceptor_.join();
+    std::vector<std::thread> workers;
+    {
+        Lock lock(mutex_);
+        for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
+        workers.swap(workers_);
+    }
+    for (auto& worker : workers) worker.join();
+}
+
+void LoopbackHttpServer::converse(int fd, int remotePort) {
+    for (bool open = true; open;) {
+        Request request{readRequest(fd), remotePort};
+        if (request.raw.find("\r\n\r\n") == std::string::npos) break;
+        Handler handler;
+        {
+            Lock lock(mutex_);
+            requests_.push_back(request);
+            const std::string target = request.target();
+            const auto found = routes_.find(target.substr(0, target.find('?')));
+            handler = found != routes_.end() ? found->second : fallback_;
+        }
+        const Reply reply = handler ? handler(request) : http(404, "");
+        const bool sent = sendAll(fd, reply.bytes);
+        open = sent && reply.kind == Reply::Write && reply.keepOpen;
+        if (reply.kind == Reply::Reset) {
+            const linger abortive{1, 0};  // closing now sends RST instead of FIN
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+        }
+        if (reply.kind == Reply::Stall) readableWithin(fd, -1);
+        for (size_t i = 0; reply.kind == Reply::Trickle && sent && i < reply.trickled.size(); ++i) {
+            if (readableWithin(fd, 100) || !sendAll(fd, reply.trickled.substr(i, 1))) break;
+        }
+    }
+    Lock lock(mutex_);
+    connections_.erase(fd);
+    ::close(fd);
+}
+
+void LoopbackHttpServer::route(const std::string& path, Handler handler) {
+    Lock lock(mutex_);
+    routes_[path] = std::move(handler);
+}
+
+void LoopbackHttpServer::serve(std::vector<Reply> script) {
+    auto next = std::make_shared<std::atomic<size_t>>(0);
+    Lock lock(mutex_);
+    fallback_ = [script = std::move(script), next](const Request&) {
+        return script[std::min(next->fetch_add(1), script.size() - 1)];
+    };
+}
+
+void LoopbackHttpServer::hold(const std::string& path, const std::string& body) {
+    route(path, [this, body](const Request&) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return released_; });
+        return http(200, body);
+    });
+}
+
+void LoopbackHttpServer::releaseHeld() {
+    Lock lock(mutex_);
+    released_ = true;
+    changed_.notify_all();
 }
 
 }  // namespace qel::test

@@ -1,16 +1,17 @@
-// A real HTTP server (cpp-httplib) on 127.0.0.1 and a port the kernel picks, running on its
-// own threads for the life of the object. It records every request it receives, answers by
-// path with handlers the test installs (404 with an empty body otherwise), and can hold
-// requests unanswered until the test releases them. Keep-alive is on, TCP_NODELAY is on.
+// A real HTTP/1.1 server on 127.0.0.1 and a port the kernel picks, on raw sockets so that the
+// test decides every byte of an answer. It records every request, answers by path with
+// handlers (404 otherwise) or plays a script of replies, can hold requests until released,
+// cut, reset, stall or trickle an answer, and go down and come back on the same port (refusing
+// connections while down). One thread per connection; kept-alive connections are served
+// until the client closes them or the server stops.
 #pragma once
 
-#include <httplib.h>
-
-#include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,19 +20,46 @@ namespace qel::test {
 
 class LoopbackHttpServer {
 public:
+    /// One request, byte for byte as received: its head and a Content-Length body.
     struct Request {
-        std::string method;
-        std::string target;  // as sent: path and query, still percent-encoded
-        httplib::Headers headers;
-        std::string body;
+        std::string raw;
         int remotePort = 0;  // tells connections apart
-    };
-    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
-    /// `threads` bounds the connections served at once (a kept-alive connection holds one).
-    explicit LoopbackHttpServer(size_t threads = 16);
-    /// Releases held requests, stops the server and joins its threads.
+        /// As sent: path and query, still percent-encoded.
+        std::string target() const;
+        /// The value of query parameter `name`, decoded; empty if absent.
+        std::string param(const std::string& name) const;
+        /// The value of the first header called `name` (any case); empty if absent.
+        std::string header(const std::string& name) const;
+        std::string body() const { return raw.substr(raw.find("\r\n\r\n") + 4); }
+        /// The header lines that start with one of `prefixes` (any case), in the order sent.
+        std::vector<std::string> headerLines(const std::vector<std::string>& prefixes) const;
+    };
+
+    /// What the server does with one request once it has read it.
+    struct Reply {
+        enum Kind {
+            Write,    // writes `bytes`, then closes, or with `keepOpen` reads the next request
+            Reset,    // writes `bytes`, then resets the connection (RST, no FIN)
+            Stall,    // writes `bytes`, then nothing until the client or the server ends
+            Trickle,  // writes `bytes`, then `trickled` one byte per 100 ms, then closes
+        } kind = Write;
+        std::string bytes;
+        std::string trickled;
+        bool keepOpen = false;
+    };
+    /// A whole answer with its length; the connection stays open for the next request unless
+    /// `close`, which also says so in a header.
+    static Reply http(int status, const std::string& body, const std::string& extraHeaders = "",
+                      bool close = false, const std::string& contentType = "application/json");
+    using Handler = std::function<Reply(const Request&)>;
+
+    /// Listens on `port`, or on a port the kernel picks; throws if it cannot bind it.
+    explicit LoopbackHttpServer(int port = 0);
+    /// Releases held requests, ends every connection and joins the server's threads.
     ~LoopbackHttpServer();
+    LoopbackHttpServer(const LoopbackHttpServer&) = delete;
+    LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>" followed by `pathAndQuery`.
@@ -39,56 +67,47 @@ public:
         return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
     }
 
-    /// Answers requests for `path` (exact, decoded, without query), any method.
-    void route(const std::string& path, Handler handler) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        routes_[path] = std::move(handler);
-    }
-    /// Answers `path` with `status`, `body` and the content type application/json.
+    /// Answers requests for `path` (exact, without query), any method.
+    void route(const std::string& path, Handler handler);
     void respond(const std::string& path, int status, const std::string& body) {
-        route(path, [status, body](const httplib::Request&, httplib::Response& response) {
-            response.status = status;
-            if (!body.empty()) response.set_content(body, "application/json");
-        });
+        route(path, [status, body](const Request&) { return http(status, body); });
     }
-    /// Holds requests for `path` unanswered until `releaseHeld()` (or the end of the server),
-    /// then answers 200 with `body`.
-    void hold(const std::string& path, const std::string& body = "{}") {
-        route(path, [this, body](const httplib::Request&, httplib::Response& response) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            ++held_;
-            changed_.notify_all();
-            changed_.wait(lock, [this] { return released_; });
-            --held_;
-            response.set_content(body, "application/json");
-        });
-    }
-    void releaseHeld() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        released_ = true;
-        changed_.notify_all();
-    }
-    /// Waits until `count` requests are held at once; false if that did not happen in time.
-    bool waitUntilHeld(size_t count, std::chrono::seconds limit = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return held_ >= count; });
-    }
+    /// Answers every request no route takes: the i-th with `script[min(i, size - 1)]`.
+    void serve(std::vector<Reply> script);
+    /// Holds requests for `path` unanswered until `releaseHeld()`, then answers 200 with `body`.
+    void hold(const std::string& path, const std::string& body = "{}");
+    void releaseHeld();
 
     std::vector<Request> requests() const {
         std::lock_guard<std::mutex> lock(mutex_);
         return requests_;
     }
+    /// Connections open now.
+    size_t openConnections() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return connections_.size();
+    }
+    /// Goes down: closes every connection and refuses new ones on the same port until `start`.
+    void stop();
+    void start();
 
 private:
-    httplib::Server server_;
+    void bindSocket();
+    void converse(int fd, int remotePort);
+    void shutDown();
+
+    int fd_ = -1;
     int port_ = 0;
-    std::thread thread_;
+    std::thread acceptor_;
+    std::atomic<bool> accepting_{false};
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, Handler> routes_;  // guarded by mutex_
+    Handler fallback_;                       // guarded by mutex_
     std::vector<Request> requests_;          // guarded by mutex_
-    size_t held_ = 0;                        // guarded by mutex_
+    std::set<int> connections_;              // guarded by mutex_; closed only under it
+    std::vector<std::thread> workers_;       // guarded by mutex_
     bool released_ = false;                  // guarded by mutex_
 };
 

@@ -1,13 +1,12 @@
 // A resolution service for end-to-end tests: the login and resolve endpoints of one account on
-// a real loopback HTTP server. Every request's MD5 signature is recomputed here, independently
-// of the library's signer, and a mismatch is answered with "status" 403. Names resolve from a
-// zone the test fills; the test can script the next answers of either endpoint (a "status",
-// a stall until the server ends, a connection dropped in the middle of the body).
+// a loopback server. Every request's MD5 signature is recomputed here, independently of the
+// library's signer, and a mismatch is answered with "status" 403. Names resolve from a zone the
+// test fills; the test can script the next answers of either endpoint (a "status", a stall
+// until the client or the service gives up, a connection dropped before the body).
 #pragma once
 
 #include <nlohmann/json.hpp>
 
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -19,6 +18,8 @@
 namespace qel::test {
 
 class ResolutionService {
+    using Lock = std::lock_guard<std::mutex>;
+
 public:
     struct Behaviour {
         enum Kind { Answer, Status, Stall, Drop } kind = Answer;
@@ -32,34 +33,45 @@ public:
     static Behaviour drop() { return {Behaviour::Drop, 0, {}}; }
 
     ResolutionService(std::string authId, std::string authSecret, std::string appId);
-    /// Ends the stalls, then the server.
-    ~ResolutionService();
 
     /// "http://127.0.0.1:<port>": the login URL, and the default resolve node.
     std::string baseUrl() const { return server_.url(""); }
 
     /// The answer of `host`'s lookups from now on.
-    void setAddresses(const std::string& host, std::vector<std::string> ips, int ttl = 600);
+    void setAddresses(const std::string& host, std::vector<std::string> ips, int ttl = 600) {
+        Lock lock(mutex_);
+        zone_[host] = {{"host", host}, {"ip_list", std::move(ips)}, {"ttl", ttl}};
+    }
     /// The nodes a successful login hands out (default: this server, best and only node).
-    void setNodes(std::string best, std::vector<std::string> list);
+    void setNodes(std::string best, std::vector<std::string> list) {
+        Lock lock(mutex_);
+        nodes_ = {{"best_service_node", std::move(best)}, {"service_node_list", std::move(list)}};
+    }
     /// Behaviours of the next login / resolve requests, in order; then normal answers again.
-    void scriptLogins(std::vector<Behaviour> behaviours);
-    void scriptResolves(std::vector<Behaviour> behaviours);
+    void scriptLogins(std::vector<Behaviour> behaviours) { script(loginScript_, behaviours); }
+    void scriptResolves(std::vector<Behaviour> behaviours) { script(resolveScript_, behaviours); }
 
     /// The best node a successful login hands out now.
-    std::string bestNode() const;
-    size_t logins() const;
+    std::string bestNode() const { return read(nodes_)["best_service_node"]; }
+    size_t logins() const { return read(logins_); }
     /// The hosts of the resolve requests received, in order of arrival.
-    std::vector<std::string> resolvedHosts() const;
+    std::vector<std::string> resolvedHosts() const { return read(resolvedHosts_); }
     /// Requests whose signature, timestamp or app id did not check out.
-    size_t badSignatures() const;
+    size_t badSignatures() const { return read(badSignatures_); }
 
 private:
-    void answerLogin(const httplib::Request& request, httplib::Response& response);
-    void answerResolve(const httplib::Request& request, httplib::Response& response);
-    Behaviour next(std::deque<Behaviour>& script);
-    bool signatureMatches(const httplib::Request& request, const std::string& signedText);
-    void behave(const Behaviour& behaviour, const nlohmann::json& answer, httplib::Response& response);
+    template <typename T>
+    T read(const T& field) const {
+        Lock lock(mutex_);
+        return field;
+    }
+    void script(std::deque<Behaviour>& script, const std::vector<Behaviour>& behaviours) {
+        Lock lock(mutex_);
+        script.assign(behaviours.begin(), behaviours.end());
+    }
+    LoopbackHttpServer::Reply answer(const LoopbackHttpServer::Request& request,
+                                     std::deque<Behaviour>& script, const std::string& host,
+                                     const nlohmann::json& body);
 
     const std::string authId_, authSecret_, appId_;
 
@@ -69,8 +81,6 @@ private:
     std::deque<Behaviour> loginScript_, resolveScript_;  // guarded by mutex_
     size_t logins_ = 0, badSignatures_ = 0;       // guarded by mutex_
     std::vector<std::string> resolvedHosts_;      // guarded by mutex_
-    bool stopping_ = false;                       // guarded by mutex_
-    std::condition_variable stopped_;
     // Last, so that it stops serving (and joins its threads) before the state its handlers
     // use is destroyed: a request may still be in flight when the service ends.
     LoopbackHttpServer server_;

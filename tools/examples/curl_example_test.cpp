@@ -27,8 +27,9 @@ protected:
         for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
             unsetenv(name);
         }
-        web.route("/hello", [this](const httplib::Request& request, httplib::Response& response) {
-            response.set_content("hello from " + request.get_header_value("Host"), "text/plain");
+        web.route("/hello", [](const qel::test::LoopbackHttpServer::Request& request) {
+            return qel::test::LoopbackHttpServer::http(200, "hello from " + request.header("Host"), "", false,
+                                                      "text/plain");
         });
         const int port = freePort(SOCK_STREAM);
         serviceUrl = "http://127.0.0.1:" + std::to_string(port);
@@ -64,7 +65,7 @@ TEST_F(CurlExample, ConnectsToTheServicesAddressAndKeepsTheNameInTheHostHeader) 
     EXPECT_EQ(out, "hello from " + hostAndPort);
     EXPECT_TRUE(contains(err, "pinned " + hostAndPort + ":127.0.0.1")) << err;
     ASSERT_EQ(web.requests().size(), 1u);
-    EXPECT_EQ(web.requests()[0].target, "/hello");
+    EXPECT_EQ(web.requests()[0].target(), "/hello");
     EXPECT_TRUE(contains(server->output(), std::string("/resolve 200 ")) &&
                 contains(server->output(), std::string("host=") + kName))
         << server->output();
