@@ -64,7 +64,8 @@ int freePort(int type) {
 }
 
 LocalService::LocalService(const std::string& zone, size_t endpoints)
-    : service(Accounts::parse(std::string(kAuthId) + " " + kSecret, "accounts"), Zone::parse(zone, "zone"), access),
+    : service(Accounts::parse(std::string("# AuthId AuthSecret\n\n\t") + kAuthId + " " + kSecret + " \n", "accounts"),
+              Zone::parse(zone, "zone"), access),
       listener(service, std::vector<Endpoint>(endpoints, {"127.0.0.1", 0}), Listener::Limits{8}) {
     std::vector<std::string> nodes;
     for (const Endpoint& endpoint : listener.endpoints()) nodes.push_back(endpoint.url());
