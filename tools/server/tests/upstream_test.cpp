@@ -18,8 +18,9 @@ TEST(Upstream, TheServiceAsksTheDnsServerOnlyForNamesOutsideTheZone) {
     std::unique_ptr<ChildProcess> dns;
     std::unique_ptr<Upstream> upstream;
     const auto up = [&] { return upstream->resolve("up.example.test", AddressType::V4).kind == Upstream::Result::Answer; };
-    // The port may be taken between the choice and dnsmasq's bind: then another one.
-    for (int attempt = 0; attempt < 5 && !(dns && up()); ++attempt) {
+    // The port may be taken between the choice and dnsmasq's bind: then it exits, and another
+    // port is tried.
+    for (int attempt = 0; attempt < 5 && (!dns || dns->wait(std::chrono::milliseconds(0))); ++attempt) {
         const int port = freePort(SOCK_DGRAM);
         // Names it holds no record of are answered "no such name" (--local), not refused.
         dns = std::make_unique<ChildProcess>(
