@@ -1,134 +1,83 @@
-// Helpers of the service's tests: requests written the way the SDK writes them, the service
-// running in-process on a loopback port, the real binary as a child process, and dnsmasq as a
-// real DNS server on a high loopback port.
+// Helpers of the service's tests: requests built, signed and encoded by the SDK's own code, the
+// service in-process on loopback, and programs (the real binary, dnsmasq) as child processes.
 #pragma once
 
 #include <httplib.h>
-#include <sys/types.h>
-
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "Listener.h"
-#include "support/Eventually.h"
 #include "Service.h"
+#include "support/Eventually.h"
+#include "support/ScratchDirectory.h"
 
 namespace qel::server::test {
 
+using qel::test::eventually;
 constexpr char kAuthId[] = "acct-7";
 constexpr char kSecret[] = "s3cr3t-Pa55";
 constexpr char kAppId[] = "com.example.app";
 
-/// The whole URL percent-encoded as the SDK's transport does it: letters, digits and
-/// "-._~!$&'()*+,;=:@/?" stay, every other byte becomes %XX.
-std::string encodeLikeSdk(const std::string& text);
-
-/// Milliseconds since 1970, the clock the SDK stamps its requests with.
-int64_t nowMilliseconds();
-
-/// A signed request as the SDK's login / resolve builders make it, signed by the SDK's own
-/// signers (the application identifier is set to `appId` for the call).
+/// Path and query as the SDK sends them, with the header "MD5 <signature>" its signers make
+/// (they read the application identifier, which is set to `appId` for the call).
 struct SignedRequest {
-    std::string target;         // path and query, encoded like the SDK
-    std::string authorization;  // "MD5 <signature>"
+    std::string target, authorization;
 };
-SignedRequest sdkLogin(const std::string& authId, const std::string& secret, int64_t timestamp,
-                       const std::optional<std::string>& appId = std::string(kAppId));
-SignedRequest sdkResolve(const std::string& authId, const std::string& secret, const std::string& host,
-                         int type, int64_t timestamp,
-                         const std::optional<std::string>& appId = std::string(kAppId));
+SignedRequest sdkLogin(int64_t timestamp = Service::systemMilliseconds(),
+                       const std::optional<std::string>& appId = std::string(kAppId),
+                       const std::string& authId = kAuthId, const std::string& secret = kSecret);
+SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp = Service::systemMilliseconds(),
+                         const std::optional<std::string>& appId = std::string(kAppId),
+                         const std::string& authId = kAuthId, const std::string& secret = kSecret);
 
-/// A temporary file that is removed with the object.
-class TempFile {
-public:
-    explicit TempFile(const std::string& content = "");
-    ~TempFile();
+struct Answer {
+    int status = 0;  // 0: no answer
+    std::string body;
+};
+Answer get(httplib::Client& client, const SignedRequest& request);
+
+/// A file of its own holding `content`, removed with the object.
+struct TempFile {
+    explicit TempFile(const std::string& content = "") { write(content); }
     const std::string& path() const { return path_; }
     void write(const std::string& content) const;
     std::string read() const;
 
-private:
-    std::string path_;
-};
-
-/// The service in this process on 127.0.0.1 and a free port, with the account kAuthId and
-/// the zone text given; access lines and messages go to a file the test can read.
-class LocalService {
-public:
-    explicit LocalService(const std::string& zone = "", size_t endpoints = 1);
-    ~LocalService();
-
-    Service& service() { return *service_; }
-    Listener& listener() { return *listener_; }
-    std::string url(size_t endpoint = 0) const { return listener_->endpoints()[endpoint].url(); }
-    int port(size_t endpoint = 0) const { return listener_->endpoints()[endpoint].port; }
-    /// Everything logged so far.
-    std::string log() const;
-
-    /// The answer to a GET over a kept-alive connection to `endpoint`.
-    struct Answer {
-        int status = 0;
-        std::string body;
-        std::string field(const char* key) const;  // a top-level JSON member as text
-    };
-    Answer get(const SignedRequest& request, size_t endpoint = 0);
-
-private:
-    TempFile logPath_;  // opened for appending, as the service's own log file is
-    std::FILE* logFile_;
-    std::unique_ptr<AccessLog> log_;
-    std::unique_ptr<Service> service_;
-    std::unique_ptr<Listener> listener_;
-    std::vector<std::unique_ptr<httplib::Client>> clients_;
+    qel::test::ScratchDirectory directory;
+    const std::string path_ = directory.file("file");
 };
 
 /// A port on 127.0.0.1 that nothing listens on at the moment of the call (TCP or UDP).
 int freePort(int type);
 
-/// A program started with its output in files, stopped (SIGKILL) with the object if still up.
-class ChildProcess {
-public:
-    ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
-    ~ChildProcess();
-    pid_t pid() const { return pid_; }
-    void signal(int number) const;
-    /// The exit status, or nothing if it has not ended within `limit`.
-    std::optional<int> wait(std::chrono::seconds limit = std::chrono::seconds(20));
-    std::string output() const { return out_.read(); }
-    std::string errors() const { return err_.read(); }
+/// The service in this process on 127.0.0.1 and free ports, each handed out as a node, with
+/// the account kAuthId and the zone given; it logs to a file.
+struct LocalService {
+    explicit LocalService(const std::string& zone = "", size_t endpoints = 1);
+    std::string url(size_t endpoint = 0) const { return listener.endpoints()[endpoint].url(); }
+    int port(size_t endpoint = 0) const { return listener.endpoints()[endpoint].port; }
+    Answer get(const SignedRequest& request, size_t endpoint = 0) const {
+        httplib::Client client("127.0.0.1", port(endpoint));
+        return test::get(client, request);
+    }
 
-private:
-    TempFile out_, err_;
-    pid_t pid_ = -1;
-    bool reaped_ = false;
-    int status_ = 0;
+    TempFile log;
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> logFile{std::fopen(log.path().c_str(), "a"), &std::fclose};
+    AccessLog access{logFile.get(), logFile.get()};
+    Service service;
+    Listener listener;
 };
 
-using qel::test::eventually;
+/// A program with its output in files, killed with the object if still running.
+struct ChildProcess {
+    ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
+    ~ChildProcess();
+    /// The exit status, or nothing if it has not ended within `limit`.
+    std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(20));
+    std::string output() const { return out.read(); }
+    std::string errors() const { return err.read(); }
 
-/// The path of dnsmasq, or empty when it is not installed.
-std::string dnsmasqPath();
-
-/// dnsmasq on 127.0.0.1 and a free high port, answering only the records given (no upstream,
-/// no hosts file), every answer with the TTL `ttl`.
-class Dnsmasq {
-public:
-    Dnsmasq(const std::vector<std::string>& hostRecords, int ttl);
-    ~Dnsmasq();
-    int port() const { return port_; }
-    bool running() const { return ready_; }
-    std::string errors() const { return process_ ? process_->errors() : ""; }
-
-private:
-    int port_ = 0;
-    bool ready_ = false;
-    std::unique_ptr<ChildProcess> process_;
+    TempFile out, err;
+    pid_t pid;
+    std::optional<int> status;
 };
 
 }  // namespace qel::server::test
