@@ -10,6 +10,7 @@
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
+#include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
@@ -310,3 +311,7 @@ void QelHttpDnsManager::setDegradeHosts(std::optional<std::vector<std::string>> 
     hasDegradeHosts_.store(degradeHosts.has_value(), std::memory_order_release);
     degradeHosts_.swap(degradeHosts);
 }
+
+double QelHttpDnsManager::timeout() const { return QelDNSRequest::timeout(); }
+
+void QelHttpDnsManager::setTimeout(double timeout) { QelDNSRequest::setTimeout(timeout); }

@@ -39,7 +39,7 @@ public:
     /// The shared instance, made on first use (which also starts network monitoring) and
     /// never destroyed.
     static QelHttpDnsManager& shared();
-    /// "1.0.0".
+    /// The library's version, QelDNS_SDK_VERSION ("1.0.0").
     static std::string sdkVersion();
 
     QelHttpDnsManager(const QelHttpDnsManager&) = delete;
@@ -106,8 +106,8 @@ public:
     void setDegradeHosts(std::optional<std::vector<std::string>> degradeHosts);
     /// Timeout in seconds of every HTTP request the SDK sends; 0.0 (the default) means 20 s.
     /// Read by each request when it starts, so a change affects later requests only.
-    double timeout() const { return timeout_.load(std::memory_order_relaxed); }
-    void setTimeout(double timeout) { timeout_.store(timeout, std::memory_order_relaxed); }
+    double timeout() const;
+    void setTimeout(double timeout);
     /// Whether the pre-resolution list waiting for the first login has been run.
     bool isPreResolved() const { return isPreResolved_.load(std::memory_order_acquire); }
 
@@ -125,7 +125,6 @@ private:
     void setInitStatus(int64_t status) { initStatus_.store(status, std::memory_order_release); }
 
     std::atomic<int64_t> initStatus_{0};
-    std::atomic<double> timeout_{0.0};
     std::atomic<bool> isPreResolved_{false};
     // Lets a lookup skip the lock while no degraded host is set, the usual case.
     std::atomic<bool> hasDegradeHosts_{false};

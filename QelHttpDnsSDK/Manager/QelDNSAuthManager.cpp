@@ -110,11 +110,6 @@ int32_t QelDNSAuthManager::activateHostIndex() const {
     return activateHostIndex_;
 }
 
-void QelDNSAuthManager::setActivateHostIndex(int32_t activateHostIndex) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    activateHostIndex_ = activateHostIndex;
-}
-
 std::optional<std::vector<std::string>> QelDNSAuthManager::hostList() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return hostList_;

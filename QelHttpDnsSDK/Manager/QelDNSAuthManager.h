@@ -43,8 +43,8 @@ public:
     /// wrap-around, not even after a new list is stored. With no list at all the index still
     /// advances and nothing is returned.
     /// @throws std::out_of_range when a present list is too short for the advanced index (an
-    ///   empty "service_node_list", or an index set from outside): a programming or service
-    ///   fault that is reported, never read past the list. The index has then advanced.
+    ///   empty "service_node_list"): a service fault that is reported, never read past the
+    ///   list. The index has then advanced.
     std::optional<std::string> getNextHost();
 
     std::optional<std::string> authId() const;
@@ -54,7 +54,6 @@ public:
     std::optional<std::string> customServUrl() const;
     void setCustomServUrl(std::optional<std::string> customServUrl);
     int32_t activateHostIndex() const;
-    void setActivateHostIndex(int32_t activateHostIndex);
     std::optional<std::vector<std::string>> hostList() const;
     void setHostList(std::optional<std::vector<std::string>> hostList);
 

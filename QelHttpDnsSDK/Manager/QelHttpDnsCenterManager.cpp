@@ -78,10 +78,6 @@ std::string QelHttpDnsCenterManager::cacheKey(const std::optional<std::string>& 
     return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
 }
 
-std::string QelHttpDnsCenterManager::cacheDomainKeySuffix() const {
-    return type() == 1 ? "_v4" : "_v6";
-}
-
 void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>& domain,
                                                int64_t type, Completion completion) {
     // The key takes the suffix of the type stored by the previous lookup; the exchange reads
@@ -271,19 +267,9 @@ void QelHttpDnsCenterManager::setDomain(std::optional<std::string> domain) {
                           std::memory_order_release);
 }
 
-std::optional<std::string> QelHttpDnsCenterManager::authId() const {
-    Lock lock(mutex_);
-    return authId_;
-}
-
 void QelHttpDnsCenterManager::setAuthId(std::optional<std::string> authId) {
     Lock lock(mutex_);
     authId_.swap(authId);
-}
-
-std::optional<std::string> QelHttpDnsCenterManager::authSecret() const {
-    Lock lock(mutex_);
-    return authSecret_;
 }
 
 void QelHttpDnsCenterManager::setAuthSecret(std::optional<std::string> authSecret) {

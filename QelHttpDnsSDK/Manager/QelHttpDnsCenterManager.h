@@ -66,8 +66,6 @@ public:
     /// The address of every record, in order (records without one are left out).
     static std::vector<std::string> filterIPs(const QelDNSIPModelList& ips);
 
-    /// "_v4" when `type` is 1, else "_v6".
-    std::string cacheDomainKeySuffix() const;
     /// Whether the network manager sees a usable network now.
     bool checkNetworkAvailable();
     /// Empties the cache in memory and its entries in the store.
@@ -92,9 +90,8 @@ public:
     void setResolveUrl(std::optional<std::string> resolveUrl);
     std::optional<std::string> domain() const;
     void setDomain(std::optional<std::string> domain);
-    std::optional<std::string> authId() const;
+    // Write-only: the credentials are read only by the resolve requests this class signs.
     void setAuthId(std::optional<std::string> authId);
-    std::optional<std::string> authSecret() const;
     void setAuthSecret(std::optional<std::string> authSecret);
 
 private:
