@@ -13,10 +13,9 @@ namespace codes = QelDNSErrorCodes;
 }  // namespace
 
 QelDNSAuthManager& QelDNSAuthManager::shared() {
-    // Held by a shared_ptr (never released) so that login answers can hold it weakly.
-    static auto* const instance =
-        new std::shared_ptr<QelDNSAuthManager>(new QelDNSAuthManager());
-    return **instance;
+    // Never destroyed: login answers still on their way may use it at exit.
+    static QelDNSAuthManager* const instance = new QelDNSAuthManager();
+    return *instance;
 }
 
 void QelDNSAuthManager::setupWithAuthId(std::optional<std::string> authId,
@@ -47,13 +46,12 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     std::string baseUrl = QelDNS_SDK_NET_DEFAULT_BASE_URL;
     if (auto custom = customServUrl(); custom && !custom->empty()) baseUrl = std::move(*custom);
 
-    std::weak_ptr<QelDNSAuthManager> weakSelf = weak_from_this();
     QelDNSAppAuth::authWithUrl(
         baseUrl, id, secret,
-        [weakSelf, completion = std::move(completion)](
+        [this, completion = std::move(completion)](
             std::optional<QelDNSError> error, std::optional<std::string> node,
             std::optional<std::vector<std::string>> nodeList) {
-            if (auto self = weakSelf.lock()) self->setHostList(std::move(nodeList));
+            setHostList(std::move(nodeList));
             if (completion) completion(std::move(error), std::move(node));
         });
 }

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,7 +16,7 @@
 
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 
-class QelDNSAuthManager : public std::enable_shared_from_this<QelDNSAuthManager> {
+class QelDNSAuthManager {
 public:
     /// Receives (error, nothing) on failure or (nothing, node) on success.
     using Completion =
