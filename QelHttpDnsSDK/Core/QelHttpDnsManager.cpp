@@ -5,14 +5,13 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
-#include "QelHttpDnsSDK/Extras/QelDNSTraceHooks.h"
-#include "QelHttpDnsSDK/Extras/QelDNSTracedLookup.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
@@ -30,6 +29,16 @@ constexpr int64_t kStatusReady = 4;
 bool isPresent(const std::optional<std::string>& text) { return text && !text->empty(); }
 
 void logFramed(const std::string& text) { QelDNSLog::logWithStr("### " + text + " ###"); }
+
+// The callback of a followed lookup: announces the end, then answers.
+QelHttpDnsManager::ReturnBlock announcingEnd(QelDNSLookupHandle lookup,
+                                             QelHttpDnsManager::ReturnBlock returnBlock) {
+    return [lookup = std::move(lookup), returnBlock = std::move(returnBlock)](
+               std::optional<QelDNSError> error, std::optional<std::vector<std::string>> ips) {
+        QelDNSLookupEvents::lookupEnded(lookup, error, true);
+        if (returnBlock) returnBlock(std::move(error), std::move(ips));
+    };
+}
 
 }  // namespace
 
@@ -92,12 +101,11 @@ void QelHttpDnsManager::authenticationRequest() {
 // Logs in again with the credentials the registry already holds, then answers the lookup
 // that asked for it. Concurrent lookups each send their own login.
 void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
-                                                             int64_t type, ReturnBlock returnBlock) {
-    if (QelDNSLookupRecorder* trace = QelDNSTraceHooks::tracedOrNull(returnBlock)) {
-        trace->noteLoginRetry();
-    }
+                                                             int64_t type, ReturnBlock returnBlock,
+                                                             LookupHandle lookup) {
+    QelDNSLookupEvents::loginRetried(lookup);
     QelDNSAuthManager::shared().authWithCompletion(
-        [this, domain, type, returnBlock = std::move(returnBlock)](
+        [this, domain, type, returnBlock = std::move(returnBlock), lookup = std::move(lookup)](
             std::optional<QelDNSError> error, std::optional<std::string> node) mutable {
             if (error) {
                 authFailedHandler();
@@ -107,7 +115,8 @@ void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional
                 return;
             }
             authSucceedHandler(std::move(node));
-            QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock));
+            QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
+                                                               std::move(lookup));
         });
 }
 
@@ -184,17 +193,15 @@ void QelHttpDnsManager::getIPV6ByDomain(const std::optional<std::string>& domain
 
 void QelHttpDnsManager::getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                                       ReturnBlock returnBlock) {
-    if (QelDNSTraceHooks::active()) {
-        const QelDNSTracedLookup traced(domain, type, returnBlock);
-        return lookUp(domain, type, std::move(returnBlock));
-    }
-    lookUp(domain, type, std::move(returnBlock));
+    QelDNSLookupHandle lookup = QelDNSLookupEvents::lookupStarted(domain, type);
+    if (lookup) returnBlock = announcingEnd(lookup, std::move(returnBlock));
+    lookUp(domain, type, std::move(returnBlock), lookup);
 }
 
 // The order of the checks decides which error a lookup gets, and on the refusals of a bad
 // domain and of no network the callback runs before the log line.
 void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
-                               ReturnBlock&& returnBlock) {
+                               ReturnBlock&& returnBlock, const LookupHandle& lookup) {
     if (isDegraded(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kDegradeHost, codes::kDegradeHostMessage),
@@ -203,7 +210,10 @@ void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
         return;
     }
     const int64_t status = initStatus();
-    if (status == kStatusNeverRegistered) return;
+    if (status == kStatusNeverRegistered) {
+        QelDNSLookupEvents::lookupEnded(lookup, std::nullopt, false);
+        return;
+    }
     if (!checkDomainIsValid(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kMalformedDomain, codes::kMalformedDomainMessage),
@@ -222,11 +232,12 @@ void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
         return;
     }
     if (status == kStatusReady) {
-        QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock));
+        QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
+                                                           lookup);
         return;
     }
     if (status == kStatusAuthFailed) {
-        retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock));
+        retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
         return;
     }
     const std::string description = currentStatusDesc();

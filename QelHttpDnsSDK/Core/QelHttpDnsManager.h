@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +27,8 @@
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/QelDNSExport.h"
+
+struct QelDNSObservedLookup;
 
 class QEL_EXPORT QelHttpDnsManager {
 public:
@@ -114,11 +117,15 @@ public:
 private:
     QelHttpDnsManager();
 
-    // The checks and answer of getIPByDomain, which adds only the trace observer's hook.
-    void lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock);
+    using LookupHandle = std::shared_ptr<QelDNSObservedLookup>;  // null: not followed
+
+    // The checks and answer of getIPByDomain, which adds only the lookup's handle.
+    void lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock,
+                const LookupHandle& lookup);
     void authenticationRequest();
     void retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
-                                              int64_t type, ReturnBlock returnBlock);
+                                              int64_t type, ReturnBlock returnBlock,
+                                              LookupHandle lookup);
     void authSucceedHandler(std::optional<std::string> node);
     void authFailedHandler();
     bool isDegraded(const std::optional<std::string>& domain) const;

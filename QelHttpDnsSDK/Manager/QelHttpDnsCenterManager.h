@@ -23,6 +23,7 @@
 
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
 
 class QelHttpDnsCenterManager {
 public:
@@ -49,8 +50,10 @@ public:
     /// calling thread; otherwise the service is asked (`requestIPsWithRetryCount(0, ...)`) and
     /// a success is stored (when `cacheIP` still holds) before the completion runs. An empty
     /// completion is allowed: the answer is then dropped.
+    /// `lookup`: the handle of a lookup a listener follows (null: none), passed on to every
+    /// attempt; the cache read, each request, failure and node switch are announced with it.
     void getIPsWithDomain(const std::optional<std::string>& domain, int64_t type,
-                          Completion completion);
+                          Completion completion, QelDNSLookupHandle lookup = nullptr);
 
     /// One attempt of the pending lookup, `count` attempts having been made before it:
     /// - the limit `retryCountNum` (0: none) reached: (-1 "request error") at once;
@@ -61,7 +64,8 @@ public:
     /// - 403: the limit is switched off and the error is passed on;
     /// - any other error: the next attempt at once.
     /// Each attempt reads the pending domain and type afresh.
-    void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion);
+    void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion,
+                                  QelDNSLookupHandle lookup = nullptr);
 
     /// The address of every record, in order (records without one are left out).
     static std::vector<std::string> filterIPs(const QelDNSIPModelList& ips);
@@ -100,8 +104,10 @@ private:
 
     static std::string cacheKey(const std::optional<std::string>& domain, int64_t type);
     void handleAttempt(int32_t count, const RecordsCompletion& completion,
+                       const QelDNSLookupHandle& lookup,
                        std::optional<QelDNSError> error, QelDNSIPModelListRef records);
-    void switchNode(int32_t count, const RecordsCompletion& completion);
+    void switchNode(int32_t count, const RecordsCompletion& completion,
+                    const QelDNSLookupHandle& lookup);
     void networkStatusChanged();
 
     std::atomic<bool> serviceEnable_{false};
