@@ -144,6 +144,12 @@ void QelHttpDnsManager::authSucceedHandler(std::optional<std::string> node) {
     if (pending && !pending->empty()) preGetIPsWithDomains(*pending);
 }
 
+void QelHttpDnsManager::setInitStatus(int64_t status) {
+    initStatus_.store(status, std::memory_order_release);
+    { std::lock_guard<std::mutex> lock(statusMutex_); }  // a waiter checks, then sleeps, under it
+    statusSet_.notify_all();
+}
+
 void QelHttpDnsManager::authFailedHandler() {
     qel::platform::Console::log("### 鉴权失败，请检查AuthId或AuthSecret是否正确 ###");
     setInitStatus(kStatusAuthFailed);
@@ -193,26 +199,31 @@ void QelHttpDnsManager::getIPV6ByDomain(const std::optional<std::string>& domain
 
 void QelHttpDnsManager::getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                                       ReturnBlock returnBlock) {
+    startLookup(domain, type, std::move(returnBlock));
+}
+
+bool QelHttpDnsManager::startLookup(const std::optional<std::string>& domain, int64_t type,
+                                    ReturnBlock returnBlock) {
     QelDNSLookupHandle lookup = QelDNSLookupEvents::lookupStarted(domain, type);
     if (lookup) returnBlock = announcingEnd(lookup, std::move(returnBlock));
-    lookUp(domain, type, std::move(returnBlock), lookup);
+    return lookUp(domain, type, std::move(returnBlock), lookup);
 }
 
 // The order of the checks decides which error a lookup gets, and on the refusals of a bad
 // domain and of no network the callback runs before the log line.
-void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
+bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
                                ReturnBlock&& returnBlock, const LookupHandle& lookup) {
     if (isDegraded(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kDegradeHost, codes::kDegradeHostMessage),
                         std::nullopt);
         }
-        return;
+        return true;
     }
     const int64_t status = initStatus();
     if (status == kStatusNeverRegistered) {
         QelDNSLookupEvents::lookupEnded(lookup, std::nullopt, false);
-        return;
+        return false;
     }
     if (!checkDomainIsValid(domain)) {
         if (returnBlock) {
@@ -220,7 +231,7 @@ void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
                         std::nullopt);
         }
         logFramed(codes::kMalformedDomainMessage);
-        return;
+        return true;
     }
     if (!checkNetworkAvailable()) {
         if (returnBlock) {
@@ -229,20 +240,21 @@ void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
                 std::nullopt);
         }
         logFramed(codes::kNetworkUnavailableMessage);
-        return;
+        return true;
     }
     if (status == kStatusReady) {
         QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
                                                            lookup);
-        return;
+        return true;
     }
     if (status == kStatusAuthFailed) {
         retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
-        return;
+        return true;
     }
     const std::string description = currentStatusDesc();
     logFramed(description);
     if (returnBlock) returnBlock(QelDNSUntil::errorCode(codes::kNotReady, description), std::nullopt);
+    return true;
 }
 
 bool QelHttpDnsManager::isDegraded(const std::optional<std::string>& domain) const {

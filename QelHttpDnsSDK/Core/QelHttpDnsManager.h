@@ -16,6 +16,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -115,12 +116,17 @@ public:
     bool isPreResolved() const { return isPreResolved_.load(std::memory_order_acquire); }
 
 private:
+    friend struct QelDNSManagerExtensions;
+
     QelHttpDnsManager();
 
     using LookupHandle = std::shared_ptr<QelDNSObservedLookup>;  // null: not followed
 
-    // The checks and answer of getIPByDomain, which adds only the lookup's handle.
-    void lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock,
+    // getIPByDomain; false when the lookup was dropped, as lookUp says.
+    bool startLookup(const std::optional<std::string>& domain, int64_t type, ReturnBlock returnBlock);
+    // The checks and answer of getIPByDomain, which adds only the lookup's handle. False when
+    // the lookup is dropped: no callback will come, and no copy of it is kept.
+    bool lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock,
                 const LookupHandle& lookup);
     void authenticationRequest();
     void retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
@@ -129,7 +135,7 @@ private:
     void authSucceedHandler(std::optional<std::string> node);
     void authFailedHandler();
     bool isDegraded(const std::optional<std::string>& domain) const;
-    void setInitStatus(int64_t status) { initStatus_.store(status, std::memory_order_release); }
+    void setInitStatus(int64_t status);
 
     std::atomic<int64_t> initStatus_{0};
     std::atomic<bool> isPreResolved_{false};
@@ -141,4 +147,8 @@ private:
     std::optional<std::string> authId_;                                    // guarded by mutex_
     std::optional<std::string> authSecret_;                                // guarded by mutex_
     std::optional<std::vector<QelDNSPreResolveModel>> preResolveDomians_;  // guarded by mutex_
+
+    // Signalled when a login reply (or a refused registration) sets a status.
+    std::mutex statusMutex_;
+    std::condition_variable statusSet_;
 };
