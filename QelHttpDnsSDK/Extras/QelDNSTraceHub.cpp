@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
 
 // One lookup followed for the installation current when it started.
@@ -35,7 +36,7 @@ QelDNSTraceHub& QelDNSTraceHub::shared() {
 void QelDNSTraceHub::install(QelDNSTraceObserver::Observer observer) {
     std::vector<Installation*> drained;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         Installation* next = nullptr;
         if (observer) {
             next = new Installation(std::move(observer));

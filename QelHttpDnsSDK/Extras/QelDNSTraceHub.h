@@ -15,9 +15,9 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
 
@@ -57,7 +57,7 @@ private:
     void deliver(Installation* installation, const QelDNSLookupTrace& trace);
 
     std::atomic<Installation*> current_{nullptr};
-    std::mutex mutex_;
-    std::vector<Installation*> records_;  // guarded by mutex_: every one made, never freed
-    std::vector<Installation*> retired_;  // guarded by mutex_: replaced, observer not yet freed
+    qel::platform::Mutex mutex_;
+    std::vector<Installation*> records_ QEL_GUARDED_BY(mutex_);  // every one made, never freed
+    std::vector<Installation*> retired_ QEL_GUARDED_BY(mutex_);  // replaced, observer not yet freed
 };

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
@@ -57,7 +58,7 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
 }
 
 std::optional<std::string> QelDNSAuthManager::getNextHost() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     const int64_t next = static_cast<int64_t>(activateHostIndex_) + 1;
     const uint64_t count = hostList_ ? hostList_->size() : 0;
     // Unsigned on purpose: an absent list (count 0) wraps to the largest value and passes.
@@ -74,46 +75,46 @@ std::optional<std::string> QelDNSAuthManager::getNextHost() {
 }
 
 std::optional<std::string> QelDNSAuthManager::authId() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return authId_;
 }
 
 void QelDNSAuthManager::setAuthId(std::optional<std::string> authId) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     authId_ = std::move(authId);
 }
 
 std::optional<std::string> QelDNSAuthManager::authSecret() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return authSecret_;
 }
 
 void QelDNSAuthManager::setAuthSecret(std::optional<std::string> authSecret) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     authSecret_ = std::move(authSecret);
 }
 
 std::optional<std::string> QelDNSAuthManager::customServUrl() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return customServUrl_;
 }
 
 void QelDNSAuthManager::setCustomServUrl(std::optional<std::string> customServUrl) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     customServUrl_ = std::move(customServUrl);
 }
 
 int32_t QelDNSAuthManager::activateHostIndex() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return activateHostIndex_;
 }
 
 std::optional<std::vector<std::string>> QelDNSAuthManager::hostList() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return hostList_;
 }
 
 void QelDNSAuthManager::setHostList(std::optional<std::vector<std::string>> hostList) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     hostList_ = std::move(hostList);
 }

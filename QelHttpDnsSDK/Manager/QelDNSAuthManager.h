@@ -9,11 +9,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 
 class QelDNSAuthManager {
@@ -59,10 +59,10 @@ public:
 private:
     QelDNSAuthManager() = default;
 
-    mutable std::mutex mutex_;
-    std::optional<std::string> authId_;
-    std::optional<std::string> authSecret_;
-    int32_t activateHostIndex_ = 0;
-    std::optional<std::vector<std::string>> hostList_;
-    std::optional<std::string> customServUrl_;
+    mutable qel::platform::Mutex mutex_;
+    std::optional<std::string> authId_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authSecret_ QEL_GUARDED_BY(mutex_);
+    int32_t activateHostIndex_ QEL_GUARDED_BY(mutex_) = 0;
+    std::optional<std::vector<std::string>> hostList_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> customServUrl_ QEL_GUARDED_BY(mutex_);
 };

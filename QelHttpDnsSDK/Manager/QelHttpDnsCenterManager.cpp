@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
@@ -15,7 +16,7 @@
 
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = qel::platform::MutexLock;
 
 using QelDNSCallbacks::callCatching;
 

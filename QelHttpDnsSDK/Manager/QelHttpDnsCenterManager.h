@@ -16,11 +16,11 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
@@ -119,9 +119,9 @@ private:
     // the pending pair in some version knows it is unchanged while the version is.
     std::atomic<uint64_t> pendingVersion_{1};
 
-    mutable std::mutex mutex_;
-    std::optional<std::string> resolveUrl_;  // guarded by mutex_
-    std::optional<std::string> domain_;      // guarded by mutex_
-    std::optional<std::string> authId_;      // guarded by mutex_
-    std::optional<std::string> authSecret_;  // guarded by mutex_
+    mutable qel::platform::Mutex mutex_;
+    std::optional<std::string> resolveUrl_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> domain_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authId_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authSecret_ QEL_GUARDED_BY(mutex_);
 };
