@@ -5,6 +5,8 @@
 //   the same hit with a trace observer  vs  without one (added nanoseconds)
 //   the same hit                        vs  getaddrinfo("localhost") (/etc/hosts, no DNS)
 //   hits from 2 threads                 vs  1 thread, in aggregate throughput
+//   hits over 64 and 4096 cached names  vs  a std::unordered_map of as many, round-robin and
+//                                           in random order
 //   miss answered by the service        vs  a bare reused libcurl GET of the same URL
 //   bytes in memory per cached domain with two addresses
 // The ratios are printed after the table.
@@ -31,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -285,6 +288,80 @@ void BM_Step_CacheManagerHit(benchmark::State& state) {
     if (records != 2 * static_cast<size_t>(state.iterations())) state.SkipWithError("not a hit");
 }
 
+// ---------------------------------------------------------------------- hits over many names
+
+// `count` names, each cached in memory with two addresses under its "_v4" key, and the order
+// to ask them in: each in turn, or a fixed random sequence.
+struct ManyNames {
+    std::vector<std::optional<std::string>> names;
+    std::vector<uint32_t> order;  // a power of two long
+
+    ManyNames(int count, bool random) {
+        QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+        for (int i = 0; i < count; ++i) {
+            names.push_back("n" + std::to_string(i) + ".names.example.test");
+            auto records = std::make_shared<QelDNSIPModelList>();
+            for (const std::string& ip : kAddresses) {
+                auto record = std::make_shared<QelDNSIPModel>();
+                record->setDomain(names.back());
+                record->setIp(ip);
+                record->setTtl(86400);
+                record->setLookupTime(qel::platform::Clock::currentTime());
+                records->push_back(record);
+            }
+            cache.saveIPs(records, *names.back() + "_v4", false);
+        }
+        std::mt19937 shuffle(7);
+        order.resize(1 << 16);
+        for (size_t i = 0; i < order.size(); ++i) {
+            order[i] = static_cast<uint32_t>(random ? shuffle() % count : i % count);
+        }
+    }
+
+    static const ManyNames& get(int count, bool random) {
+        static std::map<std::pair<int, bool>, ManyNames*> made;
+        auto& entry = made[{count, random}];
+        if (!entry) entry = new ManyNames(count, random);
+        return *entry;
+    }
+};
+
+// range(0) names, range(1) 0 round-robin or 1 random.
+void BM_Hit_ManyNames(benchmark::State& state) {
+    const ManyNames& many = ManyNames::get(static_cast<int>(state.range(0)), state.range(1) != 0);
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const size_t mask = many.order.size() - 1;
+    size_t next = 0;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        dns.getIPV4ByDomain(many.names[many.order[next++ & mask]],
+                            [&hits](std::optional<QelDNSError>, Ips ips) {
+                                hits += ips && ips->size() == 2;
+                            });
+    }
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+void BM_BareMap_ManyNames(benchmark::State& state) {
+    const ManyNames& many = ManyNames::get(static_cast<int>(state.range(0)), state.range(1) != 0);
+    std::unordered_map<std::string, std::vector<std::string>> map;
+    for (const auto& name : many.names) map[*name + "_v4"] = kAddresses;
+    const size_t mask = many.order.size() - 1;
+    size_t next = 0;
+    for (auto _ : state) {
+        // The key is built as a lookup builds it, from the name asked.
+        const std::string key = *many.names[many.order[next++ & mask]] + "_v4";
+        Ips ips;
+        if (const auto found = map.find(key); found != map.end()) ips = found->second;
+        benchmark::DoNotOptimize(ips);
+    }
+}
+
+BENCHMARK(BM_Hit_ManyNames)->ArgNames({"names", "random"})->ArgsProduct({{64, 4096}, {0, 1}})
+    ->UseRealTime();
+BENCHMARK(BM_BareMap_ManyNames)->ArgNames({"names", "random"})->ArgsProduct({{64, 4096}, {0, 1}})
+    ->UseRealTime();
+
 BENCHMARK(BM_Step_CheckDomainIsValid)->ThreadRange(1, 2)->UseRealTime();
 BENCHMARK(BM_Step_CheckNetworkAvailable)->ThreadRange(1, 2)->UseRealTime();
 BENCHMARK(BM_Step_ResolverHit)->ThreadRange(1, 2)->UseRealTime();
@@ -436,6 +513,13 @@ void report(const MedianReporter& medians) {
         if (!throughput || !cpu) continue;
         std::printf("  %-34s %9.2fx  %11.2fx  %12.2fx%s\n", name + 3, *throughput, *cpu, 2 / *cpu,
                     name == std::string("BM_Hit_getIPV4ByDomain") ? "  (target >= 1.5x)" : "");
+    }
+    for (const char* names : {"names:64/random:0", "names:64/random:1", "names:4096/random:0",
+                              "names:4096/random:1"}) {
+        const std::string suffix = std::string("/") + names;
+        printRatio(("hit over " + std::string(names) + " / bare map:").c_str(),
+                   divide(medians.seconds("BM_Hit_ManyNames" + suffix),
+                          medians.seconds("BM_BareMap_ManyNames" + suffix)));
     }
     std::printf("steps of a hit, ns per call on 1 thread:");
     for (const char* step : {"BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",

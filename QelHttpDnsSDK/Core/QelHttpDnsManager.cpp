@@ -5,13 +5,13 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
-#include "QelHttpDnsSDK/Extras/QelDNSTraceHooks.h"
-#include "QelHttpDnsSDK/Extras/QelDNSTracedLookup.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
+#include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
@@ -29,6 +29,16 @@ constexpr int64_t kStatusReady = 4;
 bool isPresent(const std::optional<std::string>& text) { return text && !text->empty(); }
 
 void logFramed(const std::string& text) { QelDNSLog::logWithStr("### " + text + " ###"); }
+
+// The callback of a followed lookup: announces the end, then answers.
+QelHttpDnsManager::ReturnBlock announcingEnd(QelDNSLookupHandle lookup,
+                                             QelHttpDnsManager::ReturnBlock returnBlock) {
+    return [lookup = std::move(lookup), returnBlock = std::move(returnBlock)](
+               std::optional<QelDNSError> error, std::optional<std::vector<std::string>> ips) {
+        QelDNSLookupEvents::lookupEnded(lookup, error, true);
+        if (returnBlock) returnBlock(std::move(error), std::move(ips));
+    };
+}
 
 }  // namespace
 
@@ -91,12 +101,11 @@ void QelHttpDnsManager::authenticationRequest() {
 // Logs in again with the credentials the registry already holds, then answers the lookup
 // that asked for it. Concurrent lookups each send their own login.
 void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
-                                                             int64_t type, ReturnBlock returnBlock) {
-    if (QelDNSLookupRecorder* trace = QelDNSTraceHooks::tracedOrNull(returnBlock)) {
-        trace->noteLoginRetry();
-    }
+                                                             int64_t type, ReturnBlock returnBlock,
+                                                             LookupHandle lookup) {
+    QelDNSLookupEvents::loginRetried(lookup);
     QelDNSAuthManager::shared().authWithCompletion(
-        [this, domain, type, returnBlock = std::move(returnBlock)](
+        [this, domain, type, returnBlock = std::move(returnBlock), lookup = std::move(lookup)](
             std::optional<QelDNSError> error, std::optional<std::string> node) mutable {
             if (error) {
                 authFailedHandler();
@@ -106,7 +115,8 @@ void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional
                 return;
             }
             authSucceedHandler(std::move(node));
-            QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock));
+            QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
+                                                               std::move(lookup));
         });
 }
 
@@ -132,6 +142,12 @@ void QelHttpDnsManager::authSucceedHandler(std::optional<std::string> node) {
         if (!isPreResolved()) pending = preResolveDomians_;
     }
     if (pending && !pending->empty()) preGetIPsWithDomains(*pending);
+}
+
+void QelHttpDnsManager::setInitStatus(int64_t status) {
+    initStatus_.store(status, std::memory_order_release);
+    { std::lock_guard<std::mutex> lock(statusMutex_); }  // a waiter checks, then sleeps, under it
+    statusSet_.notify_all();
 }
 
 void QelHttpDnsManager::authFailedHandler() {
@@ -183,33 +199,39 @@ void QelHttpDnsManager::getIPV6ByDomain(const std::optional<std::string>& domain
 
 void QelHttpDnsManager::getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                                       ReturnBlock returnBlock) {
-    if (QelDNSTraceHooks::active()) {
-        const QelDNSTracedLookup traced(domain, type, returnBlock);
-        return lookUp(domain, type, std::move(returnBlock));
-    }
-    lookUp(domain, type, std::move(returnBlock));
+    startLookup(domain, type, std::move(returnBlock));
+}
+
+bool QelHttpDnsManager::startLookup(const std::optional<std::string>& domain, int64_t type,
+                                    ReturnBlock returnBlock) {
+    QelDNSLookupHandle lookup = QelDNSLookupEvents::lookupStarted(domain, type);
+    if (lookup) returnBlock = announcingEnd(lookup, std::move(returnBlock));
+    return lookUp(domain, type, std::move(returnBlock), lookup);
 }
 
 // The order of the checks decides which error a lookup gets, and on the refusals of a bad
 // domain and of no network the callback runs before the log line.
-void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
-                               ReturnBlock&& returnBlock) {
+bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t type,
+                               ReturnBlock&& returnBlock, const LookupHandle& lookup) {
     if (isDegraded(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kDegradeHost, codes::kDegradeHostMessage),
                         std::nullopt);
         }
-        return;
+        return true;
     }
     const int64_t status = initStatus();
-    if (status == kStatusNeverRegistered) return;
+    if (status == kStatusNeverRegistered) {
+        QelDNSLookupEvents::lookupEnded(lookup, std::nullopt, false);
+        return false;
+    }
     if (!checkDomainIsValid(domain)) {
         if (returnBlock) {
             returnBlock(QelDNSUntil::errorCode(codes::kMalformedDomain, codes::kMalformedDomainMessage),
                         std::nullopt);
         }
         logFramed(codes::kMalformedDomainMessage);
-        return;
+        return true;
     }
     if (!checkNetworkAvailable()) {
         if (returnBlock) {
@@ -218,19 +240,21 @@ void QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
                 std::nullopt);
         }
         logFramed(codes::kNetworkUnavailableMessage);
-        return;
+        return true;
     }
     if (status == kStatusReady) {
-        QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock));
-        return;
+        QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
+                                                           lookup);
+        return true;
     }
     if (status == kStatusAuthFailed) {
-        retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock));
-        return;
+        retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
+        return true;
     }
     const std::string description = currentStatusDesc();
     logFramed(description);
     if (returnBlock) returnBlock(QelDNSUntil::errorCode(codes::kNotReady, description), std::nullopt);
+    return true;
 }
 
 bool QelHttpDnsManager::isDegraded(const std::optional<std::string>& domain) const {
@@ -310,3 +334,7 @@ void QelHttpDnsManager::setDegradeHosts(std::optional<std::vector<std::string>> 
     hasDegradeHosts_.store(degradeHosts.has_value(), std::memory_order_release);
     degradeHosts_.swap(degradeHosts);
 }
+
+double QelHttpDnsManager::timeout() const { return QelDNSRequest::timeout(); }
+
+void QelHttpDnsManager::setTimeout(double timeout) { QelDNSRequest::setTimeout(timeout); }

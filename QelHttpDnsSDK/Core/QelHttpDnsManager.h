@@ -16,8 +16,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +28,8 @@
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/QelDNSExport.h"
+
+struct QelDNSObservedLookup;
 
 class QEL_EXPORT QelHttpDnsManager {
 public:
@@ -39,7 +43,7 @@ public:
     /// The shared instance, made on first use (which also starts network monitoring) and
     /// never destroyed.
     static QelHttpDnsManager& shared();
-    /// "1.0.0".
+    /// The library's version, QelDNS_SDK_VERSION ("1.0.0").
     static std::string sdkVersion();
 
     QelHttpDnsManager(const QelHttpDnsManager&) = delete;
@@ -106,26 +110,34 @@ public:
     void setDegradeHosts(std::optional<std::vector<std::string>> degradeHosts);
     /// Timeout in seconds of every HTTP request the SDK sends; 0.0 (the default) means 20 s.
     /// Read by each request when it starts, so a change affects later requests only.
-    double timeout() const { return timeout_.load(std::memory_order_relaxed); }
-    void setTimeout(double timeout) { timeout_.store(timeout, std::memory_order_relaxed); }
+    double timeout() const;
+    void setTimeout(double timeout);
     /// Whether the pre-resolution list waiting for the first login has been run.
     bool isPreResolved() const { return isPreResolved_.load(std::memory_order_acquire); }
 
 private:
+    friend struct QelDNSManagerExtensions;
+
     QelHttpDnsManager();
 
-    // The checks and answer of getIPByDomain, which adds only the trace observer's hook.
-    void lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock);
+    using LookupHandle = std::shared_ptr<QelDNSObservedLookup>;  // null: not followed
+
+    // getIPByDomain; false when the lookup was dropped, as lookUp says.
+    bool startLookup(const std::optional<std::string>& domain, int64_t type, ReturnBlock returnBlock);
+    // The checks and answer of getIPByDomain, which adds only the lookup's handle. False when
+    // the lookup is dropped: no callback will come, and no copy of it is kept.
+    bool lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock,
+                const LookupHandle& lookup);
     void authenticationRequest();
     void retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
-                                              int64_t type, ReturnBlock returnBlock);
+                                              int64_t type, ReturnBlock returnBlock,
+                                              LookupHandle lookup);
     void authSucceedHandler(std::optional<std::string> node);
     void authFailedHandler();
     bool isDegraded(const std::optional<std::string>& domain) const;
-    void setInitStatus(int64_t status) { initStatus_.store(status, std::memory_order_release); }
+    void setInitStatus(int64_t status);
 
     std::atomic<int64_t> initStatus_{0};
-    std::atomic<double> timeout_{0.0};
     std::atomic<bool> isPreResolved_{false};
     // Lets a lookup skip the lock while no degraded host is set, the usual case.
     std::atomic<bool> hasDegradeHosts_{false};
@@ -135,4 +147,8 @@ private:
     std::optional<std::string> authId_;                                    // guarded by mutex_
     std::optional<std::string> authSecret_;                                // guarded by mutex_
     std::optional<std::vector<QelDNSPreResolveModel>> preResolveDomians_;  // guarded by mutex_
+
+    // Signalled when a login reply (or a refused registration) sets a status.
+    std::mutex statusMutex_;
+    std::condition_variable statusSet_;
 };

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Core/QelDNSManagerExtensions.h"
 #include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/PlatformThread.h"
@@ -25,8 +25,6 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 using Result = QelDNSBlockingLookup::Result;
 
-// How often a lookup made before the first login reply checks whether the reply has come.
-constexpr auto kLoginPoll = std::chrono::milliseconds(5);
 // Longer waits are taken as "no limit" rather than overflowing the clock.
 constexpr double kLongestTimeout = 10.0 * 365 * 24 * 3600;
 
@@ -72,12 +70,6 @@ QelHttpDnsManager::ReturnBlock answerInto(const std::shared_ptr<Pending>& pendin
     };
 }
 
-std::optional<Result> takeIfDone(Pending& pending) {
-    std::lock_guard<std::mutex> lock(pending.mutex);
-    if (!pending.done.load(std::memory_order_relaxed)) return std::nullopt;
-    return std::move(pending.result);
-}
-
 // Waits for the answer of a lookup the manager has taken on.
 Result waitFor(Pending& pending, SteadyClock::time_point deadline) {
     std::unique_lock<std::mutex> lock(pending.mutex);
@@ -90,16 +82,6 @@ Result waitFor(Pending& pending, SteadyClock::time_point deadline) {
     return std::move(pending.result);
 }
 
-// The manager drops lookups until its first login reply; true once that reply has come
-// before the deadline (checked first, so that asking again can never go on without end).
-bool waitForLoginReply(const QelHttpDnsManager& manager, SteadyClock::time_point deadline) {
-    for (;;) {
-        if (SteadyClock::now() >= deadline) return false;
-        if (manager.initStatus() != 0) return true;
-        std::this_thread::sleep_for(kLoginPoll);
-    }
-}
-
 }  // namespace
 
 QelDNSBlockingLookup::Result QelDNSBlockingLookup::resolve(const std::optional<std::string>& domain,
@@ -107,23 +89,17 @@ QelDNSBlockingLookup::Result QelDNSBlockingLookup::resolve(const std::optional<s
     if (qel::platform::isPlatformThread()) {
         return failure(codes::kCalledOnPlatformThread, codes::kCalledOnPlatformThreadMessage);
     }
-    QelHttpDnsManager& manager = QelHttpDnsManager::shared();
     std::optional<SteadyClock::time_point> deadline;  // read the clock only when a wait is due
     for (;;) {
         auto pending = std::make_shared<Pending>();
-        manager.getIPByDomain(domain, type, answerInto(pending));
+        const bool taken = QelDNSManagerExtensions::getIPByDomain(domain, type, answerInto(pending));
         // A cache hit or a refusal has already answered on this thread: no wait.
         if (pending->done.load(std::memory_order_acquire)) return std::move(pending->result);
         if (!deadline) deadline = deadlineAfter(timeout);
-        // No copy of the callback left and no answer: the manager dropped the lookup, which it
-        // does only before its first login reply. Ask again once that reply is in.
-        if (pending.use_count() == 1) {
-            if (std::optional<Result> late = takeIfDone(*pending)) return std::move(*late);
-            if (!waitForLoginReply(manager, *deadline)) {
-                return failure(codes::kTimedOut, codes::kTimedOutMessage);
-            }
-            continue;
+        if (taken) return waitFor(*pending, *deadline);
+        // Dropped, as the manager does before its first login reply: ask again once it is in.
+        if (!QelDNSManagerExtensions::waitForStatus(*deadline)) {
+            return failure(codes::kTimedOut, codes::kTimedOutMessage);
         }
-        return waitFor(*pending, *deadline);
     }
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
@@ -153,8 +154,7 @@ void qel_httpdns_result_free(qel_httpdns_result* result) {
 void qel_httpdns_string_free(char* text) { std::free(text); }
 
 const char* qel_httpdns_version(void) {
-    static const char version[] = "1.0.0";
-    return version;
+    return QelDNS_SDK_VERSION;
 }
 
 qel_httpdns_error* qel_httpdns_set_bundle_identifier(const char* identifier) {

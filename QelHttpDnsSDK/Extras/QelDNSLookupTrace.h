@@ -41,5 +41,14 @@ struct QEL_EXPORT QelDNSLookupTrace {
     int64_t micros = 0;
 
     /// "memory", "store", "service", "refused" or "unanswered".
-    static const char* sourceName(Source source);
+    static const char* sourceName(Source source) {
+        switch (source) {
+            case Source::Memory: return "memory";
+            case Source::Store: return "store";
+            case Source::Service: return "service";
+            case Source::Refused: return "refused";
+            case Source::Unanswered: return "unanswered";
+        }
+        return "unknown";
+    }
 };

@@ -1,11 +1,25 @@
 #include "QelHttpDnsSDK/Extras/QelDNSTraceHub.h"
 
-#include <exception>
-#include <string>
+#include <algorithm>
+#include <chrono>
 #include <thread>
 #include <utility>
 
-#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/Mutex.h"
+#include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
+
+// One lookup followed for the installation current when it started.
+struct QelDNSObservedLookup {
+    QelDNSObservedLookup(QelDNSTraceHub::Installation* record, const std::optional<std::string>& domain,
+                         int64_t type)
+        : installation(record) {
+        trace.domain = domain;
+        trace.type = type;
+    }
+    QelDNSTraceHub::Installation* const installation;
+    const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    QelDNSLookupTrace trace;
+};
 
 namespace {
 
@@ -22,13 +36,14 @@ QelDNSTraceHub& QelDNSTraceHub::shared() {
 void QelDNSTraceHub::install(QelDNSTraceObserver::Observer observer) {
     std::vector<Installation*> drained;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         Installation* next = nullptr;
         if (observer) {
             next = new Installation(std::move(observer));
             records_.push_back(next);
         }
         if (Installation* replaced = current_.exchange(next)) retired_.push_back(replaced);
+        QelDNSLookupEvents::setListener(next ? this : nullptr);
         if (callsOnThisThread > 0) return;
         drained.swap(retired_);
     }
@@ -39,25 +54,49 @@ void QelDNSTraceHub::install(QelDNSTraceObserver::Observer observer) {
     }
 }
 
+QelDNSLookupHandle QelDNSTraceHub::lookupStarted(const std::optional<std::string>& domain,
+                                                 int64_t type) {
+    Installation* const installation = current_.load(std::memory_order_acquire);
+    if (!installation) return nullptr;
+    return std::make_shared<QelDNSObservedLookup>(installation, domain, type);
+}
+
+void QelDNSTraceHub::cacheRead(QelDNSObservedLookup& lookup, const std::string& key,
+                               CacheRead read) {
+    lookup.trace.cacheKey = key;
+    if (read == CacheRead::Memory) lookup.trace.source = QelDNSLookupTrace::Source::Memory;
+    if (read == CacheRead::Store) lookup.trace.source = QelDNSLookupTrace::Source::Store;
+}
+
+void QelDNSTraceHub::loginRetried(QelDNSObservedLookup& lookup) { lookup.trace.loginRetried = true; }
+
+void QelDNSTraceHub::requestSent(QelDNSObservedLookup& lookup,
+                                 const std::optional<std::string>& node) {
+    QelDNSLookupTrace& trace = lookup.trace;
+    trace.source = QelDNSLookupTrace::Source::Service;
+    ++trace.attempts;
+    const std::string name = node.value_or("");
+    if (std::find(trace.nodes.begin(), trace.nodes.end(), name) == trace.nodes.end()) {
+        trace.nodes.push_back(name);
+    }
+}
+
+void QelDNSTraceHub::lookupEnded(QelDNSObservedLookup& lookup,
+                                 const std::optional<QelDNSError>& error, bool answered) {
+    if (!answered) lookup.trace.source = QelDNSLookupTrace::Source::Unanswered;
+    lookup.trace.error = error;
+    lookup.trace.micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                              std::chrono::steady_clock::now() - lookup.started)
+                              .count();
+    deliver(lookup.installation, lookup.trace);
+}
+
 void QelDNSTraceHub::deliver(Installation* installation, const QelDNSLookupTrace& trace) {
-    if (!installation) return;
     installation->calls.fetch_add(1);
     if (current_.load() == installation) {
         ++callsOnThisThread;
-        callCatching(installation->observer, trace);
+        QelDNSCallbacks::callCatchingAs("a trace observer", installation->observer, trace);
         --callsOnThisThread;
     }
     installation->calls.fetch_sub(1, std::memory_order_release);
-}
-
-void QelDNSTraceHub::callCatching(const QelDNSTraceObserver::Observer& observer,
-                                  const QelDNSLookupTrace& trace) {
-    try {
-        observer(trace);
-    } catch (const std::exception& exception) {
-        qel::platform::Console::log(std::string("QelHttpDnsSDK: a trace observer threw: ") +
-                                    exception.what());
-    } catch (...) {
-        qel::platform::Console::log("QelHttpDnsSDK: a trace observer threw");
-    }
 }

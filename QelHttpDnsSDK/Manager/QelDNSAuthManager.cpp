@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
@@ -13,10 +14,9 @@ namespace codes = QelDNSErrorCodes;
 }  // namespace
 
 QelDNSAuthManager& QelDNSAuthManager::shared() {
-    // Held by a shared_ptr (never released) so that login answers can hold it weakly.
-    static auto* const instance =
-        new std::shared_ptr<QelDNSAuthManager>(new QelDNSAuthManager());
-    return **instance;
+    // Never destroyed: login answers still on their way may use it at exit.
+    static QelDNSAuthManager* const instance = new QelDNSAuthManager();
+    return *instance;
 }
 
 void QelDNSAuthManager::setupWithAuthId(std::optional<std::string> authId,
@@ -47,19 +47,18 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     std::string baseUrl = QelDNS_SDK_NET_DEFAULT_BASE_URL;
     if (auto custom = customServUrl(); custom && !custom->empty()) baseUrl = std::move(*custom);
 
-    std::weak_ptr<QelDNSAuthManager> weakSelf = weak_from_this();
     QelDNSAppAuth::authWithUrl(
         baseUrl, id, secret,
-        [weakSelf, completion = std::move(completion)](
+        [this, completion = std::move(completion)](
             std::optional<QelDNSError> error, std::optional<std::string> node,
             std::optional<std::vector<std::string>> nodeList) {
-            if (auto self = weakSelf.lock()) self->setHostList(std::move(nodeList));
+            setHostList(std::move(nodeList));
             if (completion) completion(std::move(error), std::move(node));
         });
 }
 
 std::optional<std::string> QelDNSAuthManager::getNextHost() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     const int64_t next = static_cast<int64_t>(activateHostIndex_) + 1;
     const uint64_t count = hostList_ ? hostList_->size() : 0;
     // Unsigned on purpose: an absent list (count 0) wraps to the largest value and passes.
@@ -76,51 +75,46 @@ std::optional<std::string> QelDNSAuthManager::getNextHost() {
 }
 
 std::optional<std::string> QelDNSAuthManager::authId() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return authId_;
 }
 
 void QelDNSAuthManager::setAuthId(std::optional<std::string> authId) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     authId_ = std::move(authId);
 }
 
 std::optional<std::string> QelDNSAuthManager::authSecret() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return authSecret_;
 }
 
 void QelDNSAuthManager::setAuthSecret(std::optional<std::string> authSecret) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     authSecret_ = std::move(authSecret);
 }
 
 std::optional<std::string> QelDNSAuthManager::customServUrl() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return customServUrl_;
 }
 
 void QelDNSAuthManager::setCustomServUrl(std::optional<std::string> customServUrl) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     customServUrl_ = std::move(customServUrl);
 }
 
 int32_t QelDNSAuthManager::activateHostIndex() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return activateHostIndex_;
 }
 
-void QelDNSAuthManager::setActivateHostIndex(int32_t activateHostIndex) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    activateHostIndex_ = activateHostIndex;
-}
-
 std::optional<std::vector<std::string>> QelDNSAuthManager::hostList() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return hostList_;
 }
 
 void QelDNSAuthManager::setHostList(std::optional<std::vector<std::string>> hostList) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     hostList_ = std::move(hostList);
 }

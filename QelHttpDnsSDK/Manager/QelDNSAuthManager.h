@@ -9,15 +9,14 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 
-class QelDNSAuthManager : public std::enable_shared_from_this<QelDNSAuthManager> {
+class QelDNSAuthManager {
 public:
     /// Receives (error, nothing) on failure or (nothing, node) on success.
     using Completion =
@@ -43,8 +42,8 @@ public:
     /// wrap-around, not even after a new list is stored. With no list at all the index still
     /// advances and nothing is returned.
     /// @throws std::out_of_range when a present list is too short for the advanced index (an
-    ///   empty "service_node_list", or an index set from outside): a programming or service
-    ///   fault that is reported, never read past the list. The index has then advanced.
+    ///   empty "service_node_list"): a service fault that is reported, never read past the
+    ///   list. The index has then advanced.
     std::optional<std::string> getNextHost();
 
     std::optional<std::string> authId() const;
@@ -54,17 +53,16 @@ public:
     std::optional<std::string> customServUrl() const;
     void setCustomServUrl(std::optional<std::string> customServUrl);
     int32_t activateHostIndex() const;
-    void setActivateHostIndex(int32_t activateHostIndex);
     std::optional<std::vector<std::string>> hostList() const;
     void setHostList(std::optional<std::vector<std::string>> hostList);
 
 private:
     QelDNSAuthManager() = default;
 
-    mutable std::mutex mutex_;
-    std::optional<std::string> authId_;
-    std::optional<std::string> authSecret_;
-    int32_t activateHostIndex_ = 0;
-    std::optional<std::vector<std::string>> hostList_;
-    std::optional<std::string> customServUrl_;
+    mutable qel::platform::Mutex mutex_;
+    std::optional<std::string> authId_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authSecret_ QEL_GUARDED_BY(mutex_);
+    int32_t activateHostIndex_ QEL_GUARDED_BY(mutex_) = 0;
+    std::optional<std::vector<std::string>> hostList_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> customServUrl_ QEL_GUARDED_BY(mutex_);
 };

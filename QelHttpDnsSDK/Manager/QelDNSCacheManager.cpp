@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/KeyedArchiver.h"
 #include "QelHttpDnsSDK/Platform/KeyedUnarchiver.h"
@@ -48,13 +49,13 @@ QelDNSCacheManager& QelDNSCacheManager::shared() {
 }
 
 QelDNSCacheManager::Dict QelDNSCacheManager::dict() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return dict_;
 }
 
 void QelDNSCacheManager::setDict(Dict dict) {
     Dict old;  // the replaced lists are released outside the lock
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     old.swap(dict_);
     dict_ = std::move(dict);
     generation_.store(nextGeneration(), std::memory_order_release);
@@ -65,7 +66,7 @@ void QelDNSCacheManager::saveIPs(QelDNSIPModelListRef ips, const std::string& do
     if (!ips) ips = std::make_shared<const QelDNSIPModelList>();
     QelDNSIPModelListRef replaced;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         QelDNSIPModelListRef& slot = dict_[domain];
         replaced = std::move(slot);
         slot = ips;
@@ -91,7 +92,7 @@ bool QelDNSCacheManager::readIPsWithDomain(const std::string& domain, bool expir
     QelDNSIPModelListRef ips;
     uint64_t generation;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         const auto found = dict_.find(domain);
         if (found != dict_.end()) ips = found->second;
         generation = generation_.load(std::memory_order_relaxed);
@@ -146,7 +147,7 @@ QelDNSIPModelList QelDNSCacheManager::filterExpiredTTL(const QelDNSIPModelList& 
 void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {
     QelDNSIPModelListRef removed;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         const auto found = dict_.find(domain);
         if (found != dict_.end()) {
             removed = std::move(found->second);

@@ -20,11 +20,11 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Platform/Data.h"
 
@@ -97,8 +97,8 @@ private:
     /// A number never handed out before, by any manager.
     static uint64_t nextGeneration();
 
-    mutable std::mutex mutex_;
-    Dict dict_;  // guarded by mutex_
+    mutable qel::platform::Mutex mutex_;
+    Dict dict_ QEL_GUARDED_BY(mutex_);
     // Renewed (under mutex_) by every change of dict_: equal numbers mean the same state of
     // this manager's dictionary.
     std::atomic<uint64_t> generation_{nextGeneration()};

@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
-#include "QelHttpDnsSDK/Extras/QelDNSTraceHooks.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
@@ -16,7 +16,7 @@
 
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
+using Lock = qel::platform::MutexLock;
 
 using QelDNSCallbacks::callCatching;
 
@@ -78,12 +78,9 @@ std::string QelHttpDnsCenterManager::cacheKey(const std::optional<std::string>& 
     return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
 }
 
-std::string QelHttpDnsCenterManager::cacheDomainKeySuffix() const {
-    return type() == 1 ? "_v4" : "_v6";
-}
-
 void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>& domain,
-                                               int64_t type, Completion completion) {
+                                               int64_t type, Completion completion,
+                                               QelDNSLookupHandle lookup) {
     // The key takes the suffix of the type stored by the previous lookup; the exchange reads
     // it and stores this lookup's type in one step, so concurrent lookups each see a type
     // that some lookup really left behind.
@@ -114,8 +111,7 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
     if (previousType != type) ownKey = cacheKey(domain, previousType);
     const std::string& key = previousType == type ? last.key : ownKey;
 
-    // Null unless an installed trace observer follows this lookup.
-    QelDNSLookupRecorder* const trace = QelDNSTraceHooks::tracedOrNull(completion);
+    using CacheRead = QelDNSLookupListener::CacheRead;
     if (cacheIP()) {
         std::optional<std::vector<std::string>> addresses;
         bool fromStore = false;
@@ -126,32 +122,34 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
             },
             &fromStore);
         if (addresses) {
-            if (trace) trace->noteCacheHit(key, fromStore);
+            QelDNSLookupEvents::cacheRead(lookup, key, fromStore ? CacheRead::Store : CacheRead::Memory);
             if (completion) completion(std::nullopt, std::move(addresses));
             return;
         }
-        if (trace) trace->noteCacheKey(key);
+        QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
         requestIPsWithRetryCount(
-            0, QelDNSTraceHooks::carry(trace, [this, key = std::string(key),
-                                               completion = std::move(completion)](
-                                                  std::optional<QelDNSError> error,
-                                                  QelDNSIPModelListRef records) {
+            0,
+            [this, key = std::string(key), completion = std::move(completion)](
+                std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
                 if (error) return callCatching(completion, std::move(error), std::nullopt);
                 QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
                 callCatching(completion, std::nullopt, filterIPs(*records));
-            }));
+            },
+            std::move(lookup));
         return;
     }
     requestIPsWithRetryCount(
-        0, QelDNSTraceHooks::carry(trace, [completion = std::move(completion)](
-                                              std::optional<QelDNSError> error,
-                                              QelDNSIPModelListRef records) {
+        0,
+        [completion = std::move(completion)](std::optional<QelDNSError> error,
+                                             QelDNSIPModelListRef records) {
             if (error) return callCatching(completion, std::move(error), std::nullopt);
             callCatching(completion, std::nullopt, filterIPs(*records));
-        }));
+        },
+        std::move(lookup));
 }
 
-void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCompletion completion) {
+void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCompletion completion,
+                                                       QelDNSLookupHandle lookup) {
     const int32_t limit = retryCountNum();
     if (limit != 0 && limit <= count) {
         callCatching(completion, resolveFailed(QelDNSErrorCodes::kRequestErrorMessage), nullptr);
@@ -167,36 +165,36 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
         domain = domain_;
         type = type_.load(std::memory_order_acquire);
     }
-    if (QelDNSLookupRecorder* trace = QelDNSTraceHooks::tracedOrNull(completion)) {
-        trace->noteAttempt(url);
-    }
+    QelDNSLookupEvents::requestSent(lookup, url);
     QelDNSGetIPs::getIPsWithUrl(
         url, type == 1 ? 1 : 2, id, secret, domain,
-        [this, count, completion = std::move(completion)](std::optional<QelDNSError> error,
-                                                          QelDNSIPModelListRef records) {
-            handleAttempt(count, completion, std::move(error), std::move(records));
+        [this, count, completion = std::move(completion), lookup = std::move(lookup)](
+            std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+            handleAttempt(count, completion, lookup, std::move(error), std::move(records));
         });
 }
 
 void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompletion& completion,
+                                            const QelDNSLookupHandle& lookup,
                                             std::optional<QelDNSError> error,
                                             QelDNSIPModelListRef records) {
-    if (!error) {
-        callCatching(completion, std::nullopt, std::move(records));
-    } else if (error->code() == QelDNS_SDK_REQ_NEED_RETRY_CODE) {
+    if (!error) return callCatching(completion, std::nullopt, std::move(records));
+    QelDNSLookupEvents::attemptFailed(lookup, *error);
+    if (error->code() == QelDNS_SDK_REQ_NEED_RETRY_CODE) {
         setRetryCountNum(0);  // the limit stays off for the rest of the process
-        switchNode(count, completion);
+        switchNode(count, completion, lookup);
     } else if (error->code() == QelDNS_SDK_REQ_FORBIDDEN_CODE) {
         setRetryCountNum(0);
         callCatching(completion, std::move(error), nullptr);
     } else {
-        requestIPsWithRetryCount(count + 1, completion);
+        requestIPsWithRetryCount(count + 1, completion, lookup);
     }
 }
 
 // Only a registry whose next node repeats the current one leads to a switch, and a switch
 // consumes three nodes; any other outcome ends the lookup.
-void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion& completion) {
+void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion& completion,
+                                         const QelDNSLookupHandle& lookup) {
     auto unavailable = [&completion] {
         callCatching(completion, resolveFailed(QelDNSErrorCodes::kServiceUnavailableMessage),
                      nullptr);
@@ -205,8 +203,9 @@ void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion&
     if (!stepNode(node) || !node || node != resolveUrl()) return unavailable();
     if (!stepNode(node) || !node) return unavailable();
     if (!stepNode(node)) return unavailable();
+    QelDNSLookupEvents::nodeSwitched(lookup, node);
     setResolveUrl(std::move(node));
-    requestIPsWithRetryCount(count + 1, completion);
+    requestIPsWithRetryCount(count + 1, completion, lookup);
 }
 
 void QelHttpDnsCenterManager::networkStatusChanged() {
@@ -271,19 +270,9 @@ void QelHttpDnsCenterManager::setDomain(std::optional<std::string> domain) {
                           std::memory_order_release);
 }
 
-std::optional<std::string> QelHttpDnsCenterManager::authId() const {
-    Lock lock(mutex_);
-    return authId_;
-}
-
 void QelHttpDnsCenterManager::setAuthId(std::optional<std::string> authId) {
     Lock lock(mutex_);
     authId_.swap(authId);
-}
-
-std::optional<std::string> QelHttpDnsCenterManager::authSecret() const {
-    Lock lock(mutex_);
-    return authSecret_;
 }
 
 void QelHttpDnsCenterManager::setAuthSecret(std::optional<std::string> authSecret) {

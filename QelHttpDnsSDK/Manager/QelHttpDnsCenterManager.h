@@ -16,13 +16,14 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
 
 class QelHttpDnsCenterManager {
 public:
@@ -49,8 +50,10 @@ public:
     /// calling thread; otherwise the service is asked (`requestIPsWithRetryCount(0, ...)`) and
     /// a success is stored (when `cacheIP` still holds) before the completion runs. An empty
     /// completion is allowed: the answer is then dropped.
+    /// `lookup`: the handle of a lookup a listener follows (null: none), passed on to every
+    /// attempt; the cache read, each request, failure and node switch are announced with it.
     void getIPsWithDomain(const std::optional<std::string>& domain, int64_t type,
-                          Completion completion);
+                          Completion completion, QelDNSLookupHandle lookup = nullptr);
 
     /// One attempt of the pending lookup, `count` attempts having been made before it:
     /// - the limit `retryCountNum` (0: none) reached: (-1 "request error") at once;
@@ -61,13 +64,12 @@ public:
     /// - 403: the limit is switched off and the error is passed on;
     /// - any other error: the next attempt at once.
     /// Each attempt reads the pending domain and type afresh.
-    void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion);
+    void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion,
+                                  QelDNSLookupHandle lookup = nullptr);
 
     /// The address of every record, in order (records without one are left out).
     static std::vector<std::string> filterIPs(const QelDNSIPModelList& ips);
 
-    /// "_v4" when `type` is 1, else "_v6".
-    std::string cacheDomainKeySuffix() const;
     /// Whether the network manager sees a usable network now.
     bool checkNetworkAvailable();
     /// Empties the cache in memory and its entries in the store.
@@ -92,9 +94,8 @@ public:
     void setResolveUrl(std::optional<std::string> resolveUrl);
     std::optional<std::string> domain() const;
     void setDomain(std::optional<std::string> domain);
-    std::optional<std::string> authId() const;
+    // Write-only: the credentials are read only by the resolve requests this class signs.
     void setAuthId(std::optional<std::string> authId);
-    std::optional<std::string> authSecret() const;
     void setAuthSecret(std::optional<std::string> authSecret);
 
 private:
@@ -103,8 +104,10 @@ private:
 
     static std::string cacheKey(const std::optional<std::string>& domain, int64_t type);
     void handleAttempt(int32_t count, const RecordsCompletion& completion,
+                       const QelDNSLookupHandle& lookup,
                        std::optional<QelDNSError> error, QelDNSIPModelListRef records);
-    void switchNode(int32_t count, const RecordsCompletion& completion);
+    void switchNode(int32_t count, const RecordsCompletion& completion,
+                    const QelDNSLookupHandle& lookup);
     void networkStatusChanged();
 
     std::atomic<bool> serviceEnable_{false};
@@ -116,9 +119,9 @@ private:
     // the pending pair in some version knows it is unchanged while the version is.
     std::atomic<uint64_t> pendingVersion_{1};
 
-    mutable std::mutex mutex_;
-    std::optional<std::string> resolveUrl_;  // guarded by mutex_
-    std::optional<std::string> domain_;      // guarded by mutex_
-    std::optional<std::string> authId_;      // guarded by mutex_
-    std::optional<std::string> authSecret_;  // guarded by mutex_
+    mutable qel::platform::Mutex mutex_;
+    std::optional<std::string> resolveUrl_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> domain_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authId_ QEL_GUARDED_BY(mutex_);
+    std::optional<std::string> authSecret_ QEL_GUARDED_BY(mutex_);
 };

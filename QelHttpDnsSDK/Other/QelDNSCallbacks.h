@@ -11,17 +11,24 @@
 
 namespace QelDNSCallbacks {
 
+/// Calls `callback` (if any) with `args`; an exception is logged as thrown by `who`.
 template <typename Callback, typename... Args>
-void callCatching(const Callback& callback, Args&&... args) {
+void callCatchingAs(const char* who, const Callback& callback, Args&&... args) {
     if (!callback) return;
     try {
         callback(std::forward<Args>(args)...);
     } catch (const std::exception& exception) {
-        qel::platform::Console::log(std::string("QelHttpDnsSDK: a lookup callback threw: ") +
+        qel::platform::Console::log(std::string("QelHttpDnsSDK: ") + who + " threw: " +
                                     exception.what());
     } catch (...) {
-        qel::platform::Console::log("QelHttpDnsSDK: a lookup callback threw");
+        qel::platform::Console::log(std::string("QelHttpDnsSDK: ") + who + " threw");
     }
+}
+
+/// Calls an application's lookup callback, catching what it throws.
+template <typename Callback, typename... Args>
+void callCatching(const Callback& callback, Args&&... args) {
+    callCatchingAs("a lookup callback", callback, std::forward<Args>(args)...);
 }
 
 }  // namespace QelDNSCallbacks

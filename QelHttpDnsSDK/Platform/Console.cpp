@@ -1,17 +1,17 @@
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 
 #include <memory>
-#include <mutex>
 
 namespace qel::platform {
 
 namespace {
 
-std::mutex sinkMutex;
-std::shared_ptr<const Console::Sink> installedSink;  // guarded by sinkMutex
+qel::platform::Mutex sinkMutex;
+std::shared_ptr<const Console::Sink> installedSink QEL_GUARDED_BY(sinkMutex);
 
 std::shared_ptr<const Console::Sink> currentSink() {
-    std::lock_guard<std::mutex> lock(sinkMutex);
+    qel::platform::MutexLock lock(sinkMutex);
     return installedSink;
 }
 
@@ -27,7 +27,7 @@ void Console::log(std::string_view message) {
 
 void Console::setSink(Sink sink) {
     auto next = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-    std::lock_guard<std::mutex> lock(sinkMutex);
+    qel::platform::MutexLock lock(sinkMutex);
     installedSink = std::move(next);
 }
 

@@ -1,6 +1,6 @@
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 
-#include <mutex>
 
 namespace qel::platform {
 
@@ -9,8 +9,8 @@ namespace {
 // Read by every request, also on the platform thread while the process exits: never
 // destroyed, so no static destructor pulls it from under a late request.
 struct Identifier {
-    std::mutex mutex;
-    std::optional<std::string> value;  // guarded by mutex
+    qel::platform::Mutex mutex;
+    std::optional<std::string> value QEL_GUARDED_BY(mutex);
 };
 
 Identifier& bundleIdentifier() {
@@ -22,13 +22,13 @@ Identifier& bundleIdentifier() {
 
 std::optional<std::string> MainBundle::identifier() {
     Identifier& identifier = bundleIdentifier();
-    std::lock_guard<std::mutex> lock(identifier.mutex);
+    qel::platform::MutexLock lock(identifier.mutex);
     return identifier.value;
 }
 
 void MainBundle::setIdentifier(std::optional<std::string> identifier) {
     Identifier& stored = bundleIdentifier();
-    std::lock_guard<std::mutex> lock(stored.mutex);
+    qel::platform::MutexLock lock(stored.mutex);
     stored.value = std::move(identifier);
 }
 

@@ -1,4 +1,5 @@
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 
 #include <algorithm>
 #include <memory>
@@ -13,14 +14,14 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 NotificationCenter::ObserverToken NotificationCenter::addObserver(const std::string& name,
                                                                   Block block) {
     auto shared = std::make_shared<const Block>(std::move(block));
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     const ObserverToken token = nextToken_++;
     observers_.push_back(Observer{token, name, std::move(shared)});
     return token;
 }
 
 void NotificationCenter::removeObserver(ObserverToken token) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     observers_.erase(std::remove_if(observers_.begin(), observers_.end(),
                                     [token](const Observer& o) { return o.token == token; }),
                      observers_.end());
@@ -29,7 +30,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
 void NotificationCenter::post(const std::string& name, std::any object) {
     std::vector<std::shared_ptr<const Block>> matching;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         for (const Observer& observer : observers_) {
             if (observer.name == name) matching.push_back(observer.block);
         }

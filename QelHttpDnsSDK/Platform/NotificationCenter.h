@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Notification.h"
 
 namespace qel::platform {
@@ -46,9 +46,9 @@ private:
         std::shared_ptr<const Block> block;
     };
 
-    std::mutex mutex_;
-    std::vector<Observer> observers_;  // guarded by mutex_
-    ObserverToken nextToken_ = 1;      // guarded by mutex_
+    qel::platform::Mutex mutex_;
+    std::vector<Observer> observers_ QEL_GUARDED_BY(mutex_);
+    ObserverToken nextToken_ QEL_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace qel::platform

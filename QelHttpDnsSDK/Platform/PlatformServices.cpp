@@ -7,10 +7,10 @@
 #include <atomic>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/AssumedReachableSource.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -36,11 +36,11 @@ std::atomic<ReachabilitySourceFactory*> reachabilityOverride{nullptr};
 std::atomic<UserDefaults*> defaultsOverride{nullptr};
 
 // Where the standard store goes; fixed when it opens.
-std::mutex standardMutex;
-std::optional<std::string> standardChosenPath;  // guarded by standardMutex
-bool standardOpened = false;                     // guarded by standardMutex
+qel::platform::Mutex standardMutex;
+std::optional<std::string> standardChosenPath QEL_GUARDED_BY(standardMutex);
+bool standardOpened QEL_GUARDED_BY(standardMutex) = false;
 
-std::optional<std::string> standardPathLocked() {
+std::optional<std::string> standardPathLocked() QEL_REQUIRES(standardMutex) {
     if (standardChosenPath || standardOpened) return standardChosenPath;
     return SqliteUserDefaults::standardLocation(MainBundle::identifier());
 }
@@ -49,7 +49,7 @@ UserDefaults& standardStore() {
     static UserDefaults* const store = [] {
         std::optional<std::string> path;
         {
-            std::lock_guard<std::mutex> lock(standardMutex);
+            qel::platform::MutexLock lock(standardMutex);
             path = standardPathLocked();
             standardOpened = true;
             standardChosenPath = path;  // later changes of the environment no longer move it
@@ -88,14 +88,14 @@ UserDefaults& UserDefaults::standard() {
 }
 
 bool UserDefaults::setStandardPath(const std::string& path) {
-    std::lock_guard<std::mutex> lock(standardMutex);
+    qel::platform::MutexLock lock(standardMutex);
     if (standardOpened) return false;
     standardChosenPath = path;
     return true;
 }
 
 std::optional<std::string> UserDefaults::standardPath() {
-    std::lock_guard<std::mutex> lock(standardMutex);
+    qel::platform::MutexLock lock(standardMutex);
     return standardPathLocked();
 }
 

@@ -3,6 +3,7 @@
 #include <any>
 #include <type_traits>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
@@ -42,7 +43,7 @@ void QelDNSNetworkManager::init(const std::weak_ptr<QelDNSNetworkManager>& weakS
         if (auto self = weakSelf.lock()) self->willEnterForeground();
     }));
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         observerTokens_ = std::move(tokens);
     }
 
@@ -113,25 +114,25 @@ std::string QelDNSNetworkManager::networkStatusDesc(QelDNSNetworkStatus status) 
 
 QelDNSNetworkManager::NetworkStatusChangedBlock QelDNSNetworkManager::networkStatusChangedBlock()
     const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return networkStatusChangedBlock_;
 }
 
 void QelDNSNetworkManager::setNetworkStatusChangedBlock(
     NetworkStatusChangedBlock networkStatusChangedBlock) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     networkStatusChangedBlock_ = std::move(networkStatusChangedBlock);
 }
 
 std::shared_ptr<QelDNSReachability> QelDNSNetworkManager::reachability() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return reachability_;
 }
 
 void QelDNSNetworkManager::setReachability(std::shared_ptr<QelDNSReachability> reachability) {
     std::shared_ptr<QelDNSReachability> previous;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         if (reachability == reachability_) return;
         previous = reachability_;
         if (reachability_) replaced_.push_back(std::move(reachability_));
@@ -143,11 +144,11 @@ void QelDNSNetworkManager::setReachability(std::shared_ptr<QelDNSReachability> r
 }
 
 QelDNSNetworkStatus QelDNSNetworkManager::lastNetworkStatus() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return lastNetworkStatus_;
 }
 
 void QelDNSNetworkManager::setLastNetworkStatus(QelDNSNetworkStatus lastNetworkStatus) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     lastNetworkStatus_ = lastNetworkStatus;
 }

@@ -1,11 +1,11 @@
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
-#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -23,6 +23,7 @@ namespace {
 namespace codes = QelDNSErrorCodes;
 
 constexpr double kDefaultTimeoutSeconds = 20.0;
+std::atomic<double> requestTimeout{0.0};
 // Far deeper than any real answer, shallow enough that printing (which recurses) is safe.
 constexpr int kMaxAnswerDepth = 512;
 
@@ -159,6 +160,12 @@ void QelDNSRequest::get(const std::optional<std::string>& url, const json& heade
     baseRequest(0, url, headers, json::object(), std::move(finishBlock));
 }
 
+double QelDNSRequest::timeout() { return requestTimeout.load(std::memory_order_relaxed); }
+
+void QelDNSRequest::setTimeout(double timeout) {
+    requestTimeout.store(timeout, std::memory_order_relaxed);
+}
+
 void QelDNSRequest::post(const std::optional<std::string>& url, const json& headers,
                          const json& body, FinishBlock finishBlock) {
     baseRequest(1, url, headers, body, std::move(finishBlock));
@@ -171,7 +178,7 @@ void QelDNSRequest::baseRequest(uint64_t method, const std::optional<std::string
     HttpRequest request;
     request.url = percentEncode(*url);
     // Read once, so a concurrent change to 0.0 cannot slip through as a zero timeout.
-    const double timeout = QelHttpDnsManager::shared().timeout();
+    const double timeout = requestTimeout.load(std::memory_order_relaxed);
     request.timeoutSeconds = timeout == 0.0 ? kDefaultTimeoutSeconds : timeout;
     request.setHeader("Content-Type", "application/json;charset=UTF-8");
     const json& headerFields = asObject(headers);

@@ -47,7 +47,7 @@ public:
     ///   one. Values are sent as text: strings as they are, numbers in decimal (7 -> "7",
     ///   5.5 -> "5.5"), true/false as "1"/"0", null as "<null>", arrays and objects as compact
     ///   JSON. `headers` or `body` that is not a JSON object counts as an empty object.
-    /// - Timeout: `QelHttpDnsManager::shared().timeout()`, 20 s when it is exactly 0.0; other
+    /// - Timeout: `timeout()` as the request is built, 20 s when it is exactly 0.0; other
     ///   values are used unchanged (see qel::platform::HttpRequest for negative, NaN, inf).
     ///
     /// The answer: a transport failure gives error 200 "request error" when the status code
@@ -65,6 +65,12 @@ public:
     /// error or the JSON result described above and calls `finishBlock` (if any) once, on the
     /// calling thread. Logs the "response url" line when a body arrived.
     static void handleResponse(const FinishBlock& finishBlock, qel::platform::HttpResponse response);
+
+    /// The timeout of the requests built from now on, in seconds; 0.0 (the default) stands
+    /// for 20 s. The public manager's `timeout` property is kept here, in the layer that uses
+    /// it. Any thread.
+    static double timeout();
+    static void setTimeout(double timeout);
 
     /// `text` with every byte outside letters, digits and -._~!$&'()*+,;=:@/? written as %XX
     /// (upper-case hex), as `baseRequest` sends a URL. Pure; callable from any thread.

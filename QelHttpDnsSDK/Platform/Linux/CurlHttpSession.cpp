@@ -9,12 +9,12 @@
 #include <cstdio>
 #include <exception>
 #include <future>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
 namespace qel::platform {
@@ -93,7 +93,7 @@ public:
 
     CURL* take() {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            qel::platform::MutexLock lock(mutex_);
             if (!idle_.empty()) {
                 CURL* easy = idle_.back();
                 idle_.pop_back();
@@ -113,7 +113,7 @@ public:
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            qel::platform::MutexLock lock(mutex_);
             if (idle_.size() < kMaxIdle) {
                 idle_.push_back(easy);
                 return;
@@ -129,8 +129,8 @@ private:
     const curl_write_callback writeBody_;
     const curl_closesocket_callback closeSocket_;
     void* const closeData_;
-    std::mutex mutex_;
-    std::vector<CURL*> idle_;  // guarded by mutex_
+    qel::platform::Mutex mutex_;
+    std::vector<CURL*> idle_ QEL_GUARDED_BY(mutex_);
 };
 
 struct CurlHttpSession::Transfer {

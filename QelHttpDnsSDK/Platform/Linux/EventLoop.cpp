@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
 namespace qel::platform {
@@ -67,7 +68,7 @@ EventLoop& EventLoop::shared() {
 void EventLoop::post(Task task) {
     bool wasEmpty;
     {
-        std::lock_guard<std::mutex> lock(queueMutex_);
+        qel::platform::MutexLock lock(queueMutex_);
         wasEmpty = queue_.empty();
         queue_.push_back(std::move(task));
     }
@@ -183,7 +184,7 @@ void EventLoop::runDueTimers() {
 void EventLoop::runPostedTasks() {
     std::deque<Task> ready;
     {
-        std::lock_guard<std::mutex> lock(queueMutex_);
+        qel::platform::MutexLock lock(queueMutex_);
         ready.swap(queue_);
     }
     for (const Task& task : ready) runGuarded(task);

@@ -15,10 +15,11 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
+
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 
 namespace qel::platform {
 
@@ -85,8 +86,8 @@ private:
     std::atomic<bool> stopping_{false};
     std::atomic<std::thread::id> loopThreadId_{};  // set by the loop thread itself
 
-    std::mutex queueMutex_;
-    std::deque<Task> queue_;  // guarded by queueMutex_
+    qel::platform::Mutex queueMutex_;
+    std::deque<Task> queue_ QEL_GUARDED_BY(queueMutex_);
 
     // Loop-thread state.
     std::unordered_map<WatchId, Watch> watches_;

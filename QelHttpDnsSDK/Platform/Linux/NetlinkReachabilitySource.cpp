@@ -3,9 +3,9 @@
 #include <netinet/in.h>
 
 #include <cstring>
-#include <mutex>
 #include <optional>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
@@ -25,14 +25,14 @@ public:
         // once per generation.
         const uint64_t generation = monitor_.generation();
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            qel::platform::MutexLock lock(mutex_);
             if (cachedOk_ && cachedGeneration_ == generation) return cachedFlags_;
         }
         uint32_t fresh = 0;
         if (!monitor_.routeFlags(reinterpret_cast<const sockaddr*>(&*address_), fresh)) {
             return ReachabilityFlags::Reachable;
         }
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         cachedOk_ = true;
         cachedGeneration_ = generation;
         cachedFlags_ = fresh;
@@ -40,19 +40,19 @@ public:
     }
 
     void setCallback(Callback callback) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         callback_ = std::move(callback);
     }
 
     void schedule() {
         const uint32_t now = flags();
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         scheduled_ = true;
         lastReported_ = now;
     }
 
     bool unschedule() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        qel::platform::MutexLock lock(mutex_);
         const bool was = scheduled_;
         scheduled_ = false;
         return was;
@@ -60,13 +60,13 @@ public:
 
     void routesChanged() override {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            qel::platform::MutexLock lock(mutex_);
             if (!scheduled_) return;
         }
         const uint32_t now = flags();
         Callback callback;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            qel::platform::MutexLock lock(mutex_);
             if (!scheduled_ || now == lastReported_) return;
             lastReported_ = now;
             callback = callback_;
@@ -78,13 +78,13 @@ private:
     NetlinkRouteMonitor& monitor_;
     const std::optional<sockaddr_storage> address_;
 
-    std::mutex mutex_;
-    Callback callback_;             // guarded by mutex_
-    bool scheduled_ = false;        // guarded by mutex_
-    uint32_t lastReported_ = 0;     // guarded by mutex_
-    bool cachedOk_ = false;         // guarded by mutex_
-    uint64_t cachedGeneration_ = 0; // guarded by mutex_
-    uint32_t cachedFlags_ = 0;      // guarded by mutex_
+    qel::platform::Mutex mutex_;
+    Callback callback_ QEL_GUARDED_BY(mutex_);
+    bool scheduled_ QEL_GUARDED_BY(mutex_) = false;
+    uint32_t lastReported_ QEL_GUARDED_BY(mutex_) = 0;
+    bool cachedOk_ QEL_GUARDED_BY(mutex_) = false;
+    uint64_t cachedGeneration_ QEL_GUARDED_BY(mutex_) = 0;
+    uint32_t cachedFlags_ QEL_GUARDED_BY(mutex_) = 0;
 };
 
 namespace {

@@ -16,6 +16,7 @@
 #include <optional>
 #include <tuple>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
@@ -143,7 +144,10 @@ bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std
 }
 
 void NetlinkRouteMonitor::start() {
-    requestBuffer_.resize(kBufferSize);
+    {
+        qel::platform::MutexLock lock(requestMutex_);
+        requestBuffer_.resize(kBufferSize);
+    }
     eventBuffer_.resize(kBufferSize);
     // Read on the calling thread, so that the first answers already know the routes; the
     // loop thread takes over the sockets with the posted task.
@@ -186,7 +190,7 @@ bool NetlinkRouteMonitor::openSockets() {
     timeval timeout{2, 0};
     ::setsockopt(requests, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     eventFd_ = events;
-    std::lock_guard<std::mutex> lock(requestMutex_);
+    qel::platform::MutexLock lock(requestMutex_);
     requestFd_ = requests;
     return true;
 }
@@ -196,7 +200,7 @@ void NetlinkRouteMonitor::closeSockets() {
     watch_ = 0;
     if (eventFd_ >= 0) ::close(eventFd_);
     eventFd_ = -1;
-    std::lock_guard<std::mutex> lock(requestMutex_);
+    qel::platform::MutexLock lock(requestMutex_);
     if (requestFd_ >= 0) ::close(requestFd_);
     requestFd_ = -1;
 }
@@ -237,7 +241,7 @@ void NetlinkRouteMonitor::fail(const std::string& what) {
 
 NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
                                                            const MessageHandler& onMessage) {
-    std::lock_guard<std::mutex> lock(requestMutex_);
+    qel::platform::MutexLock lock(requestMutex_);
     request.nlmsg_seq = ++sequence_;
     request.nlmsg_pid = 0;
     const bool dump = (request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
@@ -299,7 +303,7 @@ bool NetlinkRouteMonitor::resync() {
         if (outcome == Outcome::Interrupted) continue;
         if (outcome != Outcome::Answered) return false;
 
-        std::lock_guard<std::mutex> lock(stateMutex_);
+        qel::platform::MutexLock lock(stateMutex_);
         links_.swap(links);
         routes_.swap(routes);
         return true;
@@ -418,13 +422,13 @@ bool NetlinkRouteMonitor::applyLink(const nlmsghdr& message) {
     std::optional<ParsedLink> parsed = parseLink(message);
     if (!parsed) return false;
     if (message.nlmsg_type == RTM_DELLINK) {
-        std::lock_guard<std::mutex> lock(stateMutex_);
+        qel::platform::MutexLock lock(stateMutex_);
         links_.erase(parsed->index);
         return true;
     }
     Link link = makeLink(parsed->index, parsed->flags, parsed->hardwareType, parsed->name,
                          parsed->kind);
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    qel::platform::MutexLock lock(stateMutex_);
     auto it = links_.find(parsed->index);
     const bool wentDown = it != links_.end() && it->second.adminUp && !link.adminUp;
     links_[parsed->index] = std::move(link);
@@ -442,7 +446,7 @@ void NetlinkRouteMonitor::applyRoute(const nlmsghdr& message) {
     auto sameRoute = [&](const Route& other) {
         return sameSlot(other) && other.oif == route.oif && other.gateway == route.gateway;
     };
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    qel::platform::MutexLock lock(stateMutex_);
     if (message.nlmsg_type == RTM_NEWROUTE && (message.nlmsg_flags & NLM_F_REPLACE)) {
         routes_.erase(std::remove_if(routes_.begin(), routes_.end(), sameSlot), routes_.end());
     }
@@ -473,7 +477,7 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
 void NetlinkRouteMonitor::publish() {
     uint32_t flags = ReachabilityFlags::Reachable;
     if (known_.load(std::memory_order_acquire)) {
-        std::lock_guard<std::mutex> lock(stateMutex_);
+        qel::platform::MutexLock lock(stateMutex_);
         flags = computeInternetFlags();
     }
     internetFlags_.store(flags, std::memory_order_release);
@@ -481,14 +485,14 @@ void NetlinkRouteMonitor::publish() {
 }
 
 void NetlinkRouteMonitor::addListener(std::weak_ptr<Listener> listener) {
-    std::lock_guard<std::mutex> lock(listenersMutex_);
+    qel::platform::MutexLock lock(listenersMutex_);
     listeners_.push_back(std::move(listener));
 }
 
 void NetlinkRouteMonitor::notifyListeners() {
     std::vector<std::shared_ptr<Listener>> alive;
     {
-        std::lock_guard<std::mutex> lock(listenersMutex_);
+        qel::platform::MutexLock lock(listenersMutex_);
         auto gone = [&alive](const std::weak_ptr<Listener>& weak) {
             std::shared_ptr<Listener> listener = weak.lock();
             if (!listener) return true;
@@ -552,7 +556,7 @@ bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
     if (answer->type != RTN_UNICAST) return true;
     bool cellular = false;
     {
-        std::lock_guard<std::mutex> lock(stateMutex_);
+        qel::platform::MutexLock lock(stateMutex_);
         auto link = links_.find(answer->oif);
         // A link not seen yet is one the kernel just made; its route is the better witness.
         // Loopback carries only this host's own addresses, which are RTN_LOCAL above.

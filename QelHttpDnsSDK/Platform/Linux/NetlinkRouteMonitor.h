@@ -22,12 +22,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 
@@ -133,32 +133,32 @@ private:
     void applyRoute(const nlmsghdr& message);
     void publish();
     void notifyListeners();
-    uint32_t computeInternetFlags() const;  // needs stateMutex_
+    uint32_t computeInternetFlags() const QEL_REQUIRES(stateMutex_);
 
     EventLoop& loop_;
     int eventFd_ = -1;    // subscribed; loop thread only, once `start` posted to it
-    int requestFd_ = -1;  // dumps and route queries; guarded by requestMutex_
+    int requestFd_ QEL_GUARDED_BY(requestMutex_) = -1;  // dumps and route queries
     EventLoop::WatchId watch_ = 0;  // of eventFd_; loop thread only
     EventLoop::TimerId retry_ = 0;  // the pending retry; loop thread only
     double retryDelay_ = 0;         // loop thread only
     bool failureSaid_ = false;      // loop thread only
 
-    std::mutex requestMutex_;
-    uint32_t sequence_ = 0;                 // guarded by requestMutex_
-    std::vector<char> requestBuffer_;       // guarded by requestMutex_
+    qel::platform::Mutex requestMutex_;
+    uint32_t sequence_ QEL_GUARDED_BY(requestMutex_) = 0;
+    std::vector<char> requestBuffer_ QEL_GUARDED_BY(requestMutex_);
     std::vector<char> eventBuffer_;         // platform thread only
 
-    mutable std::mutex stateMutex_;
-    std::unordered_map<int, Link> links_;  // by interface index; guarded by stateMutex_
-    std::vector<Route> routes_;            // default unicast only; guarded by stateMutex_
+    mutable qel::platform::Mutex stateMutex_;
+    std::unordered_map<int, Link> links_ QEL_GUARDED_BY(stateMutex_);  // by interface index
+    std::vector<Route> routes_ QEL_GUARDED_BY(stateMutex_);  // default unicast only
 
     std::atomic<bool> known_{false};
     std::atomic<uint32_t> internetFlags_{ReachabilityFlags::Reachable};
     std::atomic<uint64_t> generation_{0};
     std::atomic<uint64_t> overruns_{0};
 
-    std::mutex listenersMutex_;
-    std::vector<std::weak_ptr<Listener>> listeners_;  // guarded by listenersMutex_
+    qel::platform::Mutex listenersMutex_;
+    std::vector<std::weak_ptr<Listener>> listeners_ QEL_GUARDED_BY(listenersMutex_);
 };
 
 }  // namespace qel::platform

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 
 namespace qel::platform {
@@ -163,10 +164,11 @@ std::optional<std::string> SqliteUserDefaults::standardLocation(
 
 // Holds the store's lock for one operation; on the way out it releases the lock before it
 // writes a pending report, so a console sink may use the store itself.
-class SqliteUserDefaults::Session {
+class QEL_SCOPED_CAPABILITY SqliteUserDefaults::Session {
 public:
-    explicit Session(SqliteUserDefaults& store) : store_(store), lock_(store.mutex_) {}
-    ~Session() {
+    explicit Session(SqliteUserDefaults& store) QEL_ACQUIRE(store.mutex_)
+        : store_(store), lock_(store.mutex_) {}
+    ~Session() QEL_RELEASE() {
         std::vector<std::string> reports = std::move(store_.pendingReports_);
         store_.pendingReports_.clear();
         lock_.unlock();
@@ -177,7 +179,7 @@ public:
 
 private:
     SqliteUserDefaults& store_;
-    std::unique_lock<std::mutex> lock_;
+    MutexLock lock_;
 };
 
 SqliteUserDefaults::SqliteUserDefaults(std::string path) : path_(std::move(path)) {
@@ -186,7 +188,7 @@ SqliteUserDefaults::SqliteUserDefaults(std::string path) : path_(std::move(path)
 }
 
 SqliteUserDefaults::~SqliteUserDefaults() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     close();
 }
 
@@ -302,7 +304,7 @@ void SqliteUserDefaults::close() {
 }
 
 bool SqliteUserDefaults::isUsable() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    qel::platform::MutexLock lock(mutex_);
     return db_ != nullptr;
 }
 

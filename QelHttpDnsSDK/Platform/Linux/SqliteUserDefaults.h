@@ -40,11 +40,11 @@
 // as the store's one problem above.
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 
 struct sqlite3;
@@ -86,34 +86,34 @@ public:
 private:
     class Session;
 
-    bool open();
-    void close();
+    bool open() QEL_REQUIRES(mutex_);
+    void close() QEL_REQUIRES(mutex_);
     // Records why `open` failed and returns false: a lock is waited out, anything else ends it.
-    bool failOpenLocked(int resultCode);
+    bool failOpenLocked(int resultCode) QEL_REQUIRES(mutex_);
     // Opens the file again after a lock kept it from opening; whether the store is open.
-    bool readyLocked();
+    bool readyLocked() QEL_REQUIRES(mutex_);
     std::string prefix() const;
     // Steps `statement`; reports a failure once, or notes a lock in the way or gone.
-    int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes);
-    void noteLockedLocked();
-    void noteWrittenLocked();
+    int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes) QEL_REQUIRES(mutex_);
+    void noteLockedLocked() QEL_REQUIRES(mutex_);
+    void noteWrittenLocked() QEL_REQUIRES(mutex_);
     // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
-    bool selectLocked(const std::string& key);
-    void finishLocked(sqlite3_stmt* statement);
-    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation);
-    void reportOnceLocked(const char* operation, int resultCode);
+    bool selectLocked(const std::string& key) QEL_REQUIRES(mutex_);
+    void finishLocked(sqlite3_stmt* statement) QEL_REQUIRES(mutex_);
+    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation) QEL_REQUIRES(mutex_);
+    void reportOnceLocked(const char* operation, int resultCode) QEL_REQUIRES(mutex_);
 
     const std::string path_;
-    mutable std::mutex mutex_;
-    sqlite3* db_ = nullptr;  // null when unusable; everything below guarded by mutex_
-    sqlite3_stmt* select_ = nullptr;
-    sqlite3_stmt* upsert_ = nullptr;
-    sqlite3_stmt* delete_ = nullptr;
-    sqlite3_stmt* keys_ = nullptr;
-    bool reported_ = false;
-    bool locked_ = false;     // another connection's lock got in the way and no write since
-    bool retryOpen_ = false;  // the last open failed on a lock
-    std::vector<std::string> pendingReports_;  // written to the Console once the lock is released
+    mutable qel::platform::Mutex mutex_;
+    sqlite3* db_ QEL_GUARDED_BY(mutex_) = nullptr;  // null when unusable
+    sqlite3_stmt* select_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* upsert_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* delete_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* keys_ QEL_GUARDED_BY(mutex_) = nullptr;
+    bool reported_ QEL_GUARDED_BY(mutex_) = false;
+    bool locked_ QEL_GUARDED_BY(mutex_) = false;     // another connection's lock got in the way and no write since
+    bool retryOpen_ QEL_GUARDED_BY(mutex_) = false;  // the last open failed on a lock
+    std::vector<std::string> pendingReports_ QEL_GUARDED_BY(mutex_);  // written to the Console once the lock is released
 };
 
 }  // namespace qel::platform
