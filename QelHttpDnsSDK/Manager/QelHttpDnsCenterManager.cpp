@@ -35,17 +35,6 @@ bool stepNode(std::optional<std::string>& node) {
     }
 }
 
-// The pending lookup as the calling thread last stored or found it, and the key of a lookup
-// of that same pair. While the version is unchanged, a lookup of the same pair would store
-// what is already there, so it skips the mutex and the stores (memory every looking-up thread
-// writes to) and the building of its key. There is one resolver, so one such view per thread.
-struct LastPending {
-    uint64_t version = 0;  // none: versions start at 1
-    std::optional<std::string> domain;
-    int64_t type = 0;
-    std::string key;
-};
-thread_local LastPending lastPending;
 
 }  // namespace
 
@@ -73,43 +62,10 @@ void QelHttpDnsCenterManager::setupWithAuthId(std::optional<std::string> authId,
     setAuthSecret(std::move(authSecret));
 }
 
-std::string QelHttpDnsCenterManager::cacheKey(const std::optional<std::string>& domain,
-                                              int64_t type) {
-    return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
-}
-
 void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>& domain,
                                                int64_t type, Completion completion,
                                                QelDNSLookupHandle lookup) {
-    // The key takes the suffix of the type stored by the previous lookup; the exchange reads
-    // it and stores this lookup's type in one step, so concurrent lookups each see a type
-    // that some lookup really left behind.
-    LastPending& last = lastPending;
-    int64_t previousType = type;
-    if (last.version != pendingVersion_.load(std::memory_order_acquire) || last.type != type ||
-        last.domain != domain) {
-        std::optional<std::string> pendingDomain = domain;
-        {
-            Lock lock(mutex_);
-            previousType = type_.exchange(type, std::memory_order_acq_rel);
-            const bool domainChanged = domain_ != domain;
-            if (domainChanged) domain_.swap(pendingDomain);
-            if (domainChanged || previousType != type) {
-                pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
-                                      std::memory_order_release);
-            }
-            last.version = pendingVersion_.load(std::memory_order_relaxed);
-        }
-        if (last.type != type || last.domain != domain || last.key.empty()) {
-            last.type = type;
-            last.domain = domain;
-            last.key = cacheKey(domain, type);
-        }
-    }
-    // Built only when it differs from the remembered key (the type changed).
-    std::string ownKey;
-    if (previousType != type) ownKey = cacheKey(domain, previousType);
-    const std::string& key = previousType == type ? last.key : ownKey;
+    const std::string& key = pending_.store(domain, type);
 
     using CacheRead = QelDNSLookupListener::CacheRead;
     if (cacheIP()) {
@@ -162,9 +118,8 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
         url = resolveUrl_;
         id = authId_;
         secret = authSecret_;
-        domain = domain_;
-        type = type_.load(std::memory_order_acquire);
     }
+    pending_.read(domain, type);  // afresh for every attempt: the last lookup's pair
     QelDNSLookupEvents::requestSent(lookup, url);
     QelDNSGetIPs::getIPsWithUrl(
         url, type == 1 ? 1 : 2, id, secret, domain,
@@ -212,13 +167,9 @@ void QelHttpDnsCenterManager::networkStatusChanged() {
     if (!serviceEnable() || !cacheIP()) return;
     std::optional<std::string> domain;
     int64_t type;
-    {
-        Lock lock(mutex_);
-        domain = domain_;
-        type = type_.load(std::memory_order_acquire);
-    }
+    pending_.read(domain, type);
     if (type == 0 || !domain || domain->empty()) return;
-    std::string key = cacheKey(domain, type);
+    std::string key = QelDNSPendingLookup::cacheKey(domain, type);
     QelDNSCacheManager::shared().clearCacheForDomain(key);
     requestIPsWithRetryCount(0, [this, key = std::move(key)](std::optional<QelDNSError> error,
                                                              QelDNSIPModelListRef records) {
@@ -249,25 +200,6 @@ std::optional<std::string> QelHttpDnsCenterManager::resolveUrl() const {
 void QelHttpDnsCenterManager::setResolveUrl(std::optional<std::string> resolveUrl) {
     Lock lock(mutex_);
     resolveUrl_.swap(resolveUrl);
-}
-
-void QelHttpDnsCenterManager::setType(int64_t type) {
-    Lock lock(mutex_);
-    type_.store(type, std::memory_order_release);
-    pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_release);
-}
-
-std::optional<std::string> QelHttpDnsCenterManager::domain() const {
-    Lock lock(mutex_);
-    return domain_;
-}
-
-void QelHttpDnsCenterManager::setDomain(std::optional<std::string> domain) {
-    Lock lock(mutex_);
-    domain_.swap(domain);
-    pendingVersion_.store(pendingVersion_.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_release);
 }
 
 void QelHttpDnsCenterManager::setAuthId(std::optional<std::string> authId) {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
+#include "QelHttpDnsSDK/Manager/QelDNSPendingLookup.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
@@ -87,13 +88,13 @@ public:
     void setRetryCountNum(int32_t retryCountNum) {
         retryCountNum_.store(retryCountNum, std::memory_order_release);
     }
-    int64_t type() const { return type_.load(std::memory_order_acquire); }
-    void setType(int64_t type);
+    int64_t type() const { return pending_.type(); }
+    void setType(int64_t type) { pending_.setType(type); }
 
     std::optional<std::string> resolveUrl() const;
     void setResolveUrl(std::optional<std::string> resolveUrl);
-    std::optional<std::string> domain() const;
-    void setDomain(std::optional<std::string> domain);
+    std::optional<std::string> domain() const { return pending_.domain(); }
+    void setDomain(std::optional<std::string> domain) { pending_.setDomain(std::move(domain)); }
     // Write-only: the credentials are read only by the resolve requests this class signs.
     void setAuthId(std::optional<std::string> authId);
     void setAuthSecret(std::optional<std::string> authSecret);
@@ -102,7 +103,6 @@ private:
     QelHttpDnsCenterManager() = default;
     void init();
 
-    static std::string cacheKey(const std::optional<std::string>& domain, int64_t type);
     void handleAttempt(int32_t count, const RecordsCompletion& completion,
                        const QelDNSLookupHandle& lookup,
                        std::optional<QelDNSError> error, QelDNSIPModelListRef records);
@@ -114,14 +114,10 @@ private:
     std::atomic<bool> cacheIP_{false};
     std::atomic<bool> expiredIP_{false};
     std::atomic<int32_t> retryCountNum_{0};
-    std::atomic<int64_t> type_{0};
-    // Renewed (under mutex_) whenever the pending domain or type changes: a thread that saw
-    // the pending pair in some version knows it is unchanged while the version is.
-    std::atomic<uint64_t> pendingVersion_{1};
+    QelDNSPendingLookup pending_;  // domain and type of the lookup made last
 
     mutable qel::platform::Mutex mutex_;
     std::optional<std::string> resolveUrl_ QEL_GUARDED_BY(mutex_);
-    std::optional<std::string> domain_ QEL_GUARDED_BY(mutex_);
     std::optional<std::string> authId_ QEL_GUARDED_BY(mutex_);
     std::optional<std::string> authSecret_ QEL_GUARDED_BY(mutex_);
 };

@@ -1,0 +1,80 @@
+#include "QelHttpDnsSDK/Manager/QelDNSPendingLookup.h"
+
+#include "QelHttpDnsSDK/Other/QelDNSNullable.h"
+
+namespace {
+
+using Lock = qel::platform::MutexLock;
+
+// The pending pair as this thread last stored or found it, and the key of a lookup of that same
+// pair. While the version is unchanged, a lookup of the same pair would store what is already
+// there, so it skips the mutex and the stores (memory every looking-up thread writes to) and the
+// building of its key. There is one pending lookup, so one such view per thread.
+struct LastPending {
+    uint64_t version = 0;  // none: versions start at 1
+    std::optional<std::string> domain;
+    int64_t type = 0;
+    std::string key;
+    std::string ownKey;  // the key when the type pending before was another one
+};
+thread_local LastPending lastPending;
+
+}  // namespace
+
+std::string QelDNSPendingLookup::cacheKey(const std::optional<std::string>& domain, int64_t type) {
+    return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
+}
+
+// The type is exchanged in one step, so concurrent lookups each take a type that some lookup
+// really left behind.
+const std::string& QelDNSPendingLookup::store(const std::optional<std::string>& domain,
+                                              int64_t type) {
+    LastPending& last = lastPending;
+    int64_t previousType = type;
+    if (last.version != version_.load(std::memory_order_acquire) || last.type != type ||
+        last.domain != domain) {
+        std::optional<std::string> pendingDomain = domain;
+        {
+            Lock lock(mutex_);
+            previousType = type_.exchange(type, std::memory_order_acq_rel);
+            const bool domainChanged = domain_ != domain;
+            if (domainChanged) domain_.swap(pendingDomain);
+            if (domainChanged || previousType != type) {
+                version_.store(version_.load(std::memory_order_relaxed) + 1,
+                               std::memory_order_release);
+            }
+            last.version = version_.load(std::memory_order_relaxed);
+        }
+        if (last.type != type || last.domain != domain || last.key.empty()) {
+            last.type = type;
+            last.domain = domain;
+            last.key = cacheKey(domain, type);
+        }
+    }
+    if (previousType == type) return last.key;
+    last.ownKey = cacheKey(domain, previousType);
+    return last.ownKey;
+}
+
+void QelDNSPendingLookup::read(std::optional<std::string>& domain, int64_t& type) const {
+    Lock lock(mutex_);
+    domain = domain_;
+    type = type_.load(std::memory_order_acquire);
+}
+
+void QelDNSPendingLookup::setType(int64_t type) {
+    Lock lock(mutex_);
+    type_.store(type, std::memory_order_release);
+    version_.store(version_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+std::optional<std::string> QelDNSPendingLookup::domain() const {
+    Lock lock(mutex_);
+    return domain_;
+}
+
+void QelDNSPendingLookup::setDomain(std::optional<std::string> domain) {
+    Lock lock(mutex_);
+    domain_.swap(domain);
+    version_.store(version_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
