@@ -6,24 +6,16 @@
 #include <fstream>
 #include <string>
 
-#include "QelHttpDnsSDK/Other/QelDNSJSONValue.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "support/Md5.h"
 #include "support/ScratchDirectory.h"
 
 using namespace std::string_literals;
 
-TEST(QelDNSUntil, TellsAddressesFromHostNamesUpToTheFirstNul) {
-    // One row per kind of text; the fuzzer compares every other text with a reference.
-    const struct { std::string text; bool ip, domain; } cases[] = {
-        {"127.0.0.1", true, true}, {"2001:db8::1", true, false}, {"a-b.c1", false, true},
-        {"", false, false}, {"a..test", false, false}, {"\u212A.test", false, false},
-        {"127.0.0.1\0.evil.test"s, true, false},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(QelDNSUntil::isIP(c.text), c.ip) << c.text;
-        EXPECT_EQ(QelDNSUntil::isDomain(c.text), c.domain) << c.text;
-    }
+TEST(QelDNSUntil, StopsAtTheFirstNulAndDecidesMegabyteTextsWithoutBacktracking) {
+    // Every other text is the fuzzer's, against a reference; here the NUL that ends a text.
+    EXPECT_TRUE(QelDNSUntil::isIP("127.0.0.1\0.evil.test"s));
+    EXPECT_FALSE(QelDNSUntil::isDomain("127.0.0.1\0.evil.test"s));
     EXPECT_FALSE(QelDNSUntil::isIP(std::nullopt) || QelDNSUntil::isDomain(std::nullopt));
     // Megabyte inputs: a backtracking engine recurses or explodes, the answers must be exact.
     std::string labels;
@@ -31,19 +23,6 @@ TEST(QelDNSUntil, TellsAddressesFromHostNamesUpToTheFirstNul) {
     EXPECT_FALSE(QelDNSUntil::isDomain(labels));
     EXPECT_TRUE(QelDNSUntil::isDomain(labels + "end"));
     EXPECT_FALSE(QelDNSUntil::isDomain("a" + std::string(1u << 20, '-')));
-}
-
-// The number and the text a field of a service answer reads as.
-TEST(QelDNSJSONValue, NumbersReadSaturatedFromLeadingIntegersAndTextIsCompact) {
-    const struct { const char* json; int32_t number; std::string text; } cases[] = {
-        {R"(" -12abc")", -12, " -12abc"}, {R"("99999999999")", INT32_MAX, "99999999999"},
-        {"-3.9", -3, "-3.9"}, {"null", 0, ""}, {R"([1, {"a": "é"}])", 0, "[1,{\"a\":\"é\"}]"},
-    };
-    for (const auto& c : cases) {
-        const auto value = nlohmann::json::parse(c.json);
-        EXPECT_EQ(QelDNSJSONValue::int32Value(&value), c.number) << c.json;
-        EXPECT_EQ(QelDNSJSONValue::descriptionValue(&value), c.text) << c.json;
-    }
 }
 
 TEST(QelDNSUntil, Md5DigestsTheUtf8BytesUpToTheFirstNulEvenWhereOnlyFipsIsAllowed) {
