@@ -124,12 +124,6 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAn
          }, "directory is owned"},
         {"log of another user beside it", "s.db",
          [&](auto& d) { return beside(d, "s.db-wal", 0600, kOtherUser); }, "s.db-wal is owned"},
-        {"shared memory others can read", "s.db",
-         [&](auto& d) { return beside(d, "s.db-shm", 0604, me); }, "s.db-shm is open"},
-        {"journal that is a link", "s.db", [&](auto& d) {
-             return planted(d.file("s.db"), 0600, me) &&
-                    ::symlink("s.db", d.file("s.db-journal").c_str()) == 0;
-         }, "s.db-journal is not a regular file"},
         {"not a database", "s.db", [](auto& d) {
              d.write("s.db", qel::test::randomBytes(8192, 7));
              return ::chmod(d.file("s.db").c_str(), 0600) == 0;
