@@ -67,12 +67,12 @@ TEST_F(CacheManagerTest, RecordSaysExpiredOnTruncatedTimeAndTheFilterOnExactTime
 }
 
 TEST_F(CacheManagerTest, LookupPrefersTheListInMemoryAndFallsBackToTheStore) {
-    const auto alive = record("10.0.0.2", 60, 940.5), stored = record("10.0.0.3", 600, 1000);
-    const auto saved = list({record("10.0.0.1", 60, 940.25), alive});  // the first ends now
+    const auto alive = record("10.0.0.2", 600, 1000), stored = record("10.0.0.3", 600, 1000);
+    const auto saved = list({record("10.0.0.1", 0, 1000), alive});  // the first has ended
     cache().saveIPs(saved, "a.test_v4", false);
     EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), saved);
     EXPECT_EQ(*cache().getIPsWithDomain("a.test_v4", false), QelDNSIPModelList{alive});
-    clock_.set(1000.7);
+    clock_.set(1700);
     const auto none = cache().getIPsWithDomain("a.test_v4", false);
     EXPECT_TRUE(none && none->empty()) << "all expired is an empty list, not a miss";
     // Saving without the disk leaves the persisted list, found once the one in memory is empty.
