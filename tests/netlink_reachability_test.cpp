@@ -140,7 +140,7 @@ constexpr int64_t kNotReachable = QelDNSNetworkStatusNotReachable;
 constexpr int64_t kWiFi = QelDNSNetworkStatusWiFi;
 
 const Scenario kScenarios[] = {
-    {"RoutesAndLinksDecideTheStatusAndWhatEachTargetReaches", {
+    {"RoutesLinksAndTheirKindDecideTheStatusAndWhatEachTargetReaches", {
         // A worse default route through loopback, which never counts.
         {"ip link set lo up && ip route add default dev lo metric 10", Expect::Status, kWiFi},
         {"", Expect::Flags, kDirect | flags::IsLocalAddress, "198.51.100.1"},
@@ -162,8 +162,6 @@ const Scenario kScenarios[] = {
         {"foreground", Expect::Quiet},
         {kAddDefault, Expect::Flags, flags::Reachable, "0.0.0.0"},
         {"", Expect::Quiet},
-    }},
-    {"ThePreferredDefaultRouteDecidesCellularAndIPv6Counts", {
         // An IPv6-only modem link without addresses (nothing is ever sent on it), whose
         // default route (metric 1024) loses to the IPv4 one (metric 0).
         {"ip link add wwan0 type veth peer name m1 && ip link set wwan0 addrgenmode none && "

