@@ -30,12 +30,6 @@ QelDNSIPModelListRef list(std::initializer_list<std::shared_ptr<QelDNSIPModel>> 
     return std::make_shared<const QelDNSIPModelList>(records.begin(), records.end());
 }
 
-Strings ips(const QelDNSIPModelListRef& records) {
-    Strings out;
-    for (const auto& r : records ? *records : QelDNSIPModelList{}) out.push_back(r->ip().value_or("(null)"));
-    return out;
-}
-
 class CacheManagerTest : public ::testing::Test {
 protected:
     // Never the real home: a test whose store could not be moved does not run.
@@ -64,31 +58,6 @@ TEST_F(CacheManagerTest, RecordSaysExpiredOnTruncatedTimeAndTheFilterOnExactTime
         EXPECT_EQ(r->isExpired(), c.expired);
         EXPECT_EQ(cache().filterExpiredTTL({r}).size(), c.kept ? 1u : 0u);
     }
-}
-
-TEST_F(CacheManagerTest, LookupPrefersTheListInMemoryAndFallsBackToTheStore) {
-    const auto alive = record("10.0.0.2", 600, 1000), stored = record("10.0.0.3", 600, 1000);
-    const auto saved = list({record("10.0.0.1", 0, 1000), alive});  // the first has ended
-    cache().saveIPs(saved, "a.test_v4", false);
-    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), saved);
-    EXPECT_EQ(*cache().getIPsWithDomain("a.test_v4", false), QelDNSIPModelList{alive});
-    clock_.set(1700);
-    const auto none = cache().getIPsWithDomain("a.test_v4", false);
-    EXPECT_TRUE(none && none->empty()) << "all expired is an empty list, not a miss";
-    // Saving without the disk leaves the persisted list, found once the one in memory is empty.
-    cache().saveIPs(list({stored}), "c.test_v4", true);
-    cache().saveIPs(saved, "c.test_v4", false);
-    EXPECT_EQ(cache().getIPsWithDomain("c.test_v4", true), saved);
-    cache().saveIPs(list({}), "c.test_v4", false);
-    EXPECT_EQ(ips(cache().getIPsWithDomain("c.test_v4", true)), Strings{"10.0.0.3"});
-    // A thread remembers its last memory hit: a change, and another manager, look again.
-    EXPECT_EQ(cache().getIPsWithDomain("a.test_v4", true), saved);
-    cache().clearCacheForDomain("a.test_v4");
-    EXPECT_FALSE(cache().getIPsWithDomain("a.test_v4", true));
-    QelDNSCacheManager other;
-    other.saveIPs(list({alive}), "c.test_v4", false);
-    EXPECT_EQ(ips(other.getIPsWithDomain("c.test_v4", true)), Strings{"10.0.0.2"});
-    EXPECT_EQ(ips(cache().getIPsWithDomain("c.test_v4", true)), Strings{"10.0.0.3"});
 }
 
 TEST_F(CacheManagerTest, ClearingRemovesEveryStoreKeyContainingASuffixAnywhere) {
