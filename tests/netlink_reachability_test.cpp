@@ -1,6 +1,6 @@
 // Reachability against the real kernel. Each NetlinkReachability row moves its process into a
 // network namespace of its own (before the platform thread or any netlink socket exists, so
-// both inherit it; without root, inside a user namespace of its own) holding a veth pair
+// both inherit it) holding a veth pair
 // v0/v1, 198.51.100.1/24 on v0 and the default route via 198.51.100.2; it changes links and
 // routes there with iproute2, checks what the manager and platform sources then say, and ends
 // by checking that no device of the namespace sent a packet. The kernel's refusal of a netlink
@@ -12,10 +12,8 @@
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -93,27 +91,6 @@ std::unique_ptr<ReachabilitySource> watch(const std::string& address, Flags& rep
     return source;
 }
 
-// Moves the process into a network namespace of its own: directly with CAP_SYS_ADMIN, else as
-// root of a new user namespace, which the kernel grants only to a process without threads.
-// Returns why it could not, or nothing.
-std::optional<std::string> enterNetworkNamespace() {
-    if (::unshare(CLONE_NEWNET) == 0) return std::nullopt;
-    const std::string direct = std::strerror(errno);
-    const std::string uid = std::to_string(::getuid()), gid = std::to_string(::getgid());
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-        return "unshare(CLONE_NEWNET): " + direct + "; with CLONE_NEWUSER: " + std::strerror(errno);
-    }
-    // Root inside, so that iproute2 keeps its capabilities over the new network namespace.
-    const auto put = [](const char* path, const std::string& text) {
-        return static_cast<bool>(std::ofstream(path) << text << std::flush);
-    };
-    if (!put("/proc/self/setgroups", "deny") || !put("/proc/self/uid_map", "0 " + uid + " 1") ||
-        !put("/proc/self/gid_map", "0 " + gid + " 1")) {
-        return "cannot map the user into the new user namespace";
-    }
-    return std::nullopt;
-}
-
 // What a step expects once its command ran: the manager's status; the next status its change
 // block hears; that the block heard nothing more; the flags a source watching `target` reads
 // and, once it reported, last reported.
@@ -184,10 +161,8 @@ protected:
     void SetUp() override {
         static bool entered = false;
         if (entered) GTEST_SKIP() << "one namespace case per process (ctest runs each alone)";
-        if (std::optional<std::string> refused = enterNetworkNamespace()) {
-            GTEST_SKIP() << "no network namespace of its own (" << *refused
-                         << "): needs root, or unprivileged user namespaces "
-                            "(user.max_user_namespaces) and no thread started before the test";
+        if (::unshare(CLONE_NEWNET) != 0) {
+            GTEST_SKIP() << "needs CAP_SYS_ADMIN for a network namespace of its own: " << std::strerror(errno);
         }
         entered = inNamespace_ = true;
         // IPv6 off unless a case turns it on for one link: no router solicitation, no DAD.
@@ -209,13 +184,12 @@ protected:
     bool act(const std::string& command) {
         if (command.empty()) return true;
         if (command == "refuse sockets") return refusedSockets = 1;
-        if (command == "background" || command == "foreground") {
-            qel::platform::NotificationCenter::defaultCenter().post(
-                command == "background" ? qel::platform::UIApplicationDidEnterBackgroundNotification
-                                        : qel::platform::UIApplicationWillEnterForegroundNotification);
-            return true;
-        }
-        return run(command);
+        using namespace qel::platform;
+        const bool background = command == "background";
+        if (!background && command != "foreground") return run(command);
+        NotificationCenter::defaultCenter().post(background ? UIApplicationDidEnterBackgroundNotification
+                                                            : UIApplicationWillEnterForegroundNotification);
+        return true;
     }
 
     bool inNamespace_ = false;
