@@ -12,15 +12,12 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
-#include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
 #include "support/ScratchDirectory.h"
 #include "support/SqliteQuery.h"
 
 using qel::platform::Data;
 using qel::platform::SqliteUserDefaults;
-using qel::platform::UserDefaults;
 using qel::test::appQuery;
 using qel::test::ScratchDirectory;
 using Keys = std::vector<std::string>;
@@ -161,28 +158,4 @@ TEST(SqliteUserDefaults, AnotherConnectionsLockSkipsWritesUntilItGoesAndIsSaidOn
     sqlite3_close(other);
     EXPECT_EQ(store.allKeys(), (Keys{"a", "app", "d"}));
     EXPECT_EQ(console.lines().size(), 4u) << testing::PrintToString(console.lines());
-}
-
-TEST(UserDefaultsStandard, FileFollowsXdgAndTheApplicationUntilChosenAndStaysOnceOpen) {
-    ScratchDirectory dir;
-    const std::string program = program_invocation_short_name;
-    const struct { const char* xdg; const char* home; std::optional<std::string> bundle; std::string expected; } cases[] = {
-        {dir.path().c_str(), "/h", std::nullopt, dir.path() + "/" + program},
-        {dir.path().c_str(), "/h", "..", dir.path() + "/" + program},
-        {dir.path().c_str(), "/h", "a/b", dir.path() + "/a_b"},
-        {"relative", "/h", "a/b", "/h/.local/share/a_b"},  // XDG: ignore relative
-    };
-    for (const auto& c : cases) {
-        c.xdg ? setenv("XDG_DATA_HOME", c.xdg, 1) : unsetenv("XDG_DATA_HOME");
-        c.home ? setenv("HOME", c.home, 1) : unsetenv("HOME");
-        qel::platform::MainBundle::setIdentifier(c.bundle);
-        EXPECT_EQ(UserDefaults::standardPath(), c.expected + "/user-defaults.sqlite3");
-    }
-    const std::string chosen = dir.file("chosen/store.db");
-    ASSERT_TRUE(UserDefaults::setStandardPath(chosen));
-    UserDefaults::standard().setString("app", "v");
-    EXPECT_EQ(appQuery(chosen, "SELECT value FROM user_defaults"), "v");
-    EXPECT_FALSE(UserDefaults::setStandardPath(dir.file("elsewhere"))) << "the store is open";
-    qel::platform::MainBundle::setIdentifier("other");
-    EXPECT_EQ(UserDefaults::standardPath(), chosen);
 }
