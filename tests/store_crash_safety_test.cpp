@@ -31,8 +31,7 @@ std::string hostName(int process, int index) {
 // Looks up new hosts, each a save, and writes the index of each one answered to `out`, until
 // it is killed.
 [[noreturn]] void lookUpUntilKilled(const std::string& path, int process, int out) {
-    qel::test::ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret,
-                                         qel::test::kAppId};
+    qel::test::ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, qel::test::kAppId};
     for (int i = 0; i < 64; ++i) service.setAddresses(hostName(process, i), {"192.0.2.1"});
     qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
     qel::platform::MainBundle::setIdentifier(qel::test::kAppId);
@@ -65,18 +64,16 @@ TEST(KilledWriter, EveryAnswerGivenIsOnDiskAndTheStoreStaysReadable) {
     for (int process = 0; process < 4; ++process) {
         SCOPED_TRACE("process " + std::to_string(process));
         int pipeFds[2];
-        ASSERT_EQ(pipe(pipeFds), 0);
-        const pid_t child = fork();
+        const pid_t child = pipe(pipeFds) == 0 ? fork() : -1;
         ASSERT_GE(child, 0);
         if (child == 0) lookUpUntilKilled(path, process, pipeFds[1]);
         close(pipeFds[1]);
         // Killed after one to four answers, while it saves the next one or right before.
-        int index = 0;
+        int status = 0, index = 0;
         for (int heard = 0; heard <= process && nextAnswer(pipeFds[0], index); ++heard) {
             answered.push_back(hostName(process, index));
         }
         kill(child, SIGKILL);
-        int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         while (nextAnswer(pipeFds[0], index)) answered.push_back(hostName(process, index));
         close(pipeFds[0]);
