@@ -22,10 +22,10 @@ struct SignedRequest {
     std::string target, authorization;
 };
 SignedRequest sdkLogin(int64_t timestamp = Service::systemMilliseconds(),
-                       const std::optional<std::string>& appId = std::string(kAppId),
+                       const std::string& appId = kAppId,
                        const std::string& authId = kAuthId, const std::string& secret = kSecret);
 SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp = Service::systemMilliseconds(),
-                         const std::optional<std::string>& appId = std::string(kAppId),
+                         const std::string& appId = kAppId,
                          const std::string& authId = kAuthId, const std::string& secret = kSecret);
 
 struct Answer {
