@@ -63,13 +63,11 @@ int freePort(int type) {
     return ntohs(address.sin_port);
 }
 
-LocalService::LocalService(const std::string& zone, size_t endpoints)
+LocalService::LocalService(const std::string& zone)
     : service(Accounts::parse(std::string("# AuthId AuthSecret\n\n\t") + kAuthId + " " + kSecret + " \n", "accounts"),
               Zone::parse(zone, "zone"), access),
-      listener(service, std::vector<Endpoint>(endpoints, {"127.0.0.1", 0}), Listener::Limits{8}) {
-    std::vector<std::string> nodes;
-    for (const Endpoint& endpoint : listener.endpoints()) nodes.push_back(endpoint.url());
-    service.setNodes(nodes);
+      listener(service, {{"127.0.0.1", 0}}, Listener::Limits{8}) {
+    service.setNodes({url()});
     listener.start();
 }
 
