@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "support/ResolutionService.h"
 #include "support/ScratchDirectory.h"
@@ -14,16 +12,15 @@
 using qel::test::ResolutionService;
 using Lines = std::vector<std::string>;
 
-class Qeldns : public testing::Test {
-protected:
-    Qeldns() {
-        service.setAddresses("a.test", {"192.0.2.1", "2001:db8::1"});
-        setenv("QELDNS_AUTH_ID", "acct", 1);
-        setenv("QELDNS_AUTH_SECRET", "secret", 1);
-    }
+TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStatus) {
+    qel::test::ScratchDirectory scratch;
+    ResolutionService service{"acct", "secret", "qeldns"};
+    setenv("QELDNS_AUTH_ID", "acct", 1);
+    setenv("QELDNS_AUTH_SECRET", "secret", 1);
     // The exit status and the lines of standard output, JSON objects without their times;
     // standard error goes to the file "err". Each run has a store of its own.
-    std::pair<int, Lines> run(const std::string& arguments) {
+    int runs = 0;
+    const auto run = [&](const std::string& arguments) {
         const std::string command = std::string(QELDNS_BINARY) + " --server " + service.baseUrl() + " --store " +
                                     scratch.file(std::to_string(++runs)) + " " + arguments + " 2>" + scratch.file("err");
         FILE* pipe = popen(command.c_str(), "r");
@@ -32,24 +29,11 @@ protected:
         while (std::fgets(buffer, sizeof buffer, pipe)) lines.emplace_back(buffer, std::strcspn(buffer, "\n"));
         for (std::string& line : lines) line = std::regex_replace(line, std::regex(R"(,"microseconds":\d+)"), "");
         const int status = pclose(pipe);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, lines};
-    }
-
-    qel::test::ScratchDirectory scratch;
-    ResolutionService service{"acct", "secret", "qeldns"};
-    int runs = 0;
-};
-
-TEST_F(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStatus) {
+        return std::pair{WIFEXITED(status) ? WEXITSTATUS(status) : -1, lines};
+    };
     const std::string forged = "192.0.2.9\nb.test 6.6.6.6", escaped = "192.0.2.9\\nb.test 6.6.6.6";
     service.setAddresses("b.test", {"192.0.2.5", "<script>", forged, "2001:db8::5"});
     service.setAddresses("c.test", {"not-an-ip"});
-    const std::string served = R"({"addresses":["192.0.2.1"],"domain":"a.test","source":"network","trace":{"attempts":1,)"
-                               R"("cache_key":"a.test_v)",
-                      node = R"(","error_code":null,"login_retried":false,"nodes":[")" + service.baseUrl() +
-                             R"("],"source":"service"},"type":"A"})",
-                      refused = R"({"domain":"192.168.1.1","error":{"code":1,"message":"域名格式错误"},"trace":{"attempts":0,)"
-                                R"("cache_key":"","error_code":1,"login_retried":false,"nodes":[],"source":"refused"},"type":"A"})";
     const struct {
         std::string arguments;
         Lines out;
@@ -58,32 +42,12 @@ TEST_F(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsSt
     } cases[] = {
         // The resolve is refused with a message of half a megabyte that clears the screen.
         {"a.test", {}, {"a.test: error 403: \\x1b[2Jxxx", "xxx... (499704 more bytes)"}, 1},
-        {"--timeout 86400 -6 a.test", {"a.test 2001:db8::1"}, {}, 0},  // the longest timeout allowed
-        // Three lookups of one name: the first two fill the keys of both type suffixes, the
-        // third is a hit; then a malformed name fails. -v adds each lookup's trace.
-        {"-v --json --repeat 3 a.test 192.168.1.1",
-         {served + "6" + node, served + "4" + node,
-          R"({"addresses":["192.0.2.1"],"domain":"a.test","source":"cache","trace":{"attempts":0,"cache_key":"a.test_v4",)"
-          R"("error_code":null,"login_retried":false,"nodes":[],"source":"memory"},"type":"A"})",
-          refused, refused, refused},
-         {}, 1},
         {"b.test", {"b.test 192.0.2.5"}, {"\"<script>\"", escaped, "2001:db8::5"}, 0},
-        {"-6 b.test", {"b.test 2001:db8::5"}, {"192.0.2.5", "<script>"}, 0},
-        {"c.test", {}, {"c.test: no IPv4 address in the answer"}, 1},
-        {"--json b.test c.test",
-         {R"({"addresses":["192.0.2.5"],"domain":"b.test","source":"network","type":"A"})",
-          R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"},
-         {escaped}, 1},
+        {"--json c.test", {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"}, {}, 1},
         {"'a.test\nb.test 6.6.6.6' 'x\x1b]0;t\x07' '\\\t\r\x7f\xc2\x9b' -", {},
          {"a.test\\nb.test 6.6.6.6: error 1", "x\\x1b]0;t\\x07: error 1", "\\\\\\t\\r\\x7f\\u009b: error 1", "-: error 1"}, 1},
         // A mistyped option's value may be a secret: the error names the option only.
         {"--auth-secrte=hunter2 a.test", {}, {"qeldns: unknown option --auth-secrte\n"}, 2},
-        {"--timeout soon a.test", {}, {"--timeout needs a number of seconds above 0 and at most 86400"}, 2},
-        {"--timeout 1e10 a.test", {}, {"not '1e10'"}, 2},
-        {"--repeat 0 a.test", {}, {"--repeat needs a count from 1 to 1000000, not '0'"}, 2},
-        {"--secret '' a.test", {}, {"credentials missing"}, 2},
-        {"-f /nonexistent", {}, {"cannot read /nonexistent"}, 2},
-        {"-4", {}, {"no domain given"}, 2},
     };
     service.scriptResolves({ResolutionService::status(403, "\x1b[2J" + std::string(500000, 'x'))});
     for (const auto& c : cases) {

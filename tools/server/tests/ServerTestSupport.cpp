@@ -16,21 +16,21 @@
 
 namespace qel::server::test {
 
-SignedRequest sdkLogin(int64_t timestamp, const std::optional<std::string>& appId, const std::string& authId,
+SignedRequest sdkLogin(int64_t timestamp, const std::string& appId, const std::string& authId,
                        const std::string& secret) {
     platform::MainBundle::setIdentifier(appId);
     return {QelDNSRequest::percentEncode("/" + authId + "/service?timestamp=" + std::to_string(timestamp) +
-                                         "&app_id=" + appId.value_or("(null)")),
+                                         "&app_id=" + appId),
             "MD5 " + QelDNSAppAuth::calcSignWithAuthSecret(secret, static_cast<double>(timestamp))};
 }
 
 SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp,
-                         const std::optional<std::string>& appId, const std::string& authId,
+                         const std::string& appId, const std::string& authId,
                          const std::string& secret) {
     platform::MainBundle::setIdentifier(appId);
     return {QelDNSRequest::percentEncode("/" + authId + "/resolve?timestamp=" + std::to_string(timestamp) +
                                          "&host=" + host + "&type=" + std::to_string(type) +
-                                         "&app_id=" + appId.value_or("(null)")),
+                                         "&app_id=" + appId),
             "MD5 " + QelDNSGetIPs::calcSignWithAuthSecret(secret, static_cast<double>(timestamp), host, type)};
 }
 
@@ -53,9 +53,7 @@ std::string TempFile::read() const {
 
 int freePort(int type) {
     const int fd = socket(AF_INET, type, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -63,13 +61,11 @@ int freePort(int type) {
     return ntohs(address.sin_port);
 }
 
-LocalService::LocalService(const std::string& zone, size_t endpoints)
+LocalService::LocalService(const std::string& zone)
     : service(Accounts::parse(std::string("# AuthId AuthSecret\n\n\t") + kAuthId + " " + kSecret + " \n", "accounts"),
               Zone::parse(zone, "zone"), access),
-      listener(service, std::vector<Endpoint>(endpoints, {"127.0.0.1", 0}), Listener::Limits{8}) {
-    std::vector<std::string> nodes;
-    for (const Endpoint& endpoint : listener.endpoints()) nodes.push_back(endpoint.url());
-    service.setNodes(nodes);
+      listener(service, {{"127.0.0.1", 0}}, Listener::Limits{8}) {
+    service.setNodes({url()});
     listener.start();
 }
 

@@ -21,12 +21,11 @@ constexpr char kAppId[] = "com.example.app";
 struct SignedRequest {
     std::string target, authorization;
 };
-SignedRequest sdkLogin(int64_t timestamp = Service::systemMilliseconds(),
-                       const std::optional<std::string>& appId = std::string(kAppId),
+SignedRequest sdkLogin(int64_t timestamp = Service::systemMilliseconds(), const std::string& appId = kAppId,
                        const std::string& authId = kAuthId, const std::string& secret = kSecret);
 SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp = Service::systemMilliseconds(),
-                         const std::optional<std::string>& appId = std::string(kAppId),
-                         const std::string& authId = kAuthId, const std::string& secret = kSecret);
+                         const std::string& appId = kAppId, const std::string& authId = kAuthId,
+                         const std::string& secret = kSecret);
 
 struct Answer {
     int status = 0;  // 0: no answer
@@ -48,14 +47,14 @@ struct TempFile {
 /// A port on 127.0.0.1 that nothing listens on at the moment of the call (TCP or UDP).
 int freePort(int type);
 
-/// The service in this process on 127.0.0.1 and free ports, each handed out as a node, with
-/// the account kAuthId and the zone given; it logs to a file.
+/// The service in this process on 127.0.0.1 and a free port, handed out as its node, with the
+/// account kAuthId and the zone given; it logs to a file.
 struct LocalService {
-    explicit LocalService(const std::string& zone = "", size_t endpoints = 1);
-    std::string url(size_t endpoint = 0) const { return listener.endpoints()[endpoint].url(); }
-    int port(size_t endpoint = 0) const { return listener.endpoints()[endpoint].port; }
-    Answer get(const SignedRequest& request, size_t endpoint = 0) const {
-        httplib::Client client("127.0.0.1", port(endpoint));
+    explicit LocalService(const std::string& zone = "");
+    std::string url() const { return listener.endpoints()[0].url(); }
+    int port() const { return listener.endpoints()[0].port; }
+    Answer get(const SignedRequest& request) const {
+        httplib::Client client("127.0.0.1", port());
         return test::get(client, request);
     }
 
