@@ -19,11 +19,17 @@
 namespace qel::test {
 
 class LoopbackHttpServer {
+    // Runs `run` under mutex_, which guards the state the server threads share.
+    template <typename F>
+    auto locked(F run) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return run();
+    }
+
 public:
     /// One request, byte for byte as received: its head and a Content-Length body.
     struct Request {
         std::string raw;
-        int remotePort = 0;  // tells connections apart
 
         /// As sent: path and query, still percent-encoded.
         std::string target() const;
@@ -58,8 +64,6 @@ public:
     explicit LoopbackHttpServer(int port = 0);
     /// Releases held requests, ends every connection and joins the server's threads.
     ~LoopbackHttpServer();
-    LoopbackHttpServer(const LoopbackHttpServer&) = delete;
-    LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>" followed by `pathAndQuery`.
@@ -70,7 +74,7 @@ public:
     /// Answers requests for `path` (exact, without query), any method.
     void route(const std::string& path, Handler handler);
     void respond(const std::string& path, int status, const std::string& body) {
-        route(path, [status, body](const Request&) { return http(status, body); });
+        route(path, [=](const Request&) { return http(status, body); });
     }
     /// Answers every request no route takes: the i-th with `script[min(i, size - 1)]`.
     void serve(std::vector<Reply> script);
@@ -78,22 +82,16 @@ public:
     void hold(const std::string& path, const std::string& body = "{}");
     void releaseHeld();
 
-    std::vector<Request> requests() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return requests_;
-    }
+    std::vector<Request> requests() const { return locked([this] { return requests_; }); }
     /// Connections open now.
-    size_t openConnections() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return connections_.size();
-    }
+    size_t openConnections() const { return locked([this] { return connections_.size(); }); }
     /// Goes down: closes every connection and refuses new ones on the same port until `start`.
     void stop();
     void start();
 
 private:
     void bindSocket();
-    void converse(int fd, int remotePort);
+    void converse(int fd);
     void shutDown();
 
     int fd_ = -1;

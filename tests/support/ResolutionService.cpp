@@ -43,20 +43,14 @@ Server::Reply ResolutionService::answer(const Server::Request& request, std::deq
         ++badSignatures_;
         behaviour = status(403, "signature mismatch");
     }
-    switch (behaviour.kind) {
-        case Behaviour::Answer:
-            return Server::http(200, body.dump());
-        case Behaviour::Status:
-            return Server::http(200, nlohmann::json{{"status", behaviour.status},
-                                                    {"message", behaviour.message}}.dump());
-        case Behaviour::Stall:  // until the client's timeout or the end of the service
-            return {Server::Reply::Stall, {}, {}, false};
-        case Behaviour::Drop:
-            break;
+    if (behaviour.kind == Behaviour::Stall) {  // until the client's timeout or the end of the service
+        return {Server::Reply::Stall, {}, {}, false};
     }
-    // Promises a body, then closes the connection before any of it.
-    return {Server::Reply::Write,
-            "HTTP/1.1 200 \r\nContent-Type: application/json\r\nContent-Length: 64\r\n\r\n", {}, false};
+    if (behaviour.kind == Behaviour::Drop) {  // promises a body, then closes before any of it
+        return {Server::Reply::Write, "HTTP/1.1 200 \r\nContent-Length: 64\r\n\r\n", {}, false};
+    }
+    const nlohmann::json refusal{{"status", behaviour.status}, {"message", behaviour.message}};
+    return Server::http(200, (behaviour.kind == Behaviour::Status ? refusal : body).dump());
 }
 
 }  // namespace qel::test
