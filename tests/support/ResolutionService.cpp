@@ -38,7 +38,7 @@ Server::Reply ResolutionService::answer(const Server::Request& request, std::deq
     const bool resolve = &script == &resolveScript_;
     const std::string signedText = appId_ + "-" + (resolve ? host + "-" : "") + request.param("timestamp") +
                                    (resolve ? "-" + request.param("type") : "") + "-" + authSecret_;
-    if (request.param("app_id") != appId_ ||
+    if (request.param("app_id") != appId_ || request.raw.find(authSecret_) != std::string::npos ||
         request.header("Authorization") != "MD5 " + md5Hex(signedText)) {
         ++badSignatures_;
         behaviour = status(403, "signature mismatch");

@@ -56,7 +56,7 @@ public:
     size_t logins() const { return read(logins_); }
     /// The hosts of the resolve requests received, in order of arrival.
     std::vector<std::string> resolvedHosts() const { return read(resolvedHosts_); }
-    /// Requests whose signature, timestamp or app id did not check out.
+    /// Requests whose signature, timestamp or app id did not check out, or that carried the secret.
     size_t badSignatures() const { return read(badSignatures_); }
 
 private:

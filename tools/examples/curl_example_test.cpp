@@ -71,12 +71,4 @@ TEST_F(CurlExample, ConnectsToTheServicesAddressAndKeepsTheNameInTheHostHeader) 
         << server->output();
 }
 
-TEST_F(CurlExample, WithoutAnAnswerFromTheSdkItSaysSoAndSendsNothing) {
-    const std::string url = "http://unknown.qel-demo.test:" + std::to_string(web.port()) + "/hello";
-    EXPECT_EQ(fetch({"--no-fallback"}, url), 1);
-    EXPECT_TRUE(contains(err, "no SDK answer for unknown.qel-demo.test; not fetched")) << err;
-    EXPECT_TRUE(out.empty());
-    EXPECT_TRUE(web.requests().empty());
-}
-
 }  // namespace
