@@ -66,7 +66,6 @@ const std::string kUnavailable = "-1 service unavailable", kRequestError = "-1 r
 
 const std::vector<Fault> kCatalogue{
     {"ResetBeforeAnyByte", 2.0, {{Reply::Reset, "", {}, false}}, {kUnavailable}, 1},
-    {"StallLongerThanTheTimeout", 0.3, {{Reply::Stall, {}, {}, false}}, {kUnavailable}, 1},
     {"BodyTricklingPastTheTimeout", 0.5, {{Reply::Trickle, kHead, kAnswer, false}}, {kRequestError}, 3},
     // Padded past the 1 MiB a body may hold, without a length: only the client's count stops it.
     {"BodyOverOneMebibyte", 5.0,
