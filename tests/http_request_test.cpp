@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <optional>
 #include <string>
@@ -21,6 +23,7 @@
 #include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/ScratchDirectory.h"
 
 using nlohmann::json;
 using Server = qel::test::LoopbackHttpServer;
@@ -110,6 +113,52 @@ TEST_F(QelDNSRequestTest, MapsEachKindOfAnswerToAResultOrAnError) {
     EXPECT_EQ(get(server.url("/")), "-30000 request error");
 }
 
+auto openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// A misbehaving service: each request ends once, within its timeout, with the status its
+// transfer reached (the lookup then leaves a node that gave no 200, and retries otherwise),
+// and nothing it opened stays open once the service has gone.
+TEST_F(QelDNSRequestTest, AMisbehavingServiceEndsEachRequestOnceAndLeavesNoDescriptor) {
+    qel::test::ScratchDirectory scratch;
+    std::ofstream(scratch.file("answer.json")) << "[1]";
+    const std::string body = "[" + std::string(40, ' ') + "]";
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    const struct { double timeout; Server::Reply reply; std::string expected; size_t requests; } rows[] = {
+        // A body trickling in: only a timeout bounding the whole exchange ends it.
+        {0.5, {Server::Reply::Trickle, head, body, false}, "200 request error", 1},
+        // Past the size bound without a length: only the client's count stops it.
+        {5.0, {Server::Reply::Write, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kBound + 1, ' '), {}, false},
+         "200 request error", 1},
+        {2.0, Server::http(302, "", "Location: /again\r\n", true), "-30000 request error", 1 + CurlHttpSession::kMaxRedirects},
+        // Followed, the redirect would read a good answer from the file.
+        {2.0, Server::http(302, "", "Location: file://" + scratch.file("answer.json") + "\r\n", true),
+         "-30000 request error", 1},
+        {2.0, {Server::Reply::Reset, "", {}, false}, "-30000 request error", 1},
+    };
+    server.serve({Server::http(200, "[0]", "", true)});
+    QelHttpDnsManager::shared().setTimeout(2.0);  // the manager, its thread and its session start
+    EXPECT_EQ(get(server.url("/")), "[0]");
+    ASSERT_TRUE(qel::test::eventually([&] { return server.openConnections() == 0; }));
+    const auto descriptors = openDescriptors();
+    for (const auto& row : rows) {
+        server.serve({row.reply});
+        QelHttpDnsManager::shared().setTimeout(row.timeout);
+        const size_t before = server.requests().size();
+        EXPECT_EQ(get(server.url("/")), row.expected) << row.reply.bytes.substr(0, 40);
+        EXPECT_EQ(server.requests().size() - before, row.requests);
+    }
+    // An answer that looks reusable on a connection the server then closes: the next request
+    // does not fail on the stale connection.
+    server.serve({{Server::Reply::Write, Server::http(200, "[2]").bytes, {}, false}, Server::http(200, "[2]", "", true)});
+    EXPECT_EQ(get(server.url("/")), "[2]");
+    ASSERT_TRUE(qel::test::eventually([&] { return server.openConnections() == 0; }));
+    EXPECT_EQ(get(server.url("/")), "[2]");
+    server.stop();
+    EXPECT_TRUE(qel::test::eventually([&] { return openDescriptors() == descriptors; }));
+}
+
 TEST_F(QelDNSRequestTest, SendsContentTypeFirstThenTheCallersHeadersAsSafeText) {
     server.respond("/h", 200, "{}");
     get(server.url("/h"), {{"X-Str", "s"}, {"X-Null", nullptr}, {"X-List", {1, "a"}},
@@ -172,7 +221,7 @@ TEST_F(QelDNSRequestTest, TakesItsTimeoutFromTheManagerAtEachRequest) {
     EXPECT_EQ(outcome(finishes[0]), R"({"late":true})");
 }
 
-// A timeout that bounds the whole exchange is the fault catalogue's trickling row.
+// A timeout that bounds the whole exchange is the misbehaving service's trickling row.
 TEST(CurlHttpSession, NonsenseTimeoutsFailFast) {
     Server server;
     server.hold("/held");
