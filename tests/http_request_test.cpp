@@ -85,8 +85,20 @@ std::string nested(int depth) {
 
 }  // namespace
 
-TEST_F(QelDNSRequestTest, MapsEachKindOfAnswerToAResultOrAnError) {
-    const struct { Server::Reply reply; std::string expected; } rows[] = {
+auto openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// One row per kind of answer, well-formed or not: each request ends once, within its timeout,
+// with a result or an error that carries the status its transfer reached (the lookup then
+// leaves a node that gave no 200, and retries otherwise). Nothing the requests opened stays
+// open once the service has gone.
+TEST_F(QelDNSRequestTest, EachKindOfAnswerEndsTheRequestOnceWithAResultOrAnError) {
+    qel::test::ScratchDirectory scratch;
+    std::ofstream(scratch.file("answer.json")) << "[1]";
+    const std::string body = "[" + std::string(40, ' ') + "]";
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    const struct { Server::Reply reply; std::string expected; size_t requests = 1; double timeout = 2.0; } rows[] = {
         {Server::http(500, R"({"status":500,"message":"down"})"), R"({"message":"down","status":500})"},
         {Server::http(200, ""), "-10000 request error"},
         {Server::http(200, "123"), kNotJson},
@@ -94,51 +106,25 @@ TEST_F(QelDNSRequestTest, MapsEachKindOfAnswerToAResultOrAnError) {
         {Server::http(200, nested(513)), kNotJson},
         // Depth counts again once a string has ended.
         {Server::http(200, "[\"[\"," + nested(512) + "]"), kNotJson},
-        // Over the size bound (counted after decoding): a transport failure of a 200.
+        // Over the size bound (counted after decoding), with a length or without one.
         {Server::http(200, "[" + std::string(kBound - 2, ' ') + "]"), "[]"},
         {Server::http(200, "[" + std::string(kBound - 1, ' ') + "]"), "200 request error"},
+        {{Server::Reply::Write, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kBound + 1, ' '), {}, false},
+         "200 request error", 1, 5.0},
         // A compressed answer is read as the text it stands for.
         {Server::http(200, std::string("\x1f\x8b\x08\0\0\0\0\0\x02\xff\x8b\x56\x4a\xaf\x52\x8a\x05\0\xa6\x6c\x75\x21\x06\0\0\0", 26),
                       "Content-Encoding: gzip\r\n"),
          R"(["gz"])"},
-        // Cut after the head of a 200: a transport error with that status.
-        {{Server::Reply::Write, "HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"a\"", {}, false},
-         "200 request error"},
-    };
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        server.route("/" + std::to_string(i), [&, i](const Server::Request&) { return rows[i].reply; });
-        EXPECT_EQ(get(server.url("/" + std::to_string(i))), rows[i].expected) << "row " << i;
-    }
-    server.stop();
-    EXPECT_EQ(get(server.url("/")), "-30000 request error");
-}
-
-auto openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-// A misbehaving service: each request ends once, within its timeout, with the status its
-// transfer reached (the lookup then leaves a node that gave no 200, and retries otherwise),
-// and nothing it opened stays open once the service has gone.
-TEST_F(QelDNSRequestTest, AMisbehavingServiceEndsEachRequestOnceAndLeavesNoDescriptor) {
-    qel::test::ScratchDirectory scratch;
-    std::ofstream(scratch.file("answer.json")) << "[1]";
-    const std::string body = "[" + std::string(40, ' ') + "]";
-    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
-    const struct { double timeout; Server::Reply reply; std::string expected; size_t requests; } rows[] = {
+        {{Server::Reply::Write, "HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"a\"", {}, false}, "200 request error"},
+        {{Server::Reply::Reset, "", {}, false}, "-30000 request error"},
         // A body trickling in: only a timeout bounding the whole exchange ends it.
-        {0.5, {Server::Reply::Trickle, head, body, false}, "200 request error", 1},
-        // Past the size bound without a length: only the client's count stops it.
-        {5.0, {Server::Reply::Write, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kBound + 1, ' '), {}, false},
-         "200 request error", 1},
-        {2.0, Server::http(302, "", "Location: /again\r\n", true), "-30000 request error", 1 + CurlHttpSession::kMaxRedirects},
+        {{Server::Reply::Trickle, head, body, false}, "200 request error", 1, 0.5},
+        {Server::http(302, "", "Location: /again\r\n", true), "-30000 request error", 1 + CurlHttpSession::kMaxRedirects},
         // Followed, the redirect would read a good answer from the file.
-        {2.0, Server::http(302, "", "Location: file://" + scratch.file("answer.json") + "\r\n", true),
-         "-30000 request error", 1},
-        {2.0, {Server::Reply::Reset, "", {}, false}, "-30000 request error", 1},
+        {Server::http(302, "", "Location: file://" + scratch.file("answer.json") + "\r\n", true), "-30000 request error"},
     };
-    server.serve({Server::http(200, "[0]", "", true)});
     QelHttpDnsManager::shared().setTimeout(2.0);  // the manager, its thread and its session start
+    server.serve({Server::http(200, "[0]", "", true)});
     EXPECT_EQ(get(server.url("/")), "[0]");
     ASSERT_TRUE(qel::test::eventually([&] { return server.openConnections() == 0; }));
     const auto descriptors = openDescriptors();
@@ -156,6 +142,7 @@ TEST_F(QelDNSRequestTest, AMisbehavingServiceEndsEachRequestOnceAndLeavesNoDescr
     ASSERT_TRUE(qel::test::eventually([&] { return server.openConnections() == 0; }));
     EXPECT_EQ(get(server.url("/")), "[2]");
     server.stop();
+    EXPECT_EQ(get(server.url("/")), "-30000 request error");
     EXPECT_TRUE(qel::test::eventually([&] { return openDescriptors() == descriptors; }));
 }
 
