@@ -42,8 +42,6 @@ TEST(CurlExample, ConnectsToTheServicesAddressAndKeepsTheNameInTheHostHeader) {
     EXPECT_EQ(example.output(), "hello from " + hostAndPort);
     EXPECT_TRUE(contains(example.errors(), "pinned " + hostAndPort + ":127.0.0.1")) << example.errors();
     EXPECT_EQ(web.requests().size(), 1u);
-    EXPECT_TRUE(contains(service.output(), "/resolve 200 ") && contains(service.output(), std::string("host=") + kName))
-        << service.output();
 }
 
 }  // namespace
