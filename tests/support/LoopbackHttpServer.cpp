@@ -99,7 +99,7 @@ LoopbackHttpServer::Reply LoopbackHttpServer::http(int status, const std::string
             "HTTP/1.1 " + std::to_string(status) + " \r\nContent-Type: " + contentType +
                 "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
                 (close ? "Connection: close\r\n" : "") + "\r\n" + body,
-            {}, !close};
+            !close};
 }
 
 LoopbackHttpServer::LoopbackHttpServer(int port) : port_(port) {
@@ -183,9 +183,6 @@ void LoopbackHttpServer::converse(int fd) {
             ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
         }
         if (reply.kind == Reply::Stall) readableWithin(fd, -1);
-        for (size_t i = 0; reply.kind == Reply::Trickle && sent && i < reply.trickled.size(); ++i) {
-            if (readableWithin(fd, 100) || !sendAll(fd, reply.trickled.substr(i, 1))) break;
-        }
     }
     Lock lock(mutex_);
     connections_.erase(fd);

@@ -1,7 +1,7 @@
 // A real HTTP/1.1 server on 127.0.0.1 and a port the kernel picks, on raw sockets so that the
 // test decides every byte of an answer. It records every request, answers by path with
 // handlers (404 otherwise) or plays a script of replies, can hold requests until released,
-// cut, reset, stall or trickle an answer, and go down and come back on the same port (refusing
+// cut, reset or stall an answer, and go down and come back on the same port (refusing
 // connections while down). One thread per connection; kept-alive connections are served
 // until the client closes them or the server stops.
 #pragma once
@@ -48,10 +48,8 @@ public:
             Write,    // writes `bytes`, then closes, or with `keepOpen` reads the next request
             Reset,    // writes `bytes`, then resets the connection (RST, no FIN)
             Stall,    // writes `bytes`, then nothing until the client or the server ends
-            Trickle,  // writes `bytes`, then `trickled` one byte per 100 ms, then closes
         } kind = Write;
         std::string bytes;
-        std::string trickled;
         bool keepOpen = false;
     };
     /// A whole answer with its length; the connection stays open for the next request unless

@@ -44,10 +44,10 @@ Server::Reply ResolutionService::answer(const Server::Request& request, std::deq
         behaviour = status(403, "signature mismatch");
     }
     if (behaviour.kind == Behaviour::Stall) {  // until the client's timeout or the end of the service
-        return {Server::Reply::Stall, {}, {}, false};
+        return {Server::Reply::Stall, {}};
     }
     if (behaviour.kind == Behaviour::Drop) {  // promises a body, then closes before any of it
-        return {Server::Reply::Write, "HTTP/1.1 200 \r\nContent-Length: 64\r\n\r\n", {}, false};
+        return {Server::Reply::Write, "HTTP/1.1 200 \r\nContent-Length: 64\r\n\r\n"};
     }
     const nlohmann::json refusal{{"status", behaviour.status}, {"message", behaviour.message}};
     return Server::http(200, (behaviour.kind == Behaviour::Status ? refusal : body).dump());
