@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -154,7 +155,6 @@ void LoopbackHttpServer::stop() {
 }
 
 void LoopbackHttpServer::shutDown() {
-    releaseHeld();
     accepting_ = false;
     ::shutdown(fd_, SHUT_RDWR);  // wakes the acceptor
     if (acceptor_.joinable()) acceptor_.join();
@@ -178,10 +178,6 @@ void LoopbackHttpServer::converse(int fd) {
         const Reply reply = handler ? handler(request) : http(404, "");
         const bool sent = sendAll(fd, reply.bytes);
         open = sent && reply.kind == Reply::Write && reply.keepOpen;
-        if (reply.kind == Reply::Reset) {
-            const linger abortive{1, 0};  // closing now sends RST instead of FIN
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
-        }
         if (reply.kind == Reply::Stall) readableWithin(fd, -1);
     }
     Lock lock(mutex_);
@@ -199,19 +195,6 @@ void LoopbackHttpServer::serve(std::vector<Reply> script) {
     fallback_ = [script = std::move(script), next](const Request&) {
         return script[std::min(next->fetch_add(1), script.size() - 1)];
     };
-}
-
-void LoopbackHttpServer::hold(const std::string& path, const std::string& body) {
-    route(path, [this, body](const Request&) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return released_; });
-        return http(200, body);
-    });
-}
-
-void LoopbackHttpServer::releaseHeld() {
-    locked([this] { return released_ = true; });
-    changed_.notify_all();
 }
 
 }  // namespace qel::test

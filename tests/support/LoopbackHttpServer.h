@@ -1,13 +1,11 @@
 // A real HTTP/1.1 server on 127.0.0.1 and a port the kernel picks, on raw sockets so that the
 // test decides every byte of an answer. It records every request, answers by path with
-// handlers (404 otherwise) or plays a script of replies, can hold requests until released,
-// cut, reset or stall an answer, and go down and come back on the same port (refusing
+// handlers (404 otherwise) or plays a script of replies, can cut or stall an answer, and go down and come back on the same port (refusing
 // connections while down). One thread per connection; kept-alive connections are served
 // until the client closes them or the server stops.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -46,7 +44,6 @@ public:
     struct Reply {
         enum Kind {
             Write,    // writes `bytes`, then closes, or with `keepOpen` reads the next request
-            Reset,    // writes `bytes`, then resets the connection (RST, no FIN)
             Stall,    // writes `bytes`, then nothing until the client or the server ends
         } kind = Write;
         std::string bytes;
@@ -60,7 +57,7 @@ public:
 
     /// Listens on `port`, or on a port the kernel picks; throws if it cannot bind it.
     explicit LoopbackHttpServer(int port = 0);
-    /// Releases held requests, ends every connection and joins the server's threads.
+    /// Ends every connection and joins the server's threads.
     ~LoopbackHttpServer();
 
     int port() const { return port_; }
@@ -76,9 +73,6 @@ public:
     }
     /// Answers every request no route takes: the i-th with `script[min(i, size - 1)]`.
     void serve(std::vector<Reply> script);
-    /// Holds requests for `path` unanswered until `releaseHeld()`, then answers 200 with `body`.
-    void hold(const std::string& path, const std::string& body = "{}");
-    void releaseHeld();
 
     std::vector<Request> requests() const { return locked([this] { return requests_; }); }
     /// Connections open now.
@@ -98,13 +92,11 @@ private:
     std::atomic<bool> accepting_{false};
 
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
     std::map<std::string, Handler> routes_;  // guarded by mutex_
     Handler fallback_;                       // guarded by mutex_
     std::vector<Request> requests_;          // guarded by mutex_
     std::set<int> connections_;              // guarded by mutex_; closed only under it
     std::vector<std::thread> workers_;       // guarded by mutex_
-    bool released_ = false;                  // guarded by mutex_
 };
 
 }  // namespace qel::test
