@@ -32,9 +32,7 @@ protected:
         setenv("http_proxy", "http://127.0.0.1:1", 1);
         web.respond("/hello", 200, "hello");
         service.setAddresses(kName, {"127.0.0.1"});
-        QelHttpDnsManager::shared().customServerUrl(service.baseUrl());
-        QelHttpDnsManager::shared().registerAuthId(std::string(qel::test::kAuthId),
-                                                   std::string(qel::test::kAuthSecret));
+        registered(service);
         curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char* data, size_t size, size_t count, void* text) {
             static_cast<std::string*>(text)->append(data, size * count);
             return size * count;

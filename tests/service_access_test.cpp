@@ -1,15 +1,11 @@
-// The login and resolve requests against a loopback server, and the node registry.
+// The login and resolve requests against a loopback server.
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
-#include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "support/CallRecorder.h"
 #include "support/FakeClock.h"
 #include "support/LoopbackHttpServer.h"
@@ -23,8 +19,7 @@ namespace {
 
 constexpr char kSecret[] = "s3cr3t-Value";
 constexpr char kHost[] = "www.example.test";
-// 1700000000123.9 ms: the wire carries the truncated 1700000000123.
-constexpr double kNow = 1700000000.1239;
+constexpr double kNow = 1700000000.1239;  // every record's lookup time
 
 std::string describe(const QelDNSError& error) {
     return std::to_string(error.code()) + " " + error.localizedDescription();
@@ -71,8 +66,6 @@ std::string resolve(Server& server, const json& answer, int32_t type = 2) {
 
 class ServiceAccess : public testing::Test {
 protected:
-    void SetUp() override { qel::platform::MainBundle::setIdentifier("com.example.app"); }
-
     Server server;
     qel::test::FakeClock clock{kNow};
 };
@@ -100,25 +93,6 @@ TEST_F(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
     for (const auto& row : rows) {
         EXPECT_EQ(row.isLogin ? login(server, row.body) : resolve(server, row.body), row.outcome) << row.body;
     }
-}
-
-// Without an address of its own the login goes to the default service, a loopback port that
-// the test stands in for when it is free.
-TEST_F(ServiceAccess, WithoutACustomUrlTheLoginGoesToTheDefaultService) {
-    const std::string base = QelDNS_SDK_NET_DEFAULT_BASE_URL;
-    std::unique_ptr<Server> standIn;
-    try {
-        standIn = std::make_unique<Server>(std::stoi(base.substr(base.rfind(':') + 1)));
-    } catch (const std::runtime_error& busy) {
-        GTEST_SKIP() << busy.what();
-    }
-    standIn->respond("/abc/service", 200, R"({"auth_id":"abc","best_service_node":"default-node"})");
-    QelDNSAuthManager& registry = QelDNSAuthManager::shared();
-    registry.setupWithAuthId(std::string("abc"), std::string(kSecret));
-    registry.setCustomServUrl(std::string(""));
-    CallRecorder<std::optional<QelDNSError>, std::optional<std::string>> recorder;
-    registry.authWithCompletion(recorder.callback());
-    EXPECT_EQ(std::get<1>(only(recorder)), "default-node");
 }
 
 }  // namespace

@@ -12,9 +12,7 @@ ResolutionService::ResolutionService(std::string authId, std::string authSecret,
     server_.route("/" + authId_ + "/service", [this](const Server::Request& request) {
         Lock lock(mutex_);
         ++logins_;
-        nlohmann::json nodes = nodes_;
-        nodes["auth_id"] = authId_;
-        return answer(request, loginScript_, "", nodes);
+        return answer(request, loginScript_, "", nodes_);
     });
     server_.route("/" + authId_ + "/resolve", [this](const Server::Request& request) {
         const std::string host = request.param("host");
