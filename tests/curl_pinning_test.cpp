@@ -83,8 +83,7 @@ TEST_F(CurlPinning, AReusedHandleDropsItsPreviousPin) {
     ASSERT_TRUE(pinning.pin(url("localhost"), 20.0).pinned());
     const auto unanswered = pinning.pin(url("unknown.qel-demo.test"), 20.0);
     EXPECT_EQ(unanswered.outcome, Outcome::SystemResolver);
-    ASSERT_TRUE(unanswered.error);
-    EXPECT_EQ(unanswered.error->code(), -1);
+    EXPECT_EQ(unanswered.error ? unanswered.error->code() : 0, -1);
     EXPECT_EQ(fetch(url("localhost")), CURLE_OK);
 }
 

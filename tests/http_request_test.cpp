@@ -29,8 +29,6 @@ using nlohmann::json;
 using Server = qel::test::LoopbackHttpServer;
 using Finishes = qel::test::CallRecorder<std::optional<QelDNSError>, std::optional<json>>;
 using qel::platform::CurlHttpSession;
-using qel::platform::HttpMethod;
-using qel::platform::HttpRequest;
 using qel::platform::HttpResponse;
 using Responses = qel::test::CallRecorder<HttpResponse>;
 
@@ -58,8 +56,8 @@ std::string get(const std::string& url, const json& headers = json::object()) {
     return outcome(finishes);
 }
 
-HttpRequest plainGet(const std::string& url, double timeout = 10.0) {
-    return {HttpMethod::Get, url, {}, "", timeout};
+qel::platform::HttpRequest plainGet(const std::string& url, double timeout = 10.0) {
+    return {qel::platform::HttpMethod::Get, url, {}, "", timeout};
 }
 
 // Sends one request on the shared session and waits for its single completion.
@@ -184,15 +182,13 @@ TEST_F(QelDNSRequestTest, SendsTheUrlAsThePercentEncodingLeavesItAndNothingWitho
 TEST_F(QelDNSRequestTest, TakesItsTimeoutFromTheManagerAtEachRequest) {
     server.serve({{Server::Reply::Stall, ""}});
     Finishes finishes[3];  // made with 0.0 (20 s), 0.3 and -1 (the shortest bound)
-    const double timeouts[3] = {0.0, 0.3, -1.0};
     for (int i = 0; i < 3; ++i) {
-        QelHttpDnsManager::shared().setTimeout(timeouts[i]);
+        QelHttpDnsManager::shared().setTimeout(std::vector<double>{0.0, 0.3, -1.0}[i]);
         QelDNSRequest::get(server.url("/"), json::object(), finishes[i].callback());
     }
     // The short ones end at their timeouts, which also shows that requests do not wait for one
     // another, while the one made with 0.0 still waits.
-    EXPECT_EQ(outcome(finishes[1]), "-30000 request error");
-    EXPECT_EQ(outcome(finishes[2]), "-30000 request error");
+    for (int i = 1; i < 3; ++i) EXPECT_EQ(outcome(finishes[i]), "-30000 request error");
     EXPECT_EQ(finishes[0].count(), 0u);
 }
 

@@ -21,8 +21,6 @@ namespace {
 constexpr uint32_t kWiFi = flags::Reachable;
 constexpr uint32_t kCellular = flags::Reachable | flags::IsWWAN;
 
-void post(const char* name) { qel::platform::NotificationCenter::defaultCenter().post(name); }
-
 }  // namespace
 
 TEST(QelDNSReachability, FlagSetsMapToStatuses) {
@@ -68,8 +66,9 @@ TEST(NetworkManager, EachChangeReachesTheBlockOnceUntilTheManagerIsGone) {
     ASSERT_TRUE(report(kCellular));
     fake.setFlags(0);
     fake.fire(/*evenUnscheduled=*/true);  // a report already under way
-    post(kQelDNSReachabilityChangedNotification);
-    post(UIApplicationWillEnterForegroundNotification);
+    for (const char* name : {kQelDNSReachabilityChangedNotification, UIApplicationWillEnterForegroundNotification}) {
+        qel::platform::NotificationCenter::defaultCenter().post(name);
+    }
     EXPECT_EQ(seen, (Statuses{QelDNSNetworkStatusWWAN, QelDNSNetworkStatusNotReachable, QelDNSNetworkStatusWiFi,
                               QelDNSNetworkStatusWWAN}));
     EXPECT_FALSE(fake.fire()) << "the notifier stopped with the manager";

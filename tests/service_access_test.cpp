@@ -64,14 +64,10 @@ std::string resolve(Server& server, const json& answer, int32_t type = 2) {
     return text + "ttl " + std::to_string(records->front()->ttl());
 }
 
-class ServiceAccess : public testing::Test {
-protected:
-    Server server;
-    qel::test::FakeClock clock{kNow};
-};
-
 // One row per answer: what the application gets from it.
-TEST_F(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
+TEST(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
+    Server server;
+    const qel::test::FakeClock clock{kNow};
     const json ip = {"192.0.2.1"};
     const struct { bool isLogin; json body; std::string outcome; } rows[] = {
         // Any "status" fails the request, whatever else the answer holds.

@@ -180,9 +180,10 @@ void LoopbackHttpServer::converse(int fd) {
         open = sent && reply.kind == Reply::Write && reply.keepOpen;
         if (reply.kind == Reply::Stall) readableWithin(fd, -1);
     }
-    Lock lock(mutex_);
-    connections_.erase(fd);
-    ::close(fd);
+    locked([&] {  // closed under the lock, so that shutDown() never shuts a reused number
+        connections_.erase(fd);
+        ::close(fd);
+    });
 }
 
 void LoopbackHttpServer::route(const std::string& path, Handler handler) {

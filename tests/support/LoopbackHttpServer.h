@@ -86,8 +86,7 @@ private:
     void converse(int fd);
     void shutDown();
 
-    int fd_ = -1;
-    int port_ = 0;
+    int fd_ = -1, port_ = 0;
     std::thread acceptor_;
     std::atomic<bool> accepting_{false};
 
