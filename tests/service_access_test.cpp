@@ -1,23 +1,17 @@
-// The login and resolve requests against a loopback server, and the node registry.
+// The login and resolve requests against a loopback server.
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "QelHttpDnsSDK/Const/QelDNSConst.h"
-#include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSAppAuth.h"
 #include "QelHttpDnsSDK/Network/Business/QelDNSGetIPs.h"
-#include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "support/CallRecorder.h"
 #include "support/FakeClock.h"
 #include "support/LoopbackHttpServer.h"
-#include "support/Md5.h"
 
 using nlohmann::json;
 using qel::test::CallRecorder;
-using qel::test::md5Hex;
 using Server = qel::test::LoopbackHttpServer;
 using StringList = std::optional<std::vector<std::string>>;
 
@@ -25,42 +19,39 @@ namespace {
 
 constexpr char kSecret[] = "s3cr3t-Value";
 constexpr char kHost[] = "www.example.test";
-// 1700000000123.9 ms: the wire carries the truncated 1700000000123.
-constexpr double kNow = 1700000000.1239;
-
-using AuthRecorder = CallRecorder<std::optional<QelDNSError>, std::optional<std::string>, StringList>;
-using ResolveRecorder = CallRecorder<std::optional<QelDNSError>, QelDNSIPModelListRef>;
-using RegistryRecorder = CallRecorder<std::optional<QelDNSError>, std::optional<std::string>>;
+constexpr double kNow = 1700000000.1239;  // every record's lookup time
 
 std::string describe(const QelDNSError& error) {
     return std::to_string(error.code()) + " " + error.localizedDescription();
+}
+
+// Waits for the one call, made on the platform thread, and hands over its arguments.
+template <typename... Args>
+std::tuple<std::decay_t<Args>...> only(const CallRecorder<Args...>& recorder) {
+    EXPECT_TRUE(recorder.waitFor(1));
+    const auto call = recorder.calls().at(0);
+    EXPECT_TRUE(call.onPlatformThread);
+    return call.arguments;
 }
 
 // What the application gets from a login answered with `answer`: the error, or the node and
 // the list.
 std::string login(Server& server, const json& answer) {
     server.respond("/abc/service", 200, answer.dump());
-    AuthRecorder recorder;
-    QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret),
-                               recorder.callback());
-    EXPECT_TRUE(recorder.waitFor(1));
-    const auto call = recorder.calls().at(0);
-    EXPECT_TRUE(call.onPlatformThread);
-    const auto& [error, node, list] = call.arguments;
+    CallRecorder<std::optional<QelDNSError>, std::optional<std::string>, StringList> recorder;
+    QelDNSAppAuth::authWithUrl(server.url(""), std::string("abc"), std::string(kSecret), recorder.callback());
+    const auto [error, node, list] = only(recorder);
     if (error) return describe(*error) + (node || list ? " and a node" : "");
     return "node " + node.value_or("none") + " list " + (list ? json(*list).dump() : "none");
 }
 
 // The same for a resolve of kHost: the error, or each record's address, then the TTL they share.
-std::string resolve(Server& server, const json& answer, int32_t type = 1) {
+std::string resolve(Server& server, const json& answer, int32_t type = 2) {
     server.respond("/abc/resolve", 200, answer.dump());
-    ResolveRecorder recorder;
+    CallRecorder<std::optional<QelDNSError>, QelDNSIPModelListRef> recorder;
     QelDNSGetIPs::getIPsWithUrl(server.url(""), type, std::string("abc"), std::string(kSecret),
                                 std::string(kHost), recorder.callback());
-    EXPECT_TRUE(recorder.waitFor(1));
-    const auto call = recorder.calls().at(0);
-    EXPECT_TRUE(call.onPlatformThread);
-    const auto& [error, records] = call.arguments;
+    const auto [error, records] = only(recorder);
     if (error) return describe(*error) + (records ? " and records" : "");
     std::string text;
     for (const auto& record : *records) {
@@ -73,184 +64,31 @@ std::string resolve(Server& server, const json& answer, int32_t type = 1) {
     return text + "ttl " + std::to_string(records->front()->ttl());
 }
 
-class ServiceAccess : public testing::Test {
-protected:
-    void SetUp() override { qel::platform::MainBundle::setIdentifier("com.example.app"); }
-
+// One row per answer: what the application gets from it.
+TEST(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
     Server server;
-    qel::test::FakeClock clock{kNow};
-};
-
-enum Endpoint { Login, Resolve };
-struct Answer {
-    const char* name;
-    Endpoint endpoint;
-    json body;
-    std::string outcome;
-};
-void PrintTo(const Answer& row, std::ostream* out) { *out << row.name; }
-
-class AnswerTable : public ServiceAccess, public testing::WithParamInterface<Answer> {};
-
-const json kIp = {"192.0.2.1"};
-const Answer kAnswers[] = {
-    // Any "status" fails the request, whatever else the answer holds; the status reads as
-    // QelDNSJSONValue::int32Value reads it.
-    {"LoginStatusZeroAndAGoodAnswer", Login, {{"status", 0}, {"message", "z"}, {"auth_id", "abc"}, {"best_service_node", "n"}}, "0 z"},
-    {"LoginStatusAsText", Login, {{"status", "403"}, {"message", "forbidden"}}, "403 forbidden"},
-    {"LoginStatusSaturatesMessageAsText", Login, {{"status", 1.9e10}, {"message", 42}}, "2147483647 42"},
-    {"LoginStatusNull", Login, {{"status", nullptr}, {"message", nullptr}}, "0 "},
-    // Then the auth id must be ours, exactly.
-    {"LoginAuthIdOfAnotherCase", Login, {{"auth_id", "ABC"}, {"best_service_node", "n"}}, "-20000 invalid data"},
-    {"LoginWithoutAuthId", Login, {{"best_service_node", "n"}}, "-20000 invalid data"},
-    {"LoginAuthIdNotText", Login, {{"auth_id", 7}, {"best_service_node", "n"}}, "-20000 invalid data"},
-    {"LoginAnswerNotAnObject", Login, json::array({1, 2}), "-20000 invalid data"},
-    // Then the best node, or else the first of the list.
-    {"LoginEmptyBestNode", Login, {{"auth_id", "abc"}, {"best_service_node", ""}, {"service_node_list", {"a", "b"}}},
-     R"(node a list ["a","b"])"},
-    {"LoginBestNodeAlone", Login, {{"auth_id", "abc"}, {"best_service_node", "best"}}, "node best list none"},
-    {"LoginBestNodeAndEmptyList", Login, {{"auth_id", "abc"}, {"best_service_node", "best"}, {"service_node_list", json::array()}},
-     "node best list []"},
-    {"LoginListElementAsJson", Login, {{"auth_id", "abc"}, {"service_node_list", {7, "b"}}}, R"(node 7 list ["7","b"])"},
-    {"LoginEmptyList", Login, {{"auth_id", "abc"}, {"service_node_list", json::array()}}, "-20001 empty data"},
-    {"LoginNoNode", Login, {{"auth_id", "abc"}}, "-20001 empty data"},
-    {"LoginNodesOfWrongTypes", Login, {{"auth_id", "abc"}, {"best_service_node", 5}, {"service_node_list", "a"}},
-     "-20001 empty data"},
-    {"ResolveStatusZeroAndAGoodAnswer", Resolve, {{"status", 0}, {"message", "m"}, {"host", kHost}, {"ip_list", kIp}}, "0 m"},
-    {"ResolveHostOfAnotherCase", Resolve, {{"host", "WWW.example.test"}, {"ip_list", kIp}}, "-20002 invalid data"},
-    {"ResolveWithoutHost", Resolve, {{"ip_list", kIp}}, "-20002 invalid data"},
-    {"ResolveHostNotText", Resolve, {{"host", 1}, {"ip_list", kIp}}, "-20002 invalid data"},
-    {"ResolveEmptyList", Resolve, {{"host", kHost}, {"ip_list", json::array()}}, "-20003 empty data"},
-    {"ResolveWithoutList", Resolve, {{"host", kHost}}, "-20003 empty data"},
-    {"ResolveListNotAList", Resolve, {{"host", kHost}, {"ip_list", "192.0.2.1"}}, "-20003 empty data"},
-    // One record per element in order, as it stands: one that is not text becomes its JSON.
-    {"ResolveOneRecordPerElement", Resolve, {{"host", kHost}, {"ip_list", {"192.0.2.3", "x", 5, nullptr, {{"a", 1}}}}},
-     R"(192.0.2.3 x 5 null {"a":1} ttl 0)"},
-    {"ResolveTtlNumber", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", 60}}, "192.0.2.1 ttl 60"},
-    {"ResolveTtlAsText", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", "120"}}, "192.0.2.1 ttl 120"},
-    {"ResolveTtlTruncated", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", 59.9}}, "192.0.2.1 ttl 59"},
-    {"ResolveTtlNegative", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", -5}}, "192.0.2.1 ttl -5"},
-    {"ResolveTtlNotNumeric", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", "x"}}, "192.0.2.1 ttl 0"},
-    {"ResolveTtlOfWrongType", Resolve, {{"host", kHost}, {"ip_list", kIp}, {"ttl", json::array()}}, "192.0.2.1 ttl 0"},
-};
-
-TEST_P(AnswerTable, TheApplicationGetsWhatTheAnswerMeans) {
-    const Answer& row = GetParam();
-    EXPECT_EQ(row.endpoint == Login ? login(server, row.body) : resolve(server, row.body, 2),
-              row.outcome);
-}
-
-INSTANTIATE_TEST_SUITE_P(Service, AnswerTable, testing::ValuesIn(kAnswers),
-                         [](const testing::TestParamInfo<Answer>& row) { return row.param.name; });
-
-// One row per request (type 0: the login): the target as sent and the text its MD5 signs,
-// before the secret. Neither the target, a header nor the body carries the secret.
-TEST_F(ServiceAccess, RequestsAreSignedGetsThatNeverCarryTheSecret) {
-    const std::string t = "1700000000123", app = "com.example.app";
-    const struct { std::optional<std::string> app; int32_t type; std::string target, signedText; } rows[] = {
-        {app, 0, "/abc/service?timestamp=" + t + "&app_id=" + app, app + "-" + t + "-"},
-        // An absent application identifier is sent and signed as "(null)".
-        {std::nullopt, 0, "/abc/service?timestamp=" + t + "&app_id=(null)", "(null)-" + t + "-"},
-        // Signed field order differs from the argument order: package, host, time, type.
-        {app, 7, "/abc/resolve?timestamp=" + t + "&host=" + kHost + "&type=7&app_id=" + app,
-         app + "-" + kHost + "-" + t + "-7-"},
+    const qel::test::FakeClock clock{kNow};
+    const json ip = {"192.0.2.1"};
+    const struct { bool isLogin; json body; std::string outcome; } rows[] = {
+        // Any "status" fails the request, whatever else the answer holds.
+        {true, {{"status", 0}, {"message", "z"}, {"auth_id", "abc"}, {"best_service_node", "n"}}, "0 z"},
+        // Then the auth id must be ours, exactly.
+        {true, {{"auth_id", "ABC"}, {"best_service_node", "n"}}, "-20000 invalid data"},
+        // Then the best node, or else the first of the list.
+        {true, {{"auth_id", "abc"}, {"best_service_node", ""}, {"service_node_list", {"a", "b"}}},
+         R"(node a list ["a","b"])"},
+        {true, {{"auth_id", "abc"}, {"best_service_node", "best"}}, "node best list none"},
+        {true, {{"auth_id", "abc"}, {"service_node_list", json::array()}}, "-20001 empty data"},
+        {false, {{"host", "WWW.example.test"}, {"ip_list", ip}}, "-20002 invalid data"},
+        {false, {{"host", kHost}, {"ip_list", json::array()}}, "-20003 empty data"},
+        // One record per element in order, as it stands: one that is not text becomes its JSON.
+        {false, {{"host", kHost}, {"ip_list", {"192.0.2.3", "x", 5, nullptr, {{"a", 1}}}}},
+         R"(192.0.2.3 x 5 null {"a":1} ttl 0)"},
+        {false, {{"host", kHost}, {"ip_list", ip}, {"ttl", "120"}}, "192.0.2.1 ttl 120"},
     };
     for (const auto& row : rows) {
-        qel::platform::MainBundle::setIdentifier(row.app);
-        if (row.type == 0) {
-            login(server, {{"auth_id", "abc"}, {"best_service_node", "http://node"}});
-        } else {
-            resolve(server, {{"host", kHost}, {"ip_list", kIp}}, row.type);
-        }
-        const Server::Request request = server.requests().back();
-        EXPECT_EQ(request.raw.substr(0, request.raw.find(" HTTP/1.1\r\n")), "GET " + row.target);
-        EXPECT_EQ(request.header("Authorization"), "MD5 " + md5Hex(row.signedText + kSecret));
-        EXPECT_EQ(request.raw.find(kSecret), std::string::npos);
-        EXPECT_TRUE(request.body().empty());
+        EXPECT_EQ(row.isLogin ? login(server, row.body) : resolve(server, row.body), row.outcome) << row.body;
     }
-}
-
-// ---------------------------------------------------------------- node registry
-
-class NodeRegistry : public ServiceAccess {
-protected:
-    void SetUp() override {
-        ServiceAccess::SetUp();
-        registry.setupWithAuthId(std::string("abc"), std::string(kSecret));
-        registry.setCustomServUrl(server.url(""));
-    }
-    // The node the login answered with `body` gives the registry, or its error.
-    std::string loginWith(const json& body) {
-        server.respond("/abc/service", 200, body.dump());
-        return authenticate();
-    }
-    std::string authenticate(bool onPlatformThread = true) {
-        RegistryRecorder recorder;
-        registry.authWithCompletion(recorder.callback());
-        EXPECT_TRUE(recorder.waitFor(1));
-        const auto call = recorder.calls().at(0);
-        EXPECT_EQ(call.onPlatformThread, onPlatformThread);
-        const auto& [error, node] = call.arguments;
-        return error ? describe(*error) + (node ? " and a node" : "") : node.value_or("no node");
-    }
-    // The nodes getNextHost hands out next, `count` calls, and the index it leaves.
-    std::string walk(int count) {
-        std::string nodes;
-        for (int i = 0; i < count; ++i) nodes += registry.getNextHost().value_or("none") + " ";
-        return nodes + "at " + std::to_string(registry.activateHostIndex());
-    }
-
-    QelDNSAuthManager& registry = QelDNSAuthManager::shared();
-};
-
-TEST_F(NodeRegistry, RefusesMissingCredentialsAtOnceWithoutSending) {
-    struct Case { std::optional<std::string> id, secret; std::string outcome; };
-    for (const Case& c : std::vector<Case>{{std::nullopt, "s", "-30000 parameter invalid"},
-                                           {"", "s", "-30000 parameter invalid"},
-                                           {"abc", std::nullopt, "-30001 parameter invalid"},
-                                           {"abc", "", "-30001 parameter invalid"}}) {
-        registry.setupWithAuthId(c.id, c.secret);
-        EXPECT_EQ(authenticate(/*onPlatformThread=*/false), c.outcome);
-    }
-    EXPECT_TRUE(server.requests().empty());
-}
-
-TEST_F(NodeRegistry, WalksTheNodesWithoutWrappingAndANewListKeepsTheIndex) {
-    EXPECT_EQ(loginWith({{"auth_id", "abc"}, {"best_service_node", "A"}, {"service_node_list", {"A", "B", "C"}}}),
-              "A");
-    EXPECT_EQ(walk(4), "B C none none at 2");
-    loginWith({{"auth_id", "abc"}, {"service_node_list", {"D", "E"}}});
-    EXPECT_EQ(registry.hostList(), (std::vector<std::string>{"D", "E"}));
-    EXPECT_EQ(walk(1), "none at 2");
-}
-
-TEST_F(NodeRegistry, AFailedLoginOrABestNodeAloneLeavesNoListAndAnEmptyOneIsAFault) {
-    registry.setHostList(std::vector<std::string>{"old"});
-    EXPECT_EQ(loginWith({{"status", 500}, {"message", "down"}}), "500 down");
-    EXPECT_EQ(registry.hostList(), std::nullopt);
-    // Without a list every call advances the index and yields nothing.
-    loginWith({{"auth_id", "abc"}, {"best_service_node", "A"}});
-    EXPECT_EQ(registry.hostList(), std::nullopt);
-    EXPECT_EQ(walk(1), "none at 1");
-    // An empty list is a fault, not an out-of-bounds read.
-    loginWith({{"auth_id", "abc"}, {"best_service_node", "A"}, {"service_node_list", json::array()}});
-    EXPECT_THROW(registry.getNextHost(), std::out_of_range);
-    EXPECT_EQ(registry.activateHostIndex(), 2);
-}
-
-TEST_F(NodeRegistry, WithoutACustomUrlTheLoginGoesToTheDefaultService) {
-    // The default service address is a loopback port; stand in for it if it is free.
-    const std::string base = QelDNS_SDK_NET_DEFAULT_BASE_URL;
-    std::unique_ptr<Server> standIn;
-    try {
-        standIn = std::make_unique<Server>(std::stoi(base.substr(base.rfind(':') + 1)));
-    } catch (const std::runtime_error& busy) {
-        GTEST_SKIP() << busy.what();
-    }
-    standIn->respond("/abc/service", 200, R"({"auth_id":"abc","best_service_node":"default-node"})");
-    registry.setCustomServUrl(std::string(""));
-    EXPECT_EQ(authenticate(), "default-node");
-    EXPECT_TRUE(server.requests().empty());
 }
 
 }  // namespace

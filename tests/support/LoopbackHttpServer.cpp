@@ -10,8 +10,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace qel::test {
 
@@ -80,15 +81,13 @@ std::string LoopbackHttpServer::Request::header(const std::string& name) const {
 std::vector<std::string> LoopbackHttpServer::Request::headerLines(
     const std::vector<std::string>& prefixes) const {
     std::vector<std::string> lines;
-    std::istringstream head(raw.substr(raw.find("\r\n") + 2, raw.find("\r\n\r\n") - raw.find("\r\n")));
-    for (std::string line; std::getline(head, line) && line.size() > 1;) {
-        line.pop_back();  // '\r'
-        for (const std::string& prefix : prefixes) {
-            if (::strncasecmp(line.c_str(), prefix.c_str(), prefix.size()) == 0) {
-                lines.push_back(line);
-                break;
-            }
-        }
+    for (size_t at = raw.find("\r\n"), end; at < raw.find("\r\n\r\n"); at = end) {
+        end = raw.find("\r\n", at + 2);
+        const std::string line = raw.substr(at + 2, end - at - 2);
+        const auto starts = [&](const std::string& prefix) {
+            return ::strncasecmp(line.c_str(), prefix.c_str(), prefix.size()) == 0;
+        };
+        if (std::any_of(prefixes.begin(), prefixes.end(), starts)) lines.push_back(line);
     }
     return lines;
 }
@@ -101,7 +100,7 @@ LoopbackHttpServer::Reply LoopbackHttpServer::http(int status, const std::string
             "HTTP/1.1 " + std::to_string(status) + " \r\nContent-Type: " + contentType +
                 "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
                 (close ? "Connection: close\r\n" : "") + "\r\n" + body,
-            {}, !close};
+            !close};
 }
 
 LoopbackHttpServer::LoopbackHttpServer(int port) : port_(port) {
@@ -138,15 +137,13 @@ void LoopbackHttpServer::start() {
             // A blocked accept() holds the number of the descriptor it will return: waiting in
             // poll() first leaves the numbers free for tests that count them.
             if (!readableWithin(fd_, 100)) continue;
-            sockaddr_in peer{};
-            socklen_t length = sizeof peer;
-            const int fd = ::accept4(fd_, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+            const int fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) continue;
             const int on = 1;  // without it a kept-alive answer waits for the peer's delayed ACK
             ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             Lock lock(mutex_);
             connections_.insert(fd);
-            workers_.emplace_back([this, fd, port = ntohs(peer.sin_port)] { converse(fd, port); });
+            workers_.emplace_back([this, fd] { converse(fd); });
         }
     });
 }
@@ -158,51 +155,39 @@ void LoopbackHttpServer::stop() {
 }
 
 void LoopbackHttpServer::shutDown() {
-    releaseHeld();
     accepting_ = false;
     ::shutdown(fd_, SHUT_RDWR);  // wakes the acceptor
     if (acceptor_.joinable()) acceptor_.join();
-    std::vector<std::thread> workers;
-    {
-        Lock lock(mutex_);
+    std::vector<std::thread> workers = locked([this] {
         for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
-        workers.swap(workers_);
-    }
+        return std::exchange(workers_, {});
+    });
     for (auto& worker : workers) worker.join();
 }
 
-void LoopbackHttpServer::converse(int fd, int remotePort) {
+void LoopbackHttpServer::converse(int fd) {
     for (bool open = true; open;) {
-        Request request{readRequest(fd), remotePort};
+        const Request request{readRequest(fd)};
         if (request.raw.find("\r\n\r\n") == std::string::npos) break;
-        Handler handler;
-        {
-            Lock lock(mutex_);
+        const Handler handler = locked([&] {
             requests_.push_back(request);
             const std::string target = request.target();
             const auto found = routes_.find(target.substr(0, target.find('?')));
-            handler = found != routes_.end() ? found->second : fallback_;
-        }
+            return found != routes_.end() ? found->second : fallback_;
+        });
         const Reply reply = handler ? handler(request) : http(404, "");
         const bool sent = sendAll(fd, reply.bytes);
         open = sent && reply.kind == Reply::Write && reply.keepOpen;
-        if (reply.kind == Reply::Reset) {
-            const linger abortive{1, 0};  // closing now sends RST instead of FIN
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
-        }
         if (reply.kind == Reply::Stall) readableWithin(fd, -1);
-        for (size_t i = 0; reply.kind == Reply::Trickle && sent && i < reply.trickled.size(); ++i) {
-            if (readableWithin(fd, 100) || !sendAll(fd, reply.trickled.substr(i, 1))) break;
-        }
     }
-    Lock lock(mutex_);
-    connections_.erase(fd);
-    ::close(fd);
+    locked([&] {  // closed under the lock, so that shutDown() never shuts a reused number
+        connections_.erase(fd);
+        ::close(fd);
+    });
 }
 
 void LoopbackHttpServer::route(const std::string& path, Handler handler) {
-    Lock lock(mutex_);
-    routes_[path] = std::move(handler);
+    locked([&] { return routes_[path] = std::move(handler); });
 }
 
 void LoopbackHttpServer::serve(std::vector<Reply> script) {
@@ -211,20 +196,6 @@ void LoopbackHttpServer::serve(std::vector<Reply> script) {
     fallback_ = [script = std::move(script), next](const Request&) {
         return script[std::min(next->fetch_add(1), script.size() - 1)];
     };
-}
-
-void LoopbackHttpServer::hold(const std::string& path, const std::string& body) {
-    route(path, [this, body](const Request&) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return released_; });
-        return http(200, body);
-    });
-}
-
-void LoopbackHttpServer::releaseHeld() {
-    Lock lock(mutex_);
-    released_ = true;
-    changed_.notify_all();
 }
 
 }  // namespace qel::test

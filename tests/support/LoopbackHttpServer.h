@@ -1,13 +1,11 @@
 // A real HTTP/1.1 server on 127.0.0.1 and a port the kernel picks, on raw sockets so that the
 // test decides every byte of an answer. It records every request, answers by path with
-// handlers (404 otherwise) or plays a script of replies, can hold requests until released,
-// cut, reset, stall or trickle an answer, and go down and come back on the same port (refusing
+// handlers (404 otherwise) or plays a script of replies, can cut or stall an answer, and go down and come back on the same port (refusing
 // connections while down). One thread per connection; kept-alive connections are served
 // until the client closes them or the server stops.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -19,11 +17,17 @@
 namespace qel::test {
 
 class LoopbackHttpServer {
+    // Runs `run` under mutex_, which guards the state the server threads share.
+    template <typename F>
+    auto locked(F run) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return run();
+    }
+
 public:
     /// One request, byte for byte as received: its head and a Content-Length body.
     struct Request {
         std::string raw;
-        int remotePort = 0;  // tells connections apart
 
         /// As sent: path and query, still percent-encoded.
         std::string target() const;
@@ -40,12 +44,9 @@ public:
     struct Reply {
         enum Kind {
             Write,    // writes `bytes`, then closes, or with `keepOpen` reads the next request
-            Reset,    // writes `bytes`, then resets the connection (RST, no FIN)
             Stall,    // writes `bytes`, then nothing until the client or the server ends
-            Trickle,  // writes `bytes`, then `trickled` one byte per 100 ms, then closes
         } kind = Write;
         std::string bytes;
-        std::string trickled;
         bool keepOpen = false;
     };
     /// A whole answer with its length; the connection stays open for the next request unless
@@ -56,10 +57,8 @@ public:
 
     /// Listens on `port`, or on a port the kernel picks; throws if it cannot bind it.
     explicit LoopbackHttpServer(int port = 0);
-    /// Releases held requests, ends every connection and joins the server's threads.
+    /// Ends every connection and joins the server's threads.
     ~LoopbackHttpServer();
-    LoopbackHttpServer(const LoopbackHttpServer&) = delete;
-    LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>" followed by `pathAndQuery`.
@@ -70,45 +69,33 @@ public:
     /// Answers requests for `path` (exact, without query), any method.
     void route(const std::string& path, Handler handler);
     void respond(const std::string& path, int status, const std::string& body) {
-        route(path, [status, body](const Request&) { return http(status, body); });
+        route(path, [=](const Request&) { return http(status, body); });
     }
     /// Answers every request no route takes: the i-th with `script[min(i, size - 1)]`.
     void serve(std::vector<Reply> script);
-    /// Holds requests for `path` unanswered until `releaseHeld()`, then answers 200 with `body`.
-    void hold(const std::string& path, const std::string& body = "{}");
-    void releaseHeld();
 
-    std::vector<Request> requests() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return requests_;
-    }
+    std::vector<Request> requests() const { return locked([this] { return requests_; }); }
     /// Connections open now.
-    size_t openConnections() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return connections_.size();
-    }
+    size_t openConnections() const { return locked([this] { return connections_.size(); }); }
     /// Goes down: closes every connection and refuses new ones on the same port until `start`.
     void stop();
     void start();
 
 private:
     void bindSocket();
-    void converse(int fd, int remotePort);
+    void converse(int fd);
     void shutDown();
 
-    int fd_ = -1;
-    int port_ = 0;
+    int fd_ = -1, port_ = 0;
     std::thread acceptor_;
     std::atomic<bool> accepting_{false};
 
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
     std::map<std::string, Handler> routes_;  // guarded by mutex_
     Handler fallback_;                       // guarded by mutex_
     std::vector<Request> requests_;          // guarded by mutex_
     std::set<int> connections_;              // guarded by mutex_; closed only under it
     std::vector<std::thread> workers_;       // guarded by mutex_
-    bool released_ = false;                  // guarded by mutex_
 };
 
 }  // namespace qel::test

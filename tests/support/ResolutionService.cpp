@@ -12,9 +12,7 @@ ResolutionService::ResolutionService(std::string authId, std::string authSecret,
     server_.route("/" + authId_ + "/service", [this](const Server::Request& request) {
         Lock lock(mutex_);
         ++logins_;
-        nlohmann::json nodes = nodes_;
-        nodes["auth_id"] = authId_;
-        return answer(request, loginScript_, "", nodes);
+        return answer(request, loginScript_, "", nodes_);
     });
     server_.route("/" + authId_ + "/resolve", [this](const Server::Request& request) {
         const std::string host = request.param("host");
@@ -38,25 +36,19 @@ Server::Reply ResolutionService::answer(const Server::Request& request, std::deq
     const bool resolve = &script == &resolveScript_;
     const std::string signedText = appId_ + "-" + (resolve ? host + "-" : "") + request.param("timestamp") +
                                    (resolve ? "-" + request.param("type") : "") + "-" + authSecret_;
-    if (request.param("app_id") != appId_ ||
+    if (request.param("app_id") != appId_ || request.raw.find(authSecret_) != std::string::npos ||
         request.header("Authorization") != "MD5 " + md5Hex(signedText)) {
         ++badSignatures_;
         behaviour = status(403, "signature mismatch");
     }
-    switch (behaviour.kind) {
-        case Behaviour::Answer:
-            return Server::http(200, body.dump());
-        case Behaviour::Status:
-            return Server::http(200, nlohmann::json{{"status", behaviour.status},
-                                                    {"message", behaviour.message}}.dump());
-        case Behaviour::Stall:  // until the client's timeout or the end of the service
-            return {Server::Reply::Stall, {}, {}, false};
-        case Behaviour::Drop:
-            break;
+    if (behaviour.kind == Behaviour::Stall) {  // until the client's timeout or the end of the service
+        return {Server::Reply::Stall, {}};
     }
-    // Promises a body, then closes the connection before any of it.
-    return {Server::Reply::Write,
-            "HTTP/1.1 200 \r\nContent-Type: application/json\r\nContent-Length: 64\r\n\r\n", {}, false};
+    if (behaviour.kind == Behaviour::Drop) {  // promises a body, then closes before any of it
+        return {Server::Reply::Write, "HTTP/1.1 200 \r\nContent-Length: 64\r\n\r\n"};
+    }
+    const nlohmann::json refusal{{"status", behaviour.status}, {"message", behaviour.message}};
+    return Server::http(200, (behaviour.kind == Behaviour::Status ? refusal : body).dump());
 }
 
 }  // namespace qel::test

@@ -45,7 +45,8 @@ public:
     /// The nodes a successful login hands out (default: this server, best and only node).
     void setNodes(std::string best, std::vector<std::string> list) {
         Lock lock(mutex_);
-        nodes_ = {{"best_service_node", std::move(best)}, {"service_node_list", std::move(list)}};
+        nodes_ = {{"auth_id", authId_}, {"best_service_node", std::move(best)},
+                  {"service_node_list", std::move(list)}};
     }
     /// Behaviours of the next login / resolve requests, in order; then normal answers again.
     void scriptLogins(std::vector<Behaviour> behaviours) { script(loginScript_, behaviours); }
@@ -56,7 +57,7 @@ public:
     size_t logins() const { return read(logins_); }
     /// The hosts of the resolve requests received, in order of arrival.
     std::vector<std::string> resolvedHosts() const { return read(resolvedHosts_); }
-    /// Requests whose signature, timestamp or app id did not check out.
+    /// Requests whose signature, timestamp or app id did not check out, or that carried the secret.
     size_t badSignatures() const { return read(badSignatures_); }
 
 private:
