@@ -258,6 +258,12 @@ TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
     dns().cleanAllCache();
     EXPECT_EQ(ask("a.test").trace.source, Source::Service);
     EXPECT_EQ(service.resolvedHosts().size(), 3u);
+    // The two shorthands store their own type: each is a hit under "a.test_v4", and the next
+    // lookup's key takes the suffix of the type it stored.
+    dns().getIPV6ByDomain("a.test", nullptr);
+    EXPECT_EQ(ask("a.test").trace.cacheKey, "a.test_v6");
+    dns().getIPV4ByDomain("a.test", nullptr);
+    EXPECT_EQ(ask("a.test", 2).trace.cacheKey, "a.test_v4");
     dns().enableCacheIP(false);
     EXPECT_EQ(ask("a.test").trace.cacheKey, "");
 }

@@ -85,6 +85,7 @@ TEST(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
         {false, {{"host", kHost}, {"ip_list", {"192.0.2.3", "x", 5, nullptr, {{"a", 1}}}}},
          R"(192.0.2.3 x 5 null {"a":1} ttl 0)"},
         {false, {{"host", kHost}, {"ip_list", ip}, {"ttl", "120"}}, "192.0.2.1 ttl 120"},
+        {false, {{"host", kHost}, {"ip_list", ip}, {"ttl", " +90s"}}, "192.0.2.1 ttl 90"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(row.isLogin ? login(server, row.body) : resolve(server, row.body), row.outcome) << row.body;
