@@ -3,7 +3,6 @@
 #include <any>
 #include <type_traits>
 
-#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
@@ -43,7 +42,7 @@ void QelDNSNetworkManager::init(const std::weak_ptr<QelDNSNetworkManager>& weakS
         if (auto self = weakSelf.lock()) self->willEnterForeground();
     }));
     {
-        qel::platform::MutexLock lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex_);
         observerTokens_ = std::move(tokens);
     }
 
@@ -114,25 +113,25 @@ std::string QelDNSNetworkManager::networkStatusDesc(QelDNSNetworkStatus status) 
 
 QelDNSNetworkManager::NetworkStatusChangedBlock QelDNSNetworkManager::networkStatusChangedBlock()
     const {
-    qel::platform::MutexLock lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     return networkStatusChangedBlock_;
 }
 
 void QelDNSNetworkManager::setNetworkStatusChangedBlock(
     NetworkStatusChangedBlock networkStatusChangedBlock) {
-    qel::platform::MutexLock lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     networkStatusChangedBlock_ = std::move(networkStatusChangedBlock);
 }
 
 std::shared_ptr<QelDNSReachability> QelDNSNetworkManager::reachability() const {
-    qel::platform::MutexLock lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     return reachability_;
 }
 
 void QelDNSNetworkManager::setReachability(std::shared_ptr<QelDNSReachability> reachability) {
     std::shared_ptr<QelDNSReachability> previous;
     {
-        qel::platform::MutexLock lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex_);
         if (reachability == reachability_) return;
         previous = reachability_;
         if (reachability_) replaced_.push_back(std::move(reachability_));
@@ -144,11 +143,11 @@ void QelDNSNetworkManager::setReachability(std::shared_ptr<QelDNSReachability> r
 }
 
 QelDNSNetworkStatus QelDNSNetworkManager::lastNetworkStatus() const {
-    qel::platform::MutexLock lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     return lastNetworkStatus_;
 }
 
 void QelDNSNetworkManager::setLastNetworkStatus(QelDNSNetworkStatus lastNetworkStatus) {
-    qel::platform::MutexLock lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     lastNetworkStatus_ = lastNetworkStatus;
 }

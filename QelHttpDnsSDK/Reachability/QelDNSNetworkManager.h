@@ -17,10 +17,10 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/QelDNSExport.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSReachability.h"
 
@@ -68,14 +68,14 @@ private:
     void didEnterBackground();
     void willEnterForeground();
 
-    mutable qel::platform::Mutex mutex_;
-    NetworkStatusChangedBlock networkStatusChangedBlock_ QEL_GUARDED_BY(mutex_);
-    std::shared_ptr<QelDNSReachability> reachability_ QEL_GUARDED_BY(mutex_);
+    mutable std::mutex mutex_;
+    NetworkStatusChangedBlock networkStatusChangedBlock_;              // guarded by mutex_
+    std::shared_ptr<QelDNSReachability> reachability_;                 // guarded by mutex_
     // What every lookup reads: `reachability_` without the lock or a reference count, which
     // threads looking up at once would otherwise all write to. Replaced reachabilities stay
     // alive (stopped) in `replaced_` for the manager's life, so a reader never sees one die.
     std::atomic<QelDNSReachability*> current_{nullptr};
-    std::vector<std::shared_ptr<QelDNSReachability>> replaced_ QEL_GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<QelDNSReachability>> replaced_;       // guarded by mutex_
     QelDNSNetworkStatus lastNetworkStatus_ = QelDNSNetworkStatusNotReachable;  // guarded
     // Kept so that a destroyed manager leaves no observers behind in the default center.
     std::vector<uint64_t> observerTokens_;  // NotificationCenter tokens; guarded
