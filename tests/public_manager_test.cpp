@@ -22,6 +22,7 @@
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Extras/qel_httpdns.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
@@ -264,6 +265,15 @@ TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
     EXPECT_EQ(ask("a.test").trace.cacheKey, "a.test_v6");
     dns().getIPV4ByDomain("a.test", nullptr);
     EXPECT_EQ(ask("a.test", 2).trace.cacheKey, "a.test_v4");
+    // A cached record without its address answers nothing: the service is asked.
+    auto noAddress = std::make_shared<QelDNSIPModel>();
+    noAddress->setTtl(600);
+    noAddress->setLookupTime(qel::platform::Clock::currentTime());
+    QelDNSCacheManager::shared().saveIPs(std::make_shared<const QelDNSIPModelList>(1, noAddress),
+                                         "a.test_v6", false);
+    const Answer planted = ask("a.test");
+    EXPECT_EQ(planted.trace.source, Source::Service);
+    EXPECT_EQ(planted.ips, Strings{"192.0.2.1"});
     dns().enableCacheIP(false);
     EXPECT_EQ(ask("a.test").trace.cacheKey, "");
 }

@@ -74,7 +74,8 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
         QelDNSCacheManager::shared().readIPsWithDomain(
             key, expiredIP(),
             [&addresses](const QelDNSIPModelListRef& cached) {
-                if (!cached->empty()) addresses = filterIPs(*cached);
+                // A stored record may lack its address: a hit with none left is a miss.
+                if (auto ips = filterIPs(*cached); !ips.empty()) addresses = std::move(ips);
             },
             &fromStore);
         if (addresses) {

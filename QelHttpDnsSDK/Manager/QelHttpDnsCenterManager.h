@@ -47,7 +47,7 @@ public:
 
     /// Looks `domain` up. The cache key is the domain followed by the suffix of the PREVIOUS
     /// lookup's type (taken before this call stores its own type), and is the key this lookup
-    /// reads and stores under. With `cacheIP` a non-empty cached list answers at once on the
+    /// reads and stores under. With `cacheIP` a cached list with an address answers at once on the
     /// calling thread; otherwise the service is asked (`requestIPsWithRetryCount(0, ...)`) and
     /// a success is stored (when `cacheIP` still holds) before the completion runs. An empty
     /// completion is allowed: the answer is then dropped.
