@@ -11,14 +11,11 @@
 #include <utility>
 
 #include "QelHttpDnsSDK/Core/QelDNSManagerExtensions.h"
-#include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/PlatformThread.h"
 
-namespace codes = QelDNSExtrasErrorCodes;
-
-static_assert(QelDNSBlockingLookup::kTimedOutCode == codes::kTimedOut);
-static_assert(QelDNSBlockingLookup::kCalledOnPlatformThreadCode == codes::kCalledOnPlatformThread);
+namespace codes = QelDNSErrorCodes;
 
 namespace {
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorTable.h"
 #include "QelHttpDnsSDK/QelDNSExport.h"
 
 class QEL_EXPORT QelDNSBlockingLookup {
@@ -29,9 +30,9 @@ public:
 
     /// No answer before the deadline, or the manager does not answer lookups yet (no login
     /// reply) and did not start to before the deadline. Message "timed out".
-    static constexpr int64_t kTimedOutCode = -50001;
+    static constexpr int64_t kTimedOutCode = QEL_HTTPDNS_E_TIMED_OUT;
     /// Called on the platform thread. Message "blocking lookup on the platform thread".
-    static constexpr int64_t kCalledOnPlatformThreadCode = -50002;
+    static constexpr int64_t kCalledOnPlatformThreadCode = QEL_HTTPDNS_E_PLATFORM_THREAD;
 
     QelDNSBlockingLookup() = delete;
 

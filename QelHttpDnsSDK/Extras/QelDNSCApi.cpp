@@ -15,12 +15,12 @@
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
-#include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/QelDNSApplication.h"
 
-namespace codes = QelDNSExtrasErrorCodes;
+namespace codes = QelDNSErrorCodes;
 
 static_assert(QEL_HTTPDNS_E_TIMED_OUT == codes::kTimedOut);
 static_assert(QEL_HTTPDNS_E_PLATFORM_THREAD == codes::kCalledOnPlatformThread);
@@ -99,7 +99,7 @@ qel_httpdns_result* makeResult(const std::optional<QelDNSError>& error,
             // Nothing usable left is what an empty answer from the service is.
             result->error = error ? makeError(*error)
                                   : makeError(QelDNSErrorCodes::kResolveEmptyData,
-                                              QelDNSErrorCodes::kEmptyDataMessage);
+                                              QelDNSErrorCodes::kResolveEmptyDataMessage);
             return result;
         }
     } catch (...) {

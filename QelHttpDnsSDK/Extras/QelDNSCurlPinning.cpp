@@ -7,11 +7,11 @@
 
 #include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
-#include "QelHttpDnsSDK/Extras/QelDNSExtrasErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 
-namespace codes = QelDNSExtrasErrorCodes;
+namespace codes = QelDNSErrorCodes;
 
 namespace {
 
@@ -85,7 +85,7 @@ QelDNSCurlPinning::Result QelDNSCurlPinning::pin(const std::string& url, double 
     if (!lookup.ok() || lookup.ips.empty()) {
         result.outcome = Outcome::SystemResolver;
         result.error = lookup.ok() ? QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveEmptyData,
-                                                            QelDNSErrorCodes::kEmptyDataMessage)
+                                                            QelDNSErrorCodes::kResolveEmptyDataMessage)
                                    : std::move(lookup.error);
         return unpinned(std::move(result));
     }

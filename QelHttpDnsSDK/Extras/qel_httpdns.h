@@ -12,7 +12,7 @@
  * service); never on a thread of their own.
  *
  * Errors: a function that returns a qel_httpdns_error * returns NULL on success. Codes are the
- * manager's (docs/errors.md) plus QEL_HTTPDNS_E_* below. */
+ * manager's (docs/errors.md) plus this interface's, all named QEL_HTTPDNS_E_* below. */
 #ifndef QEL_HTTPDNS_H
 #define QEL_HTTPDNS_H
 
@@ -20,6 +20,7 @@
 #include <stdint.h>
 
 #include "QelHttpDnsSDK/QelDNSExport.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorTable.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,11 +30,9 @@ extern "C" {
 #define QEL_HTTPDNS_IPV4 1
 #define QEL_HTTPDNS_IPV6 2
 
-/* Codes of this interface and of the blocking lookup. */
-#define QEL_HTTPDNS_E_TIMED_OUT (-50001)          /* "timed out" */
-#define QEL_HTTPDNS_E_PLATFORM_THREAD (-50002)    /* "blocking lookup on the platform thread" */
-#define QEL_HTTPDNS_E_INVALID_ARGUMENT (-50003)   /* "invalid argument" */
-#define QEL_HTTPDNS_E_INTERNAL (-50004)           /* the failure's own text, e.g. out of memory */
+/* Every code, the manager's and this interface's, is named QEL_HTTPDNS_E_* in the table this
+ * includes: QEL_HTTPDNS_E_TIMED_OUT, QEL_HTTPDNS_E_PLATFORM_THREAD, QEL_HTTPDNS_E_INVALID_ARGUMENT
+ * and QEL_HTTPDNS_E_INTERNAL (the failure's own text, e.g. out of memory) are this interface's. */
 
 typedef struct qel_httpdns_error {
     int64_t code;

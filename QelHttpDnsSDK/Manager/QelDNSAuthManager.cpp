@@ -31,7 +31,7 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     if (!id || id->empty()) {
         if (completion) {
             completion(
-                QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kParameterInvalidMessage),
+                QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kAuthIdMissingMessage),
                 std::nullopt);
         }
         return;
@@ -39,7 +39,7 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     if (!secret || secret->empty()) {
         if (completion) {
             completion(
-                QelDNSUntil::errorCode(codes::kAuthSecretMissing, codes::kParameterInvalidMessage),
+                QelDNSUntil::errorCode(codes::kAuthSecretMissing, codes::kAuthSecretMissingMessage),
                 std::nullopt);
         }
         return;

@@ -17,12 +17,9 @@
 namespace {
 
 using Lock = qel::platform::MutexLock;
+namespace codes = QelDNSErrorCodes;
 
 using QelDNSCallbacks::callCatching;
-
-QelDNSError resolveFailed(const char* message) {
-    return QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveFailed, message);
-}
 
 // One step of the registry. False when it cannot step at all (a present but empty node list),
 // which ends the lookup like a missing node instead of escaping on the platform thread.
@@ -109,7 +106,7 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
                                                        QelDNSLookupHandle lookup) {
     const int32_t limit = retryCountNum();
     if (limit != 0 && limit <= count) {
-        callCatching(completion, resolveFailed(QelDNSErrorCodes::kRequestErrorMessage), nullptr);
+        callCatching(completion, QelDNSUntil::errorCode(codes::kAttemptsExhausted, codes::kAttemptsExhaustedMessage), nullptr);
         return;
     }
     std::optional<std::string> url, id, secret, domain;
@@ -152,7 +149,7 @@ void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompleti
 void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion& completion,
                                          const QelDNSLookupHandle& lookup) {
     auto unavailable = [&completion] {
-        callCatching(completion, resolveFailed(QelDNSErrorCodes::kServiceUnavailableMessage),
+        callCatching(completion, QelDNSUntil::errorCode(codes::kNoUsableNode, codes::kNoUsableNodeMessage),
                      nullptr);
     };
     std::optional<std::string> node;

@@ -129,15 +129,17 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
 
 void QelDNSRequest::handleResponse(const FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
-        const int64_t code =
-            response.statusCode == 200 ? codes::kFailedWithStatus200 : codes::kNeedRetry;
-        finishWith(finishBlock, QelDNSUntil::errorCode(code, codes::kRequestErrorMessage),
+        const bool cut = response.statusCode == 200;
+        finishWith(finishBlock,
+                   cut ? QelDNSUntil::errorCode(codes::kFailedWithStatus200,
+                                                codes::kFailedWithStatus200Message)
+                       : QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
                    std::nullopt);
         return;
     }
     if (response.body.empty()) {
         finishWith(finishBlock,
-                   QelDNSUntil::errorCode(codes::kEmptyBody, codes::kRequestErrorMessage),
+                   QelDNSUntil::errorCode(codes::kEmptyBody, codes::kEmptyBodyMessage),
                    std::nullopt);
         return;
     }

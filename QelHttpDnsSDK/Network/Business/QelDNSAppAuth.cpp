@@ -42,7 +42,7 @@ void QelDNSAppAuth::handleAnswer(const std::optional<std::string>& authId,
         QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
 
     if (!answeredId || !authId || *answeredId != *authId) {
-        completion(QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kInvalidDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kLoginInvalidDataMessage),
                    std::nullopt, std::nullopt);
     } else if (bestNode && !bestNode->empty()) {
         completion(std::nullopt, bestNode, std::move(nodeList));
@@ -50,7 +50,7 @@ void QelDNSAppAuth::handleAnswer(const std::optional<std::string>& authId,
         std::string first = nodeList->front();
         completion(std::nullopt, std::move(first), std::move(nodeList));
     } else {
-        completion(QelDNSUntil::errorCode(codes::kLoginEmptyData, codes::kEmptyDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kLoginEmptyData, codes::kLoginEmptyDataMessage),
                    std::nullopt, std::nullopt);
     }
 }
@@ -66,7 +66,7 @@ void QelDNSAppAuth::authWithUrl(const std::optional<std::string>& url,
     const std::string sign = signature(package, authSecret, timestamp);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(authId, completion,
-                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
                      std::nullopt);
         return;
     }

@@ -44,12 +44,12 @@ void QelDNSGetIPs::handleAnswer(const std::optional<std::string>& domain, int32_
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kInvalidDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kResolveInvalidDataMessage),
                    nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kEmptyDataMessage),
+        completion(QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage),
                    nullptr);
         return;
     }
@@ -78,7 +78,7 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
     const std::string sign = signature(package, authSecret, timestamp, domain, type);
     if (sign.empty()) {  // never sent unsigned: it fails like a request that could not go out
         handleAnswer(domain, type, completion,
-                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kRequestErrorMessage),
+                     QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
                      std::nullopt);
         return;
     }
