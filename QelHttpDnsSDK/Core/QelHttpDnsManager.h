@@ -139,8 +139,6 @@ private:
 
     std::atomic<int64_t> initStatus_{0};
     std::atomic<bool> isPreResolved_{false};
-    // Lets a lookup skip the lock while no degraded host is set, the usual case.
-    std::atomic<bool> hasDegradeHosts_{false};
 
     mutable std::mutex mutex_;
     std::optional<std::vector<std::string>> degradeHosts_;                 // guarded by mutex_

@@ -28,6 +28,7 @@ const std::vector<KeyedUnarchiver::AllowedClass>& allowedClasses() {
 // The calling thread's last list found in memory, with the generation of the dictionary it
 // was found in. Reading the same key again in that generation finds the same list, so neither
 // the mutex nor the list's reference count (memory every reading thread writes to) is touched.
+// Without it a hit on one name costs 1.35x (bench/public_manager_bench, BM_Hit_getIPV4ByDomain).
 struct LastMemoryHit {
     uint64_t generation = 0;  // none: generations start at 1
     std::string domain;

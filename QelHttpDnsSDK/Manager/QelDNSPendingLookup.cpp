@@ -9,7 +9,8 @@ using Lock = qel::platform::MutexLock;
 // The pending pair as this thread last stored or found it, and the key of a lookup of that same
 // pair. While the version is unchanged, a lookup of the same pair would store what is already
 // there, so it skips the mutex and the stores (memory every looking-up thread writes to) and the
-// building of its key. There is one pending lookup, so one such view per thread.
+// building of its key. There is one pending lookup, so one such view per thread. Without it a
+// hit on one name costs 1.69x (bench/public_manager_bench, BM_Hit_getIPV4ByDomain).
 struct LastPending {
     uint64_t version = 0;  // none: versions start at 1
     std::optional<std::string> domain;

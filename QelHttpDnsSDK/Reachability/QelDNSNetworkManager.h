@@ -74,6 +74,7 @@ private:
     // What every lookup reads: `reachability_` without the lock or a reference count, which
     // threads looking up at once would otherwise all write to. Replaced reachabilities stay
     // alive (stopped) in `replaced_` for the manager's life, so a reader never sees one die.
+    // Locking and copying instead makes a hit 1.16x slower (BM_Hit_getIPV4ByDomain).
     std::atomic<QelDNSReachability*> current_{nullptr};
     std::vector<std::shared_ptr<QelDNSReachability>> replaced_;       // guarded by mutex_
     QelDNSNetworkStatus lastNetworkStatus_ = QelDNSNetworkStatusNotReachable;  // guarded
