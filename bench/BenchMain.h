@@ -25,7 +25,8 @@ public:
         for (const Run& run : runs) {
             const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
             const std::string name = key(run);
-            if (run.error_occurred || !(median || (run.run_type == Run::RT_Iteration && !kept_.count(name)))) {
+            if (run.error_occurred ||
+                !(median || (run.run_type == Run::RT_Iteration && !kept_.count(name)))) {
                 continue;
             }
             const double unit = benchmark::GetTimeUnitMultiplier(run.time_unit);
@@ -46,7 +47,8 @@ public:
         const Kept* kept = find(name, threads);
         return kept ? std::optional<double>(kept->cpuSeconds) : std::nullopt;
     }
-    std::optional<double> counter(const std::string& name, const std::string& counter, int threads = 1) const {
+    std::optional<double> counter(const std::string& name, const std::string& counter,
+                                  int threads = 1) const {
         const Kept* kept = find(name, threads);
         if (!kept || !kept->counters.count(counter)) return std::nullopt;
         return kept->counters.at(counter);
@@ -75,7 +77,8 @@ inline std::optional<double> divide(std::optional<double> a, std::optional<doubl
 }
 
 /// "what   1.23x  (target <= 2x)", or nothing when a side did not run.
-inline void printRatio(const char* what, std::optional<double> ratio, const char* target = nullptr) {
+inline void printRatio(const char* what, std::optional<double> ratio,
+                       const char* target = nullptr) {
     if (!ratio) return;
     std::printf("%-58s %8.2fx", what, *ratio);
     if (target) std::printf("  (target %s)", target);

@@ -145,10 +145,14 @@ int main(int argc, char** argv) {
         using qel::bench::printRatio;
         const auto map = medians.seconds("BM_BareUnorderedMapLookup");
         const auto sqlite = medians.seconds("BM_BareSqlitePointQuery");
-        printRatio("memory hit, expired / bare unordered_map:", divide(medians.seconds("BM_MemoryHit/expired:1"), map), "<= 5x");
-        printRatio("memory hit, fresh / bare unordered_map:", divide(medians.seconds("BM_MemoryHit/expired:0"), map), "<= 5x");
-        printRatio("store read, expired / bare SQLite query:", divide(medians.seconds("BM_PersistedRead/expired:1"), sqlite), "<= 2x");
-        printRatio("store read, fresh / bare SQLite query:", divide(medians.seconds("BM_PersistedRead/expired:0"), sqlite), "<= 2x");
+        printRatio("memory hit, expired / bare unordered_map:",
+                   divide(medians.seconds("BM_MemoryHit/expired:1"), map), "<= 5x");
+        printRatio("memory hit, fresh / bare unordered_map:",
+                   divide(medians.seconds("BM_MemoryHit/expired:0"), map), "<= 5x");
+        printRatio("store read, expired / bare SQLite query:",
+                   divide(medians.seconds("BM_PersistedRead/expired:1"), sqlite), "<= 2x");
+        printRatio("store read, fresh / bare SQLite query:",
+                   divide(medians.seconds("BM_PersistedRead/expired:0"), sqlite), "<= 2x");
     });
     std::filesystem::remove_all(fixture().dir);
     return status;

@@ -167,7 +167,8 @@ void BM_Concurrent200_QelDNSRequest(benchmark::State& state) {
 
 void BM_Concurrent200_BareCurl(benchmark::State& state) {
     CURLM* multi = curl_multi_init();
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, CurlHttpSession::kMaxConnectionsPerHost);
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                      CurlHttpSession::kMaxConnectionsPerHost);
     std::vector<BareHandle> handles(kBatch);
     int failures = 0;
     for (auto _ : state) {
@@ -208,14 +209,15 @@ int main(int argc, char** argv) {
         const auto ratio = [&](const char* what, const char* ours, const char* bare) {
             const auto o = medians.seconds(ours), b = medians.seconds(bare);
             if (!o || !b) return;
-            std::printf("%-22s QelDNSRequest %9.1f us   bare libcurl %9.1f us   ratio %.3f\n", what, *o * 1e6,
-                        *b * 1e6, *o / *b);
+            std::printf("%-22s QelDNSRequest %9.1f us   bare libcurl %9.1f us   ratio %.3f\n", what,
+                        *o * 1e6, *b * 1e6, *o / *b);
         };
         ratio("one GET:", "BM_SingleGet_QelDNSRequest", "BM_SingleGet_BareCurl");
         if (const auto trip = medians.seconds("BM_PlatformThreadRoundTrip")) {
             std::printf("%-22s %9.1f us (hand-off to the platform thread and back, no HTTP)\n",
                         "thread round trip:", *trip * 1e6);
         }
-        ratio("200 concurrent GETs:", "BM_Concurrent200_QelDNSRequest", "BM_Concurrent200_BareCurl");
+        ratio("200 concurrent GETs:", "BM_Concurrent200_QelDNSRequest",
+              "BM_Concurrent200_BareCurl");
     });
 }

@@ -75,7 +75,8 @@ int main(int argc, char** argv) {
         qel::bench::printRatio("networkAvailable / bare atomic load:",
                                divide(available, medians.seconds("BM_BareAtomicLoad")));
         qel::bench::printRatio("networkAvailable / bare atomic load, 2 threads:",
-                               divide(medians.seconds("BM_NetworkAvailable", 2), medians.seconds("BM_BareAtomicLoad", 2)));
+                               divide(medians.seconds("BM_NetworkAvailable", 2),
+                                      medians.seconds("BM_BareAtomicLoad", 2)));
         qel::bench::printRatio("routing-table dump / networkAvailable:",
                                divide(medians.seconds("BM_RouteTableDump"), available));
     });

@@ -91,7 +91,8 @@ public:
     /// Whether the addresses came, within 20 s.
     bool wait() {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20), [this] { return answered_; }) && ok_;
+        return changed_.wait_for(lock, std::chrono::seconds(20), [this] { return answered_; }) &&
+               ok_;
     }
     bool answered() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -139,7 +140,8 @@ struct Fixture {
         service.setAddresses(kHitDomain, kAddresses);
         service.setAddresses(kMissDomain, kAddresses);
         for (int i = 0; i < kMemoryDomains; ++i) {
-            for (bool longName : {false, true}) service.setAddresses(memoryDomain(i, longName), kAddresses);
+            for (bool longName : {false, true})
+                service.setAddresses(memoryDomain(i, longName), kAddresses);
         }
 
         QelHttpDnsManager& dns = QelHttpDnsManager::shared();
@@ -158,7 +160,8 @@ struct Fixture {
 
     /// 9 to 12 characters, which std::string keeps inline, or 18 to 21, which it allocates.
     static std::string memoryDomain(int i, bool longName) {
-        return (longName ? "host" : "h") + std::to_string(i) + (longName ? ".example.test" : ".ex.com");
+        return (longName ? "host" : "h") + std::to_string(i) +
+               (longName ? ".example.test" : ".ex.com");
     }
 
     /// Looks `domain` up and waits for the addresses; true when they came before the call
@@ -282,8 +285,8 @@ void BM_Step_CacheManagerHit(benchmark::State& state) {
     const std::string key = std::string(kHitDomain) + "_v4";
     size_t records = 0;
     for (auto _ : state) {
-        cache.readIPsWithDomain(key, false,
-                                [&records](const QelDNSIPModelListRef& ips) { records += ips->size(); });
+        cache.readIPsWithDomain(
+            key, false, [&records](const QelDNSIPModelListRef& ips) { records += ips->size(); });
     }
     if (records != 2 * static_cast<size_t>(state.iterations())) state.SkipWithError("not a hit");
 }
@@ -334,10 +337,9 @@ void BM_Hit_ManyNames(benchmark::State& state) {
     size_t next = 0;
     int64_t hits = 0;
     for (auto _ : state) {
-        dns.getIPV4ByDomain(many.names[many.order[next++ & mask]],
-                            [&hits](std::optional<QelDNSError>, Ips ips) {
-                                hits += ips && ips->size() == 2;
-                            });
+        dns.getIPV4ByDomain(
+            many.names[many.order[next++ & mask]],
+            [&hits](std::optional<QelDNSError>, Ips ips) { hits += ips && ips->size() == 2; });
     }
     if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
 }
@@ -357,9 +359,13 @@ void BM_BareMap_ManyNames(benchmark::State& state) {
     }
 }
 
-BENCHMARK(BM_Hit_ManyNames)->ArgNames({"names", "random"})->ArgsProduct({{64, 4096}, {0, 1}})
+BENCHMARK(BM_Hit_ManyNames)
+    ->ArgNames({"names", "random"})
+    ->ArgsProduct({{64, 4096}, {0, 1}})
     ->UseRealTime();
-BENCHMARK(BM_BareMap_ManyNames)->ArgNames({"names", "random"})->ArgsProduct({{64, 4096}, {0, 1}})
+BENCHMARK(BM_BareMap_ManyNames)
+    ->ArgNames({"names", "random"})
+    ->ArgsProduct({{64, 4096}, {0, 1}})
     ->UseRealTime();
 
 BENCHMARK(BM_Step_CheckDomainIsValid)->ThreadRange(1, 2)->UseRealTime();
@@ -374,9 +380,9 @@ BENCHMARK(BM_Step_CacheManagerHit)->ThreadRange(1, 2)->UseRealTime();
 struct BareGet {
     const double timestamp = qel::platform::Clock::currentTime() * 1000.0;
     qel::bench::BareCurlGet get{
-        fixture().service.baseUrl() + "/" + kId + "/resolve?timestamp=" +
-            std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + kMissDomain +
-            "&type=1&app_id=" + kApp,
+        fixture().service.baseUrl() + "/" + kId +
+            "/resolve?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
+            "&host=" + kMissDomain + "&type=1&app_id=" + kApp,
         "MD5 " + QelDNSGetIPs::calcSignWithAuthSecret(std::string(kSecret), timestamp,
                                                       std::string(kMissDomain), 1)};
     CURL* easy = get.easy();
@@ -399,7 +405,8 @@ void BM_Miss_BareCurl(benchmark::State& state) {
         if (result != CURLE_OK || !get.answered()) ++failures;
     }
     if (failures) state.SkipWithError("requests failed");
-    if (fixture().service.badSignatures() != 0) state.SkipWithError("a signature did not check out");
+    if (fixture().service.badSignatures() != 0)
+        state.SkipWithError("a signature did not check out");
 }
 
 // range(0) 0: caching off, every lookup asks the service. 1: caching on, the domain's entry
@@ -423,7 +430,8 @@ void BM_Miss_getIPV4ByDomain(benchmark::State& state) {
     }
     dns.enableCacheIP(true);
     if (failures) state.SkipWithError("lookups failed");
-    if (fixture().service.badSignatures() != 0) state.SkipWithError("a signature did not check out");
+    if (fixture().service.badSignatures() != 0)
+        state.SkipWithError("a signature did not check out");
 }
 
 BENCHMARK(BM_BareMap_FindAndCopy)->ThreadRange(1, 2)->UseRealTime();
@@ -476,8 +484,8 @@ CachedDomainBytes bytesPerCachedDomain(bool longNames) {
 void printBytes(const char* names, const CachedDomainBytes& bytes) {
     std::printf("memory per cached domain, two addresses, %-17s %8.0f B  (target <= 512 B)\n",
                 names, bytes.total);
-    std::printf("  %-56s %8.0f B\n", "of which the dictionary entry (node, key, bucket):",
-                bytes.entry);
+    std::printf("  %-56s %8.0f B\n",
+                "of which the dictionary entry (node, key, bucket):", bytes.entry);
     std::printf("  %-56s %8.0f B\n", "of which the list and its two records:", bytes.records);
 }
 
@@ -486,11 +494,12 @@ void report(const MedianReporter& medians) {
     const CachedDomainBytes shortNames = bytesPerCachedDomain(false);
     const CachedDomainBytes longNames = bytesPerCachedDomain(true);
 
-    std::printf("Network monitoring: %s\n", fixture().network ? "a fake reachable network (no default route here)"
-                                                              : "the real rtnetlink monitor");
+    std::printf("Network monitoring: %s\n", fixture().network
+                                                ? "a fake reachable network (no default route here)"
+                                                : "the real rtnetlink monitor");
     const auto hit = medians.seconds("BM_Hit_getIPV4ByDomain");
-    printRatio("hit / bare map find and copy:", divide(hit, medians.seconds("BM_BareMap_FindAndCopy")),
-               "<= 10x");
+    printRatio("hit / bare map find and copy:",
+               divide(hit, medians.seconds("BM_BareMap_FindAndCopy")), "<= 10x");
     // On a shared machine the real time also counts the waits for a core; the CPU time does not.
     if (const auto traced = medians.seconds("BM_Hit_getIPV4ByDomain_Traced"); traced && hit) {
         std::printf("%-58s %+8.1f ns  (target <= +100 ns)\n",
@@ -504,18 +513,19 @@ void report(const MedianReporter& medians) {
     // Throughput on two threads needs two free cores. Where others' work takes them, the CPU
     // time each lookup costs on two threads against one tells what sharing memory adds; twice
     // its inverse is the throughput two free cores would give.
-    std::printf("2 threads / 1 thread:                 throughput   CPU per call   2 x CPU ratio\n");
-    for (const char* name : {"BM_Hit_getIPV4ByDomain", "BM_BareMap_FindAndCopy",
-                             "BM_Step_CheckDomainIsValid", "BM_Step_CheckNetworkAvailable",
-                             "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
+    std::printf(
+        "2 threads / 1 thread:                 throughput   CPU per call   2 x CPU ratio\n");
+    for (const char* name :
+         {"BM_Hit_getIPV4ByDomain", "BM_BareMap_FindAndCopy", "BM_Step_CheckDomainIsValid",
+          "BM_Step_CheckNetworkAvailable", "BM_Step_ResolverHit", "BM_Step_CacheManagerHit"}) {
         const auto throughput = divide(medians.seconds(name), medians.seconds(name, 2));
         const auto cpu = divide(medians.cpuSeconds(name, 2), medians.cpuSeconds(name));
         if (!throughput || !cpu) continue;
         std::printf("  %-34s %9.2fx  %11.2fx  %12.2fx%s\n", name + 3, *throughput, *cpu, 2 / *cpu,
                     name == std::string("BM_Hit_getIPV4ByDomain") ? "  (target >= 1.5x)" : "");
     }
-    for (const char* names : {"names:64/random:0", "names:64/random:1", "names:4096/random:0",
-                              "names:4096/random:1"}) {
+    for (const char* names :
+         {"names:64/random:0", "names:64/random:1", "names:4096/random:0", "names:4096/random:1"}) {
         const std::string suffix = std::string("/") + names;
         printRatio(("hit over " + std::string(names) + " / bare map:").c_str(),
                    divide(medians.seconds("BM_Hit_ManyNames" + suffix),

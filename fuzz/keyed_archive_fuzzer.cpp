@@ -78,7 +78,8 @@ void checkArbitraryArchive(const Data& data) {
 
     const Data again = archive(*decoded);
     const auto reread = decodeAsCache(again);
-    fuzzCheck(reread && fields(*reread) == fields(*decoded), "what decodes is written back the same");
+    fuzzCheck(reread && fields(*reread) == fields(*decoded),
+              "what decodes is written back the same");
 }
 
 // The double a lookup time reads back as: cut toward zero to whole seconds, NaN as 0, and

@@ -40,8 +40,10 @@ bool isControl(unsigned char byte) { return byte < 0x20 || byte == 0x7f; }
 bool holdsControl(std::string_view target) {
     for (size_t i = 0; i < target.size(); ++i) {
         if (isControl(static_cast<unsigned char>(target[i]))) return true;
-        if (target[i] == '%' && i + 2 < target.size() && hexDigit(target[i + 1]) >= 0 && hexDigit(target[i + 2]) >= 0 &&
-            isControl(static_cast<unsigned char>(hexDigit(target[i + 1]) * 16 + hexDigit(target[i + 2])))) {
+        if (target[i] == '%' && i + 2 < target.size() && hexDigit(target[i + 1]) >= 0 &&
+            hexDigit(target[i + 2]) >= 0 &&
+            isControl(static_cast<unsigned char>(hexDigit(target[i + 1]) * 16 +
+                                                 hexDigit(target[i + 2])))) {
             return true;
         }
     }
@@ -58,7 +60,8 @@ std::string md5Of(const std::string& text) {
 }
 
 const Service& service() {
-    static AccessLog* log = new AccessLog(std::fopen("/dev/null", "w"), std::fopen("/dev/null", "w"));
+    static AccessLog* log =
+        new AccessLog(std::fopen("/dev/null", "w"), std::fopen("/dev/null", "w"));
     static Service* made = [] {
         Accounts accounts;
         accounts.add("acct-7", kSecret);
@@ -99,9 +102,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool login = parsed.path == "/acct-7/service";
     fuzzCheck(login || parsed.path == "/acct-7/resolve", "only the two endpoints answer");
     const std::string appId = *parsed.param("app_id"), timestamp = *parsed.param("timestamp");
-    const std::string signedText =
-        login ? appId + "-" + timestamp + "-" + kSecret
-              : appId + "-" + *parsed.param("host") + "-" + timestamp + "-" + *parsed.param("type") + "-" + kSecret;
-    fuzzCheck(authorization == "MD5 " + md5Of(signedText), "an answer needs the signature of every signed byte");
+    const std::string signedText = login ? appId + "-" + timestamp + "-" + kSecret
+                                         : appId + "-" + *parsed.param("host") + "-" + timestamp +
+                                               "-" + *parsed.param("type") + "-" + kSecret;
+    fuzzCheck(authorization == "MD5 " + md5Of(signedText),
+              "an answer needs the signature of every signed byte");
     return 0;
 }

@@ -57,19 +57,21 @@ std::vector<std::string> elementTexts(const json& array) {
 }
 
 size_t openings(const std::string& body) {
-    return static_cast<size_t>(std::count_if(body.begin(), body.end(),
-                                             [](char c) { return c == '[' || c == '{'; }));
+    return static_cast<size_t>(
+        std::count_if(body.begin(), body.end(), [](char c) { return c == '[' || c == '{'; }));
 }
 
 // The transport's verdict on the body alone. Returns the document the answer rules read, or
 // nothing when the transport had to fail (and checks that it did, with the right code).
-std::optional<json> checkTransport(const std::string& body, const std::optional<QelDNSError>& error) {
+std::optional<json> checkTransport(const std::string& body,
+                                   const std::optional<QelDNSError>& error) {
     if (body.empty()) {
         fuzzCheck(error && error->code() == codes::kEmptyBody, "an empty body is -10000");
         return std::nullopt;
     }
     json document = json::parse(body, nullptr, /*allow_exceptions=*/false);
-    const bool container = !document.is_discarded() && (document.is_object() || document.is_array());
+    const bool container =
+        !document.is_discarded() && (document.is_object() || document.is_array());
     if (!container) {
         fuzzCheck(error && error->code() == codes::kJsonConvertError,
                   "a body that is not a JSON object or array is -10001");
@@ -161,12 +163,12 @@ void checkResolve(const std::string& body) {
     }
     fuzzCheck(records && records->size() == ips->size(), "one record per address");
     const json* ttl = member(*document, "ttl");
-    const std::optional<int64_t> exactTtl =
-        !ttl ? std::optional<int64_t>(0)
-        : ttl->is_number_integer() && *ttl >= std::numeric_limits<int32_t>::min() &&
-                *ttl <= std::numeric_limits<int32_t>::max()
-            ? std::optional<int64_t>(ttl->get<int64_t>())
-            : std::nullopt;
+    const std::optional<int64_t> exactTtl = !ttl ? std::optional<int64_t>(0)
+                                            : ttl->is_number_integer() &&
+                                                    *ttl >= std::numeric_limits<int32_t>::min() &&
+                                                    *ttl <= std::numeric_limits<int32_t>::max()
+                                                ? std::optional<int64_t>(ttl->get<int64_t>())
+                                                : std::nullopt;
     for (size_t i = 0; i < records->size(); ++i) {
         const QelDNSIPModel& record = *(*records)[i];
         fuzzCheck(record.ip() == elementText((*ips)[i]), "addresses keep their order and text");

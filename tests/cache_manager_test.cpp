@@ -47,9 +47,15 @@ protected:
 }  // namespace
 
 TEST_F(CacheManagerTest, RecordSaysExpiredOnTruncatedTimeAndTheFilterOnExactTime) {
-    struct { int64_t ttl; double lookupTime, now; bool expired, kept; } cases[] = {
-        {60, 1000.5, 1060.49, false, true}, {60, 1000.5, 1060.7, false, false},
-        {60, 1000.5, 1061, true, false},    {-1, 1000.5, 1000.5, true, false},
+    struct {
+        int64_t ttl;
+        double lookupTime, now;
+        bool expired, kept;
+    } cases[] = {
+        {60, 1000.5, 1060.49, false, true},
+        {60, 1000.5, 1060.7, false, false},
+        {60, 1000.5, 1061, true, false},
+        {-1, 1000.5, 1000.5, true, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.ttl << " " << c.lookupTime << " at " << c.now);
@@ -81,8 +87,7 @@ TEST_F(CacheManagerTest, DamagedDatabaseLeavesAMemoryOnlyCacheAndTheFileAsItWas)
     {
         qel::platform::SqliteUserDefaults app(storePath());
         app.setString("app_v4", std::string(20000, 'x'));
-        app.setData("app.test_v4", *cache().archivedDataWithObjects(
-                                       *list({record("10.0.0.9", 600, 1000)})));
+        app.setData("app.test_v4", *cache().archivedDataWithObjects(*list({record("10.0.0.9", 600, 1000)})));
     }
     Data file = dir_.read(kStoreFile);  // the header page survives, the table not
     const Data noise = qel::test::randomBytes(file.size() - 4096, 9);

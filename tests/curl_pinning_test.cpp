@@ -33,17 +33,16 @@ protected:
         web.respond("/hello", 200, "hello");
         service.setAddresses(kName, {"127.0.0.1"});
         registered(service);
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char* data, size_t size, size_t count, void* text) {
-            static_cast<std::string*>(text)->append(data, size * count);
-            return size * count;
-        });
+        curl_easy_setopt(
+            curl, CURLOPT_WRITEFUNCTION, +[](char* data, size_t size, size_t count, void* text) {
+                static_cast<std::string*>(text)->append(data, size * count);
+                return size * count;
+            });
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
     }
     ~CurlPinning() override { unsetenv("http_proxy"); }
 
-    std::string url(const std::string& host) const {
-        return "http://" + host + ":" + std::to_string(web.port()) + "/hello";
-    }
+    std::string url(const std::string& host) const { return "http://" + host + ":" + std::to_string(web.port()) + "/hello"; }
     // Fetches `address` with the handle as it is; curl's result.
     CURLcode fetch(const std::string& address) {
         body.clear();
@@ -93,7 +92,11 @@ TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoesAndPinsOnlyAddresses) {
     service.setAddresses("v6.qel-demo.test", {"2001:db8::5", "2001:db8::6"});
     service.setAddresses("junk.qel-demo.test", {"127.0.0.2,6.6.6.6", "::1", "127.0.0.3\n-x:80", "127.0.0.1"});
     service.setAddresses("colon.qel-demo.test", {"127.0.0.2:80"});
-    const struct { std::string url; int64_t type; std::string pinned; } rows[] = {
+    const struct {
+        std::string url;
+        int64_t type;
+        std::string pinned;
+    } rows[] = {
         {"https://app.qel-demo.test/path?q=1", 1, "pinned app.qel-demo.test:443:127.0.0.1"},
         {"http://v6.qel-demo.test:81/", 2, "pinned v6.qel-demo.test:81:[2001:db8::5],[2001:db8::6]"},
         {"http://[::1]:8443/", 1, "address host ::1 port 8443"},
@@ -106,9 +109,11 @@ TEST_F(CurlPinning, ReadsHostAndPortAsCurlDoesAndPinsOnlyAddresses) {
         const auto pin = pinning.pin(row.url, 20.0, row.type);
         const char* const outcomes[] = {"pinned", "address", "system resolver", "unusable"};
         EXPECT_EQ(outcomes[static_cast<int>(pin.outcome)] + std::string(" ") +
-                      (pin.error ? "error " + std::to_string(pin.error->code())
-                                 : pin.pinned() ? pin.entry : "host " + pin.host + " port " + pin.port),
-                  row.pinned) << row.url;
+                      (pin.error      ? "error " + std::to_string(pin.error->code())
+                       : pin.pinned() ? pin.entry
+                                      : "host " + pin.host + " port " + pin.port),
+                  row.pinned)
+            << row.url;
     }
     EXPECT_EQ(QelDNSCurlPinning(nullptr).pin(url(kName), 1.0).outcome, Outcome::UnusableUrl);
 }

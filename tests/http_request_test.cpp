@@ -77,15 +77,11 @@ protected:
     Server server;
 };
 
-std::string nested(int depth) {
-    return std::string(depth, '[') + std::string(depth, ']');
-}
+std::string nested(int depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
 }  // namespace
 
-auto openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+auto openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // One row per kind of answer, well-formed or not: each request ends once, within its timeout,
 // with a result or an error that carries the status its transfer reached (the lookup then
@@ -94,7 +90,12 @@ auto openDescriptors() {
 TEST_F(QelDNSRequestTest, EachKindOfAnswerEndsTheRequestOnceWithAResultOrAnError) {
     qel::test::ScratchDirectory scratch;
     std::ofstream(scratch.file("answer.json")) << "[1]";
-    const struct { Server::Reply reply; std::string expected; size_t requests = 1; double timeout = 2.0; } rows[] = {
+    const struct {
+        Server::Reply reply;
+        std::string expected;
+        size_t requests = 1;
+        double timeout = 2.0;
+    } rows[] = {
         {Server::http(500, R"({"status":500,"message":"down"})"), R"({"message":"down","status":500})"},
         {Server::http(200, ""), "-10000 request error"},
         {Server::http(200, "123"), kNotJson},
@@ -106,9 +107,12 @@ TEST_F(QelDNSRequestTest, EachKindOfAnswerEndsTheRequestOnceWithAResultOrAnError
         {Server::http(200, "[" + std::string(kBound - 2, ' ') + "]"), "[]"},
         {Server::http(200, "[" + std::string(kBound - 1, ' ') + "]"), "200 request error"},
         {{Server::Reply::Write, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kBound + 1, ' ')},
-         "200 request error", 1, 5.0},
+         "200 request error",
+         1,
+         5.0},
         // A compressed answer is read as the text it stands for.
-        {Server::http(200, std::string("\x1f\x8b\x08\0\0\0\0\0\x02\xff\x8b\x56\x4a\xaf\x52\x8a\x05\0\xa6\x6c\x75\x21\x06\0\0\0", 26),
+        {Server::http(200,
+                      std::string("\x1f\x8b\x08\0\0\0\0\0\x02\xff\x8b\x56\x4a\xaf\x52\x8a\x05\0\xa6\x6c\x75\x21\x06\0\0\0", 26),
                       "Content-Encoding: gzip\r\n"),
          R"(["gz"])"},
         {{Server::Reply::Write, "HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"a\""}, "200 request error"},
@@ -141,17 +145,20 @@ TEST_F(QelDNSRequestTest, EachKindOfAnswerEndsTheRequestOnceWithAResultOrAnError
 
 TEST_F(QelDNSRequestTest, SendsContentTypeFirstThenTheCallersHeadersAsSafeText) {
     server.respond("/h", 200, "{}");
-    get(server.url("/h"), {{"X-Str", "s"}, {"X-Null", nullptr}, {"X-List", {1, "a"}},
-                           {"X-Bad", "a\r\nX-Injected: 1"}, {"X-Colon:", "v"}, {"Bad Name", "v"}});
+    get(server.url("/h"), {{"X-Str", "s"},
+                           {"X-Null", nullptr},
+                           {"X-List", {1, "a"}},
+                           {"X-Bad", "a\r\nX-Injected: 1"},
+                           {"X-Colon:", "v"},
+                           {"Bad Name", "v"}});
     EXPECT_EQ(server.requests().back().headerLines({"Content-Type", "X-", "Bad"}),
-              (std::vector<std::string>{"Content-Type: application/json;charset=UTF-8", "X-List: [1,\"a\"]",
-                                        "X-Null: <null>", "X-Str: s"}));
+              (std::vector<std::string>{"Content-Type: application/json;charset=UTF-8", "X-List: [1,\"a\"]", "X-Null: <null>",
+                                        "X-Str: s"}));
     // The caller's Content-Type, in any case, replaces the default where it stands. A large
     // body goes at once, without waiting for a "100 Continue".
     const json body = {{"pad", std::string(2 << 20, 'b')}};
     Finishes finishes;
-    QelDNSRequest::post(server.url("/h"), {{"A", "1"}, {"content-type", "text/plain"}}, body,
-                        finishes.callback());
+    QelDNSRequest::post(server.url("/h"), {{"A", "1"}, {"content-type", "text/plain"}}, body, finishes.callback());
     EXPECT_EQ(outcome(finishes), "{}");
     const Server::Request request = server.requests().back();
     EXPECT_EQ(request.headerLines({"Content-Type", "A:", "Expect"}),
@@ -233,8 +240,8 @@ TEST(CurlHttpSession, RequestsFailWithoutThrowingUntilThePlatformThreadCanStart)
             const bool leaked = !shortage.isLowestFree(shortage.freeSlots()[0]);
             shortage.restore();
             const HttpResponse later = fetch(server.url("/ok"));
-            std::fprintf(stderr, "[%s] %s, %zu log line, then %s\n", early.c_str(),
-                         leaked ? "leak" : "no leak", console.lines().size(), later.body.c_str());
+            std::fprintf(stderr, "[%s] %s, %zu log line, then %s\n", early.c_str(), leaked ? "leak" : "no leak",
+                         console.lines().size(), later.body.c_str());
             std::exit(0);
         },
         testing::ExitedWithCode(0), "\\[failed failed \\] no leak, 1 log line, then \\{\\}");

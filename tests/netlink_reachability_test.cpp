@@ -41,8 +41,7 @@ bool run(const std::string& command) {
 
 // Waits until the kernel marks `device` running, a little after the link is set up.
 std::string waitUntilUp(const std::string& device) {
-    return "timeout 20 sh -c 'until ip -o link show dev " + device +
-           " | grep -q \"state UP\"; do sleep 0.01; done'";
+    return "timeout 20 sh -c 'until ip -o link show dev " + device + " | grep -q \"state UP\"; do sleep 0.01; done'";
 }
 
 // The values (flags or statuses) a recorder heard, each told on the platform thread.
@@ -61,8 +60,7 @@ std::unique_ptr<ReachabilitySource> watch(const std::string& address, Flags& rep
     sockaddr_in target{};
     target.sin_family = AF_INET;
     inet_pton(AF_INET, address.c_str(), &target.sin_addr);
-    auto source = qel::platform::ReachabilitySourceFactory::createWithAddress(
-        reinterpret_cast<sockaddr*>(&target));
+    auto source = qel::platform::ReachabilitySourceFactory::createWithAddress(reinterpret_cast<sockaddr*>(&target));
     if (!source) return nullptr;
     source->setCallback(reports.callback());
     source->schedule();
@@ -81,42 +79,42 @@ struct Step {
     std::string target = {};
 };
 
-
 constexpr int64_t kDirect = flags::Reachable | flags::IsDirect;
 constexpr int64_t kNotReachable = QelDNSNetworkStatusNotReachable;
 constexpr int64_t kWiFi = QelDNSNetworkStatusWiFi;
 
 // The manager starts with the first step that is not Flags.
 const std::vector<Step> kSteps = {
-        // A worse default route through loopback, which never counts.
-        {"ip link set lo up && ip route add default dev lo metric 10", Expect::Status, kWiFi},
-        {"", Expect::Flags, kDirect | flags::IsLocalAddress, "198.51.100.1"},
-        {kDelDefault, Expect::Change, kNotReachable},
-        {kAddDefault, Expect::Change, kWiFi},
-        // Without carrier (v1 down) the route stays in the table but carries nothing.
-        {"ip link set v1 down", Expect::Change, kNotReachable},
-        {"ip link set v1 up", Expect::Change, kWiFi},
-        {"ip link set v0 down", Expect::Change, kNotReachable},
-        // Down, v0 lost its default route without notice: up, only its own prefix is reached.
-        {"ip link set v0 up", Expect::Flags, kDirect, "198.51.100.2"},
-        {"", Expect::Status, kNotReachable},
-        {kAddDefault, Expect::Change, kWiFi},
-        // No change is heard in the background; in the foreground the next report is
-        // compared with the status from before.
-        {"background", Expect::Flags, flags::Reachable, "0.0.0.0"},
-        {kDelDefault, Expect::Flags, 0, "0.0.0.0"},
-        {"", Expect::Status, kNotReachable},
-        {"foreground", Expect::Quiet},
-        {kAddDefault, Expect::Flags, flags::Reachable, "0.0.0.0"},
-        {"", Expect::Quiet},
-        // An IPv6-only modem link without addresses (nothing is ever sent on it), whose
-        // default route (metric 1024) loses to the IPv4 one (metric 0).
-        {"ip link add wwan0 type veth peer name m1 && ip link set wwan0 addrgenmode none && "
-         "ip link set m1 addrgenmode none && "
-         "echo 0 > /proc/sys/net/ipv6/conf/wwan0/disable_ipv6 && ip link set wwan0 up && "
-         "ip link set m1 up && ip -6 route add default dev wwan0 && " + waitUntilUp("wwan0"),
-         Expect::Status, kWiFi},
-        {"ip route del default", Expect::Change, QelDNSNetworkStatusWWAN},
+    // A worse default route through loopback, which never counts.
+    {"ip link set lo up && ip route add default dev lo metric 10", Expect::Status, kWiFi},
+    {"", Expect::Flags, kDirect | flags::IsLocalAddress, "198.51.100.1"},
+    {kDelDefault, Expect::Change, kNotReachable},
+    {kAddDefault, Expect::Change, kWiFi},
+    // Without carrier (v1 down) the route stays in the table but carries nothing.
+    {"ip link set v1 down", Expect::Change, kNotReachable},
+    {"ip link set v1 up", Expect::Change, kWiFi},
+    {"ip link set v0 down", Expect::Change, kNotReachable},
+    // Down, v0 lost its default route without notice: up, only its own prefix is reached.
+    {"ip link set v0 up", Expect::Flags, kDirect, "198.51.100.2"},
+    {"", Expect::Status, kNotReachable},
+    {kAddDefault, Expect::Change, kWiFi},
+    // No change is heard in the background; in the foreground the next report is
+    // compared with the status from before.
+    {"background", Expect::Flags, flags::Reachable, "0.0.0.0"},
+    {kDelDefault, Expect::Flags, 0, "0.0.0.0"},
+    {"", Expect::Status, kNotReachable},
+    {"foreground", Expect::Quiet},
+    {kAddDefault, Expect::Flags, flags::Reachable, "0.0.0.0"},
+    {"", Expect::Quiet},
+    // An IPv6-only modem link without addresses (nothing is ever sent on it), whose
+    // default route (metric 1024) loses to the IPv4 one (metric 0).
+    {"ip link add wwan0 type veth peer name m1 && ip link set wwan0 addrgenmode none && "
+     "ip link set m1 addrgenmode none && "
+     "echo 0 > /proc/sys/net/ipv6/conf/wwan0/disable_ipv6 && ip link set wwan0 up && "
+     "ip link set m1 up && ip -6 route add default dev wwan0 && " +
+         waitUntilUp("wwan0"),
+     Expect::Status, kWiFi},
+    {"ip route del default", Expect::Change, QelDNSNetworkStatusWWAN},
 };
 
 class NetlinkReachability : public testing::Test {
@@ -127,18 +125,21 @@ protected:
         }
         inNamespace_ = true;
         // IPv6 off unless a case turns it on for one link: no router solicitation, no DAD.
-        ASSERT_TRUE(run("echo 1 > /proc/sys/net/ipv6/conf/all/disable_ipv6 && "
-                        "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 && "
-                        "ip link add v0 type veth peer name v1 && "
-                        "ip addr add 198.51.100.1/24 dev v0 && ip link set v0 up && "
-                        "ip link set v1 up && " + kAddDefault + " && " + waitUntilUp("v0")));
+        ASSERT_TRUE(
+            run("echo 1 > /proc/sys/net/ipv6/conf/all/disable_ipv6 && "
+                "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 && "
+                "ip link add v0 type veth peer name v1 && "
+                "ip addr add 198.51.100.1/24 dev v0 && ip link set v0 up && "
+                "ip link set v1 up && " +
+                kAddDefault + " && " + waitUntilUp("v0")));
     }
     // /proc/net/dev lists the reader's namespace; the tenth number after a name counts the
     // packets the device sent.
     void TearDown() override {
         if (inNamespace_) {
-            EXPECT_TRUE(run("awk -F: 'NF == 2 { split($2, n, \" \"); sent += n[10] } "
-                            "END { exit sent != 0 }' /proc/net/dev"));
+            EXPECT_TRUE(
+                run("awk -F: 'NF == 2 { split($2, n, \" \"); sent += n[10] } "
+                    "END { exit sent != 0 }' /proc/net/dev"));
         }
     }
 
@@ -174,8 +175,7 @@ TEST_F(NetlinkReachability, RoutesLinksAndTheirKindDecideTheStatusAndWhatEachTar
             EXPECT_TRUE(qel::test::eventually([&, &source = source, &reports = reports] {
                 uint32_t flags = 0;
                 const auto heardFlags = said(reports);
-                return source->getFlags(flags) && flags == step.value &&
-                       (heardFlags.empty() || heardFlags.back() == step.value);
+                return source->getFlags(flags) && flags == step.value && (heardFlags.empty() || heardFlags.back() == step.value);
             })) << step.value;
             const auto heardFlags = said(reports);
             for (size_t i = 1; i < heardFlags.size(); ++i) EXPECT_NE(heardFlags[i], heardFlags[i - 1]);

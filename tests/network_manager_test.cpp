@@ -28,13 +28,13 @@ TEST(QelDNSReachability, FlagSetsMapToStatuses) {
     auto reachability = QelDNSReachability::reachabilityForInternetConnection();
     ASSERT_TRUE(reachability);
     const std::pair<uint32_t, QelDNSNetworkStatus> cases[] = {
-        {0x0, QelDNSNetworkStatusNotReachable},      {0x2, QelDNSNetworkStatusWiFi},
-        {0x40002, QelDNSNetworkStatusWWAN},          {0x40000, QelDNSNetworkStatusNotReachable},
-        {0x4001E, QelDNSNetworkStatusWWAN},          // cellular wins over what a connection needs
-        {0x6, QelDNSNetworkStatusNotReachable},      // connection required, nothing brings it up
-        {0xE, QelDNSNetworkStatusWiFi},              // comes up on traffic
-        {0x26, QelDNSNetworkStatusWiFi},             // comes up on demand
-        {0x36, QelDNSNetworkStatusNotReachable},     // on demand, but needs the user
+        {0x0, QelDNSNetworkStatusNotReachable},  {0x2, QelDNSNetworkStatusWiFi},
+        {0x40002, QelDNSNetworkStatusWWAN},      {0x40000, QelDNSNetworkStatusNotReachable},
+        {0x4001E, QelDNSNetworkStatusWWAN},       // cellular wins over what a connection needs
+        {0x6, QelDNSNetworkStatusNotReachable},   // connection required, nothing brings it up
+        {0xE, QelDNSNetworkStatusWiFi},           // comes up on traffic
+        {0x26, QelDNSNetworkStatusWiFi},          // comes up on demand
+        {0x36, QelDNSNetworkStatusNotReachable},  // on demand, but needs the user
     };
     for (const auto& [flagSet, status] : cases) {
         EXPECT_EQ(reachability->networkStatusForFlags(flagSet), status) << std::hex << flagSet;

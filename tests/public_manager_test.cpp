@@ -212,9 +212,9 @@ TEST_F(PublicManager, RefusalsAnswerOnTheCallersThreadBeforeTheirLogLine) {
     EXPECT_EQ(degraded.trace.cacheKey, "");
     EXPECT_NE(ask("A.test").code, 2);  // exact comparison
 
-    for (const std::optional<std::string>& bad : {std::optional<std::string>("192.168.1.1"),
-                                                  std::optional<std::string>(std::nullopt),
-                                                  std::optional<std::string>("-a.test")}) {
+    for (const std::optional<std::string>& bad :
+         {std::optional<std::string>("192.168.1.1"), std::optional<std::string>(std::nullopt),
+          std::optional<std::string>("-a.test")}) {
         console.clear();
         size_t linesAtCallback = 99;
         dns().getIPV6ByDomain(bad, [&](std::optional<QelDNSError> error, Ips) {
@@ -242,7 +242,10 @@ TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
     service.setAddresses("a.test", {"192.0.2.1"});
     dns().enableCacheIP(true);
     login();
-    const struct { Source source; const char* key; } rows[] = {
+    const struct {
+        Source source;
+        const char* key;
+    } rows[] = {
         {Source::Service, "a.test_v6"},  // the first lookup of the process: no type before it
         {Source::Service, "a.test_v4"},
         {Source::Memory, "a.test_v4"},
@@ -269,8 +272,7 @@ TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
     auto noAddress = std::make_shared<QelDNSIPModel>();
     noAddress->setTtl(600);
     noAddress->setLookupTime(qel::platform::Clock::currentTime());
-    QelDNSCacheManager::shared().saveIPs(std::make_shared<const QelDNSIPModelList>(1, noAddress),
-                                         "a.test_v6", false);
+    QelDNSCacheManager::shared().saveIPs(std::make_shared<const QelDNSIPModelList>(1, noAddress), "a.test_v6", false);
     const Answer planted = ask("a.test");
     EXPECT_EQ(planted.trace.source, Source::Service);
     EXPECT_EQ(planted.ips, Strings{"192.0.2.1"});
@@ -281,14 +283,10 @@ TEST_F(PublicManager, AnswerIsCachedUnderTheKeyOfThePreviousLookupsType) {
 TEST_F(PublicManager, CallbackOrObserverThatThrowsDoesNotStopLaterAnswers) {
     service.setAddresses("a.test", {"192.0.2.1"});
     login();
-    dns().getIPV4ByDomain("a.test", [](std::optional<QelDNSError>, Ips) {
-        throw std::runtime_error("application bug");
-    });
+    dns().getIPV4ByDomain("a.test", [](std::optional<QelDNSError>, Ips) { throw std::runtime_error("application bug"); });
     ASSERT_TRUE(traces.waitFor(1));
     EXPECT_EQ(ask("a.test").ips, Strings{"192.0.2.1"});
-    EXPECT_TRUE(eventually([&] {
-        return linesMatching("QelHttpDnsSDK: a lookup callback threw: application bug") == 1;
-    }));
+    EXPECT_TRUE(eventually([&] { return linesMatching("QelHttpDnsSDK: a lookup callback threw: application bug") == 1; }));
 
     QelDNSTraceObserver::install([](const QelDNSLookupTrace&) { throw std::runtime_error("oops"); });
     int answers = 0;
@@ -343,8 +341,7 @@ TEST_F(PublicManager, UnreachableNodeSwitchesOnlyWhenTheNextNodeRepeatsIt) {
     EXPECT_EQ(service.resolvedHosts().size(), 1u);
 
     // The switch lifted the attempt limit: three failures, then the answer, on one node.
-    service.scriptResolves({ResolutionService::status(500), ResolutionService::drop(),
-                            ResolutionService::status(0)});
+    service.scriptResolves({ResolutionService::status(500), ResolutionService::drop(), ResolutionService::status(0)});
     const Answer retried = ask("a.test");
     EXPECT_EQ(retried.ips, Strings{"192.0.2.1"});
     EXPECT_EQ(retried.trace.attempts, 4);
@@ -434,8 +431,11 @@ TEST_F(PublicManager, ALookupOnAnotherThreadIsReplacedByTheNextLookup) {
     service.setAddresses("b.test", {"192.0.2.2"});
     dns().enableCacheIP(true);
     login();
-    const struct { const char* otherName; int64_t otherType; const char* key; } rows[] = {
-        {"b.test", 2, "a.test_v6"}, {"b.test", 1, "a.test_v4"}, {"a.test", 2, "a.test_v6"}};
+    const struct {
+        const char* otherName;
+        int64_t otherType;
+        const char* key;
+    } rows[] = {{"b.test", 2, "a.test_v6"}, {"b.test", 1, "a.test_v4"}, {"a.test", 2, "a.test_v6"}};
     for (const auto& row : rows) {
         ask("a.test", 1);
         std::thread([&] { ask(row.otherName, row.otherType); }).join();
@@ -493,9 +493,8 @@ TEST(PublicManagerRestart, SecondProcessAnswersFromThePersistedCache) {
         const auto trace = std::get<0>(traces.calls()[0].arguments);
         const auto call = recorder.calls()[0];
         const bool fromStore = expected == Source::Store;
-        return trace.source == expected && trace.cacheKey == "a.test_v6" &&
-               trace.attempts == (fromStore ? 0 : 1) && call.onPlatformThread == !fromStore &&
-               service.resolvedHosts().size() == (fromStore ? 0u : 1u) &&
+        return trace.source == expected && trace.cacheKey == "a.test_v6" && trace.attempts == (fromStore ? 0 : 1) &&
+               call.onPlatformThread == !fromStore && service.resolvedHosts().size() == (fromStore ? 0u : 1u) &&
                std::get<1>(call.arguments) == Strings{"192.0.2.5", "2001:db8::5"};
     };
     const pid_t child = fork();  // before any thread exists in this process
@@ -538,8 +537,7 @@ TEST_F(PublicManager, EightThreadsOfLookupsSettingsAndNetworkChanges) {
                     network.fire();
                 } else {  // one lookup in flight per thread keeps the service's backlog short
                     Answers recorder;
-                    dns().getIPByDomain(hosts[random() % hosts.size()], 1 + random() % 2,
-                                        recorder.callback());
+                    dns().getIPByDomain(hosts[random() % hosts.size()], 1 + random() % 2, recorder.callback());
                     recorder.waitFor(1, std::chrono::seconds(20));
                     std::lock_guard<std::mutex> lock(mutex);
                     recorders.push_back(recorder);
@@ -597,11 +595,17 @@ TEST_F(PublicManager, BlockingLookupAnswersWithTheServicesAddressesAndTheManager
 
 TEST_F(PublicManager, TheCInterfaceHandsOutOnlyAddressesOfTheFamilyAskedFor) {
     login();
-    service.setAddresses("b.test", {"192.0.2.5", "not-an-ip", "2001:db8::5", "192.0.2.6,6.6.6.6",
-                                    std::string("192.0.2.7\0", 10), "::ffff:192.0.2.8"});
+    service.setAddresses("b.test", {"192.0.2.5", "not-an-ip", "2001:db8::5", "192.0.2.6,6.6.6.6", std::string("192.0.2.7\0", 10),
+                                    "::ffff:192.0.2.8"});
     service.setAddresses("c.test", {"<script>", "192.0.2.9\nc.test 6.6.6.6"});
     const double nan = std::nan("");
-    const struct { const char* domain; int type; double timeout; int64_t code; Strings ips; } cases[] = {
+    const struct {
+        const char* domain;
+        int type;
+        double timeout;
+        int64_t code;
+        Strings ips;
+    } cases[] = {
         {"b.test", QEL_HTTPDNS_IPV4, 10.0, 0, {"192.0.2.5"}},
         {"b.test", QEL_HTTPDNS_IPV6, 10.0, 0, {"2001:db8::5", "::ffff:192.0.2.8"}},
         {"c.test", QEL_HTTPDNS_IPV4, 10.0, -20003, {}},  // nothing left: as an empty answer
@@ -611,8 +615,7 @@ TEST_F(PublicManager, TheCInterfaceHandsOutOnlyAddressesOfTheFamilyAskedFor) {
         {"b.test", QEL_HTTPDNS_IPV4, nan, QEL_HTTPDNS_E_INVALID_ARGUMENT, {}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.domain) + " type " + std::to_string(c.type) + " timeout " +
-                     std::to_string(c.timeout));
+        SCOPED_TRACE(std::string(c.domain) + " type " + std::to_string(c.type) + " timeout " + std::to_string(c.timeout));
         std::unique_ptr<qel_httpdns_result, void (*)(qel_httpdns_result*)> result(
             qel_httpdns_resolve(c.domain, c.type, c.timeout), qel_httpdns_result_free);
         ASSERT_TRUE(result);

@@ -21,9 +21,7 @@ constexpr char kSecret[] = "s3cr3t-Value";
 constexpr char kHost[] = "www.example.test";
 constexpr double kNow = 1700000000.1239;  // every record's lookup time
 
-std::string describe(const QelDNSError& error) {
-    return std::to_string(error.code()) + " " + error.localizedDescription();
-}
+std::string describe(const QelDNSError& error) { return std::to_string(error.code()) + " " + error.localizedDescription(); }
 
 // Waits for the one call, made on the platform thread, and hands over its arguments.
 template <typename... Args>
@@ -49,8 +47,8 @@ std::string login(Server& server, const json& answer) {
 std::string resolve(Server& server, const json& answer, int32_t type = 2) {
     server.respond("/abc/resolve", 200, answer.dump());
     CallRecorder<std::optional<QelDNSError>, QelDNSIPModelListRef> recorder;
-    QelDNSGetIPs::getIPsWithUrl(server.url(""), type, std::string("abc"), std::string(kSecret),
-                                std::string(kHost), recorder.callback());
+    QelDNSGetIPs::getIPsWithUrl(server.url(""), type, std::string("abc"), std::string(kSecret), std::string(kHost),
+                                recorder.callback());
     const auto [error, records] = only(recorder);
     if (error) return describe(*error) + (records ? " and records" : "");
     std::string text;
@@ -69,20 +67,24 @@ TEST(ServiceAccess, TheApplicationGetsWhatTheAnswerMeans) {
     Server server;
     const qel::test::FakeClock clock{kNow};
     const json ip = {"192.0.2.1"};
-    const struct { bool isLogin; json body; std::string outcome; } rows[] = {
+    const struct {
+        bool isLogin;
+        json body;
+        std::string outcome;
+    } rows[] = {
         // Any "status" fails the request, whatever else the answer holds.
         {true, {{"status", 0}, {"message", "z"}, {"auth_id", "abc"}, {"best_service_node", "n"}}, "0 z"},
         // Then the auth id must be ours, exactly.
         {true, {{"auth_id", "ABC"}, {"best_service_node", "n"}}, "-20000 invalid data"},
         // Then the best node, or else the first of the list.
-        {true, {{"auth_id", "abc"}, {"best_service_node", ""}, {"service_node_list", {"a", "b"}}},
-         R"(node a list ["a","b"])"},
+        {true, {{"auth_id", "abc"}, {"best_service_node", ""}, {"service_node_list", {"a", "b"}}}, R"(node a list ["a","b"])"},
         {true, {{"auth_id", "abc"}, {"best_service_node", "best"}}, "node best list none"},
         {true, {{"auth_id", "abc"}, {"service_node_list", json::array()}}, "-20001 empty data"},
         {false, {{"host", "WWW.example.test"}, {"ip_list", ip}}, "-20002 invalid data"},
         {false, {{"host", kHost}, {"ip_list", json::array()}}, "-20003 empty data"},
         // One record per element in order, as it stands: one that is not text becomes its JSON.
-        {false, {{"host", kHost}, {"ip_list", {"192.0.2.3", "x", 5, nullptr, {{"a", 1}}}}},
+        {false,
+         {{"host", kHost}, {"ip_list", {"192.0.2.3", "x", 5, nullptr, {{"a", 1}}}}},
          R"(192.0.2.3 x 5 null {"a":1} ttl 0)"},
         {false, {{"host", kHost}, {"ip_list", ip}, {"ttl", "120"}}, "192.0.2.1 ttl 120"},
         {false, {{"host", kHost}, {"ip_list", ip}, {"ttl", " +90s"}}, "192.0.2.1 ttl 90"},

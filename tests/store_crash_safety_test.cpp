@@ -24,9 +24,7 @@ namespace {
 
 using Ips = std::optional<std::vector<std::string>>;
 
-std::string hostName(int process, int index) {
-    return "h" + std::to_string(process) + "-" + std::to_string(index) + ".test";
-}
+std::string hostName(int process, int index) { return "h" + std::to_string(process) + "-" + std::to_string(index) + ".test"; }
 
 // Looks up new hosts, each a save, and writes the index of each one answered to `out`, until
 // it is killed.
@@ -80,8 +78,12 @@ TEST(KilledWriter, EveryAnswerGivenIsOnDiskAndTheStoreStaysReadable) {
         ASSERT_TRUE(WIFSIGNALED(status)) << "ended by itself with " << WEXITSTATUS(status);
         ASSERT_EQ(qel::test::appQuery(path, "PRAGMA integrity_check"), "ok");
         for (const std::string& host : answered) {
-            EXPECT_EQ(qel::test::appQuery(path, "SELECT count(*) FROM user_defaults WHERE key "
-                                                "LIKE '" + host + "_v_'"), "1") << host;
+            EXPECT_EQ(qel::test::appQuery(path,
+                                          "SELECT count(*) FROM user_defaults WHERE key "
+                                          "LIKE '" +
+                                              host + "_v_'"),
+                      "1")
+                << host;
         }
     }
     EXPECT_GE(answered.size(), 10u);

@@ -38,9 +38,9 @@ std::map<std::string, std::string> snapshot(const std::string& directory) {
         struct stat status {};
         ::lstat(entry.path().c_str(), &status);
         std::ifstream in(entry.is_regular_file() && !entry.is_symlink() ? entry.path().string() : "");
-        entries[entry.path()] = std::to_string(status.st_uid) + " " + std::to_string(status.st_mode) +
-            (entry.is_symlink() ? entry.path().filename().string() + "->" +
-                                      std::filesystem::read_symlink(entry.path()).string()
+        entries[entry.path()] =
+            std::to_string(status.st_uid) + " " + std::to_string(status.st_mode) +
+            (entry.is_symlink() ? entry.path().filename().string() + "->" + std::filesystem::read_symlink(entry.path()).string()
                                 : std::string(std::istreambuf_iterator<char>(in), {}));
     }
     return entries;
@@ -58,8 +58,8 @@ TEST(SqliteUserDefaults, ValuesPersistPrivatelyWhateverTheUmaskBesideTheApplicat
         store.setData("empty", Data{});
         store.setString("gone", "x");
         store.remove("gone");
-        for (const char* name : {"made", "made/for", "made/for/store.sqlite3",
-                                 "made/for/store.sqlite3-wal", "made/for/store.sqlite3-shm"}) {
+        for (const char* name :
+             {"made", "made/for", "made/for/store.sqlite3", "made/for/store.sqlite3-wal", "made/for/store.sqlite3-shm"}) {
             EXPECT_EQ(permissions(dir.file(name)), std::strchr(name, '.') ? 0600u : 0700u) << name;
         }
     }
@@ -88,30 +88,38 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAn
                ::chown(d.file(name).c_str(), owner, -1) == 0;
     };
     using Prepare = std::function<bool(const ScratchDirectory&)>;
-    const struct { const char* name; const char* store; Prepare prepare; const char* reason; } cases[] = {
+    const struct {
+        const char* name;
+        const char* store;
+        Prepare prepare;
+        const char* reason;
+    } cases[] = {
         {"owned by another user", "s.db", [&](auto& d) { return planted(d.file("s.db"), 0600, kOtherUser); }, "owned by"},
         {"writable by others", "s.db", [&](auto& d) { return planted(d.file("s.db"), 0606, me); }, "open to"},
         {"dangling link", "s.db", [](auto& d) { return ::symlink("new.db", d.file("s.db").c_str()) == 0; }, "symbolic link"},
-        {"a pipe, which must not hang the open", "s.db",
-         [](auto& d) { return ::mkfifo(d.file("s.db").c_str(), 0600) == 0; }, "not a regular file"},
+        {"a pipe, which must not hang the open", "s.db", [](auto& d) { return ::mkfifo(d.file("s.db").c_str(), 0600) == 0; },
+         "not a regular file"},
         {"in a directory others can write", "shared/s.db", [&](auto& d) { return dirOf(d, "shared", 01777, me); },
          "directory is writable"},
         {"in a directory of another user", "theirs/s.db", [&](auto& d) { return dirOf(d, "theirs", 0700, kOtherUser); },
          "directory is owned"},
-        {"log of another user beside it", "s.db", [&](auto& d) {
+        {"log of another user beside it", "s.db",
+         [&](auto& d) {
              return planted(d.file("s.db"), 0600, me) && (d.write("s.db-wal", {}), true) &&
                     ::chown(d.file("s.db-wal").c_str(), kOtherUser, -1) == 0;
-         }, "s.db-wal is owned"},
-        {"not a database", "s.db", [](auto& d) {
+         },
+         "s.db-wal is owned"},
+        {"not a database", "s.db",
+         [](auto& d) {
              d.write("s.db", qel::test::randomBytes(8192, 7));
              return ::chmod(d.file("s.db").c_str(), 0600) == 0;
-         }, "not a database"},
+         },
+         "not a database"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScratchDirectory dir;
-        ASSERT_TRUE(c.prepare(dir)) << "needs root to give a file another owner: "
-                                    << std::strerror(errno);
+        ASSERT_TRUE(c.prepare(dir)) << "needs root to give a file another owner: " << std::strerror(errno);
         const auto before = snapshot(dir.path());
         qel::test::CapturingConsole console;
         {
@@ -133,8 +141,7 @@ TEST(SqliteUserDefaults, AFileOthersCouldHaveWrittenALinkOrNoDatabaseIsRefusedAn
 TEST(SqliteUserDefaults, AnotherConnectionsLockSkipsWritesUntilItGoesAndIsSaidOnceEachWay) {
     ScratchDirectory dir;
     const std::string path = dir.file("s.db");
-    ASSERT_EQ(appQuery(path, kTable + std::string("INSERT INTO user_defaults VALUES ('app', 'kept')")),
-              "<none>");
+    ASSERT_EQ(appQuery(path, kTable + std::string("INSERT INTO user_defaults VALUES ('app', 'kept')")), "<none>");
     ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
     sqlite3* other = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);

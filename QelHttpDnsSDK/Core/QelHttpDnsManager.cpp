@@ -88,21 +88,21 @@ void QelHttpDnsManager::authenticationRequest() {
     QelDNSAuthManager& registry = QelDNSAuthManager::shared();
     registry.setupWithAuthId(std::move(id), std::move(secret));
     // The manager is never destroyed, so the reply may refer to it directly.
-    registry.authWithCompletion([this](std::optional<QelDNSError> error,
-                                       std::optional<std::string> node) {
-        if (error) {
-            authFailedHandler();
-        } else {
-            authSucceedHandler(std::move(node));
-        }
-    });
+    registry.authWithCompletion(
+        [this](std::optional<QelDNSError> error, std::optional<std::string> node) {
+            if (error) {
+                authFailedHandler();
+            } else {
+                authSucceedHandler(std::move(node));
+            }
+        });
 }
 
 // Logs in again with the credentials the registry already holds, then answers the lookup
 // that asked for it. Concurrent lookups each send their own login.
-void QelHttpDnsManager::retryAuthenticationRequestWithDomain(const std::optional<std::string>& domain,
-                                                             int64_t type, ReturnBlock returnBlock,
-                                                             LookupHandle lookup) {
+void QelHttpDnsManager::retryAuthenticationRequestWithDomain(
+    const std::optional<std::string>& domain, int64_t type, ReturnBlock returnBlock,
+    LookupHandle lookup) {
     QelDNSLookupEvents::loginRetried(lookup);
     QelDNSAuthManager::shared().authWithCompletion(
         [this, domain, type, returnBlock = std::move(returnBlock), lookup = std::move(lookup)](
@@ -227,17 +227,18 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
     }
     if (!checkDomainIsValid(domain)) {
         if (returnBlock) {
-            returnBlock(QelDNSUntil::errorCode(codes::kMalformedDomain, codes::kMalformedDomainMessage),
-                        std::nullopt);
+            returnBlock(
+                QelDNSUntil::errorCode(codes::kMalformedDomain, codes::kMalformedDomainMessage),
+                std::nullopt);
         }
         logFramed(codes::kMalformedDomainMessage);
         return true;
     }
     if (!checkNetworkAvailable()) {
         if (returnBlock) {
-            returnBlock(
-                QelDNSUntil::errorCode(codes::kNetworkUnavailable, codes::kNetworkUnavailableMessage),
-                std::nullopt);
+            returnBlock(QelDNSUntil::errorCode(codes::kNetworkUnavailable,
+                                               codes::kNetworkUnavailableMessage),
+                        std::nullopt);
         }
         logFramed(codes::kNetworkUnavailableMessage);
         return true;
@@ -253,7 +254,8 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
     }
     const std::string description = currentStatusDesc();
     logFramed(description);
-    if (returnBlock) returnBlock(QelDNSUntil::errorCode(codes::kNotReady, description), std::nullopt);
+    if (returnBlock)
+        returnBlock(QelDNSUntil::errorCode(codes::kNotReady, description), std::nullopt);
     return true;
 }
 
@@ -266,14 +268,10 @@ bool QelHttpDnsManager::isDegraded(const std::optional<std::string>& domain) con
 
 std::string QelHttpDnsManager::currentStatusDesc() const {
     switch (initStatus()) {
-        case kStatusNoNetwork:
-            return codes::kNetworkUnavailableMessage;
-        case kStatusEmptyCredentials:
-            return "AuthId或AuthSecret不能为空";
-        case kStatusAuthFailed:
-            return "鉴权失败，请检查AuthId或AuthSecret是否正确";
-        default:
-            return "";
+        case kStatusNoNetwork: return codes::kNetworkUnavailableMessage;
+        case kStatusEmptyCredentials: return "AuthId或AuthSecret不能为空";
+        case kStatusAuthFailed: return "鉴权失败，请检查AuthId或AuthSecret是否正确";
+        default: return "";
     }
 }
 

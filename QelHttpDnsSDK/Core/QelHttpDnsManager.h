@@ -123,7 +123,8 @@ private:
     using LookupHandle = std::shared_ptr<QelDNSObservedLookup>;  // null: not followed
 
     // getIPByDomain; false when the lookup was dropped, as lookUp says.
-    bool startLookup(const std::optional<std::string>& domain, int64_t type, ReturnBlock returnBlock);
+    bool startLookup(const std::optional<std::string>& domain, int64_t type,
+                     ReturnBlock returnBlock);
     // The checks and answer of getIPByDomain, which adds only the lookup's handle. False when
     // the lookup is dropped: no callback will come, and no copy of it is kept.
     bool lookUp(const std::optional<std::string>& domain, int64_t type, ReturnBlock&& returnBlock,

@@ -16,9 +16,8 @@ bool QelDNSAddressCheck::isAddress(const std::string& text, int64_t type) {
 std::vector<std::string> QelDNSAddressCheck::keepAddresses(std::vector<std::string>& ips,
                                                            int64_t type) {
     std::vector<std::string> dropped;
-    const auto rest = std::stable_partition(ips.begin(), ips.end(), [type](const std::string& ip) {
-        return isAddress(ip, type);
-    });
+    const auto rest = std::stable_partition(
+        ips.begin(), ips.end(), [type](const std::string& ip) { return isAddress(ip, type); });
     std::move(rest, ips.end(), std::back_inserter(dropped));
     ips.erase(rest, ips.end());
     return dropped;

@@ -38,8 +38,8 @@ public:
 
     /// Looks `domain` up (type 1 IPv4, 2 IPv6) and waits at most `timeout` seconds for the
     /// answer. A timeout of 0 (or less, or NaN) takes only an answer that needs no wait: a
-    /// cache hit, a refusal, or a service answer that happens to be in already. While the manager stays silent because no login reply has come
-    /// yet, the lookup is asked again as soon as one has, within the same deadline. A late
-    /// answer after the deadline is dropped.
+    /// cache hit, a refusal, or a service answer that happens to be in already. While the manager
+    /// stays silent because no login reply has come yet, the lookup is asked again as soon as one
+    /// has, within the same deadline. A late answer after the deadline is dropped.
     static Result resolve(const std::optional<std::string>& domain, int64_t type, double timeout);
 };

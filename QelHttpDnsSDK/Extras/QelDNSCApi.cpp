@@ -153,9 +153,7 @@ void qel_httpdns_result_free(qel_httpdns_result* result) {
 
 void qel_httpdns_string_free(char* text) { std::free(text); }
 
-const char* qel_httpdns_version(void) {
-    return QelDNS_SDK_VERSION;
-}
+const char* qel_httpdns_version(void) { return QelDNS_SDK_VERSION; }
 
 qel_httpdns_error* qel_httpdns_set_bundle_identifier(const char* identifier) {
     return guarded([&]() -> qel_httpdns_error* {
@@ -173,7 +171,8 @@ qel_httpdns_error* qel_httpdns_set_store_path(const char* path) {
 
 qel_httpdns_error* qel_httpdns_register(const char* auth_id, const char* auth_secret) {
     return guarded([&]() -> qel_httpdns_error* {
-        QelHttpDnsManager::shared().registerAuthId(optionalText(auth_id), optionalText(auth_secret));
+        QelHttpDnsManager::shared().registerAuthId(optionalText(auth_id),
+                                                   optionalText(auth_secret));
         return nullptr;
     });
 }
@@ -277,7 +276,8 @@ qel_httpdns_result* qel_httpdns_resolve(const char* domain, int type, double tim
             QelDNSBlockingLookup::resolve(optionalText(domain), type, timeout_seconds);
         return makeResult(answer.error, std::move(answer.ips), type);
     } catch (const std::exception& failure) {
-        return resultWithError(guarded([&] { return makeError(codes::kInternalFailure, failure.what()); }));
+        return resultWithError(
+            guarded([&] { return makeError(codes::kInternalFailure, failure.what()); }));
     } catch (...) {
         return resultWithError(&outOfMemory);
     }

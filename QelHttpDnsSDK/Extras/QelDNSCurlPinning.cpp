@@ -64,7 +64,8 @@ QelDNSCurlPinning::QelDNSCurlPinning(CURL* curl) : curl_(curl) {}
 
 QelDNSCurlPinning::~QelDNSCurlPinning() {
     if (curl_ && list_) curl_easy_setopt(curl_, CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
-    if (curl_ && proxiesBypassed_) curl_easy_setopt(curl_, CURLOPT_NOPROXY, static_cast<const char*>(nullptr));
+    if (curl_ && proxiesBypassed_)
+        curl_easy_setopt(curl_, CURLOPT_NOPROXY, static_cast<const char*>(nullptr));
     curl_slist_free_all(list_);
 }
 
@@ -84,9 +85,10 @@ QelDNSCurlPinning::Result QelDNSCurlPinning::pin(const std::string& url, double 
     QelDNSAddressCheck::keepAddresses(lookup.ips, type);
     if (!lookup.ok() || lookup.ips.empty()) {
         result.outcome = Outcome::SystemResolver;
-        result.error = lookup.ok() ? QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveEmptyData,
-                                                            QelDNSErrorCodes::kResolveEmptyDataMessage)
-                                   : std::move(lookup.error);
+        result.error = lookup.ok()
+                           ? QelDNSUntil::errorCode(QelDNSErrorCodes::kResolveEmptyData,
+                                                    QelDNSErrorCodes::kResolveEmptyDataMessage)
+                           : std::move(lookup.error);
         return unpinned(std::move(result));
     }
     const std::string key = result.host + ":" + result.port;
@@ -129,7 +131,8 @@ void QelDNSCurlPinning::setEntries(const std::vector<std::string>& entries, bool
     curl_slist_free_all(list_);
     list_ = list;
     if (bypassProxies != proxiesBypassed_) {
-        curl_easy_setopt(curl_, CURLOPT_NOPROXY, bypassProxies ? "*" : static_cast<const char*>(nullptr));
+        curl_easy_setopt(curl_, CURLOPT_NOPROXY,
+                         bypassProxies ? "*" : static_cast<const char*>(nullptr));
         proxiesBypassed_ = bypassProxies;
     }
 }

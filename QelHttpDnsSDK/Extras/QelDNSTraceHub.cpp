@@ -10,8 +10,8 @@
 
 // One lookup followed for the installation current when it started.
 struct QelDNSObservedLookup {
-    QelDNSObservedLookup(QelDNSTraceHub::Installation* record, const std::optional<std::string>& domain,
-                         int64_t type)
+    QelDNSObservedLookup(QelDNSTraceHub::Installation* record,
+                         const std::optional<std::string>& domain, int64_t type)
         : installation(record) {
         trace.domain = domain;
         trace.type = type;
@@ -68,7 +68,9 @@ void QelDNSTraceHub::cacheRead(QelDNSObservedLookup& lookup, const std::string& 
     if (read == CacheRead::Store) lookup.trace.source = QelDNSLookupTrace::Source::Store;
 }
 
-void QelDNSTraceHub::loginRetried(QelDNSObservedLookup& lookup) { lookup.trace.loginRetried = true; }
+void QelDNSTraceHub::loginRetried(QelDNSObservedLookup& lookup) {
+    lookup.trace.loginRetried = true;
+}
 
 void QelDNSTraceHub::requestSent(QelDNSObservedLookup& lookup,
                                  const std::optional<std::string>& node) {

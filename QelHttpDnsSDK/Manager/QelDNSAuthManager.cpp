@@ -30,9 +30,8 @@ void QelDNSAuthManager::authWithCompletion(Completion completion) {
     const auto secret = authSecret();
     if (!id || id->empty()) {
         if (completion) {
-            completion(
-                QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kAuthIdMissingMessage),
-                std::nullopt);
+            completion(QelDNSUntil::errorCode(codes::kAuthIdMissing, codes::kAuthIdMissingMessage),
+                       std::nullopt);
         }
         return;
     }

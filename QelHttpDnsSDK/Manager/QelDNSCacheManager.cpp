@@ -183,7 +183,8 @@ void QelDNSCacheManager::clearAllDiskCache() {
     }
 }
 
-std::optional<Data> QelDNSCacheManager::archivedDataWithObjects(const QelDNSIPModelList& ips) const {
+std::optional<Data> QelDNSCacheManager::archivedDataWithObjects(
+    const QelDNSIPModelList& ips) const {
     return KeyedArchiver::archivedDataWithRootObjects(ips);
 }
 

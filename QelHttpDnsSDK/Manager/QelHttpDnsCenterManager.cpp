@@ -32,7 +32,6 @@ bool stepNode(std::optional<std::string>& node) {
     }
 }
 
-
 }  // namespace
 
 QelHttpDnsCenterManager& QelHttpDnsCenterManager::shared() {
@@ -76,7 +75,8 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
             },
             &fromStore);
         if (addresses) {
-            QelDNSLookupEvents::cacheRead(lookup, key, fromStore ? CacheRead::Store : CacheRead::Memory);
+            QelDNSLookupEvents::cacheRead(lookup, key,
+                                          fromStore ? CacheRead::Store : CacheRead::Memory);
             if (completion) completion(std::nullopt, std::move(addresses));
             return;
         }
@@ -106,7 +106,10 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
                                                        QelDNSLookupHandle lookup) {
     const int32_t limit = retryCountNum();
     if (limit != 0 && limit <= count) {
-        callCatching(completion, QelDNSUntil::errorCode(codes::kAttemptsExhausted, codes::kAttemptsExhaustedMessage), nullptr);
+        callCatching(
+            completion,
+            QelDNSUntil::errorCode(codes::kAttemptsExhausted, codes::kAttemptsExhaustedMessage),
+            nullptr);
         return;
     }
     std::optional<std::string> url, id, secret, domain;
@@ -149,7 +152,8 @@ void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompleti
 void QelHttpDnsCenterManager::switchNode(int32_t count, const RecordsCompletion& completion,
                                          const QelDNSLookupHandle& lookup) {
     auto unavailable = [&completion] {
-        callCatching(completion, QelDNSUntil::errorCode(codes::kNoUsableNode, codes::kNoUsableNodeMessage),
+        callCatching(completion,
+                     QelDNSUntil::errorCode(codes::kNoUsableNode, codes::kNoUsableNodeMessage),
                      nullptr);
     };
     std::optional<std::string> node;

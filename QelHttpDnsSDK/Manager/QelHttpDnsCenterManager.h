@@ -104,8 +104,8 @@ private:
     void init();
 
     void handleAttempt(int32_t count, const RecordsCompletion& completion,
-                       const QelDNSLookupHandle& lookup,
-                       std::optional<QelDNSError> error, QelDNSIPModelListRef records);
+                       const QelDNSLookupHandle& lookup, std::optional<QelDNSError> error,
+                       QelDNSIPModelListRef records);
     void switchNode(int32_t count, const RecordsCompletion& completion,
                     const QelDNSLookupHandle& lookup);
     void networkStatusChanged();

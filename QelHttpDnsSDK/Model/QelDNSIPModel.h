@@ -56,7 +56,8 @@ public:
     void encodeWithCoder(qel::platform::KeyedArchiver& coder) const override;
     /// Reads the fields written by `encodeWithCoder`; a missing key reads as 0 or no string,
     /// and the record is returned all the same.
-    static std::shared_ptr<QelDNSIPModel> initWithCoder(const qel::platform::KeyedUnarchiver& coder);
+    static std::shared_ptr<QelDNSIPModel> initWithCoder(
+        const qel::platform::KeyedUnarchiver& coder);
 
 private:
     int32_t type_ = 0;

@@ -18,8 +18,8 @@ void callCatchingAs(const char* who, const Callback& callback, Args&&... args) {
     try {
         callback(std::forward<Args>(args)...);
     } catch (const std::exception& exception) {
-        qel::platform::Console::log(std::string("QelHttpDnsSDK: ") + who + " threw: " +
-                                    exception.what());
+        qel::platform::Console::log(std::string("QelHttpDnsSDK: ") + who +
+                                    " threw: " + exception.what());
     } catch (...) {
         qel::platform::Console::log(std::string("QelHttpDnsSDK: ") + who + " threw");
     }

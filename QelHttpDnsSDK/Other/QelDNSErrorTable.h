@@ -13,36 +13,38 @@
 #ifndef QEL_DNS_ERROR_TABLE_H
 #define QEL_DNS_ERROR_TABLE_H
 
-#define QEL_DNS_ERROR_TABLE(X)                                                                   \
-    /* The public manager's refusals, on the caller's thread before the lookup returns. */      \
-    X(kNetworkUnavailable, NETWORK_UNAVAILABLE, 0, "网络不可用", "network unavailable")          \
-    X(kMalformedDomain, MALFORMED_DOMAIN, 1, "域名格式错误", "malformed name")                   \
-    X(kDegradeHost, DEGRADE_HOST, 2, "degrade host", "name left to the system resolver")         \
-    X(kNotReady, NOT_READY, 3, "", "not logged in")                                              \
-    /* The resolver: the attempt limit reached, or no usable node after a node failure. */      \
-    X(kAttemptsExhausted, ATTEMPTS_EXHAUSTED, -1, "request error", "every attempt failed")       \
-    X(kNoUsableNode, NO_USABLE_NODE, -1, "service unavailable", "no resolve node left")          \
-    /* A "status" of a service answer that the resolver passes on. */                            \
-    X(kForbidden, FORBIDDEN, 403, "", "refused by the service")                                  \
-    /* The transport, QelDNSRequest; kNeedRetry is also a request that could not go out. */     \
-    X(kNeedRetry, NEED_RETRY, -30000, "request error", "no answer from the service")             \
-    X(kFailedWithStatus200, FAILED_WITH_STATUS_200, 200, "request error", "answer cut off")      \
-    X(kEmptyBody, EMPTY_BODY, -10000, "request error", "empty answer")                           \
-    X(kJsonConvertError, JSON_CONVERT_ERROR, -10001, "json convert error", "answer not JSON")    \
-    /* The login answer (QelDNSAppAuth) and the resolve answer (QelDNSGetIPs). */                \
-    X(kLoginInvalidData, LOGIN_INVALID_DATA, -20000, "invalid data", "login answer for another account") \
-    X(kLoginEmptyData, LOGIN_EMPTY_DATA, -20001, "empty data", "login answer without a node")    \
-    X(kResolveInvalidData, RESOLVE_INVALID_DATA, -20002, "invalid data", "answer for another name") \
-    X(kResolveEmptyData, RESOLVE_EMPTY_DATA, -20003, "empty data", "no address")                 \
-    /* The login's own checks, QelDNSAuthManager. */                                             \
-    X(kAuthIdMissing, AUTH_ID_MISSING, -30000, "parameter invalid", "AuthId missing")            \
+#define QEL_DNS_ERROR_TABLE(X)                                                                    \
+    /* The public manager's refusals, on the caller's thread before the lookup returns. */        \
+    X(kNetworkUnavailable, NETWORK_UNAVAILABLE, 0, "网络不可用", "network unavailable")           \
+    X(kMalformedDomain, MALFORMED_DOMAIN, 1, "域名格式错误", "malformed name")                    \
+    X(kDegradeHost, DEGRADE_HOST, 2, "degrade host", "name left to the system resolver")          \
+    X(kNotReady, NOT_READY, 3, "", "not logged in")                                               \
+    /* The resolver: the attempt limit reached, or no usable node after a node failure. */        \
+    X(kAttemptsExhausted, ATTEMPTS_EXHAUSTED, -1, "request error", "every attempt failed")        \
+    X(kNoUsableNode, NO_USABLE_NODE, -1, "service unavailable", "no resolve node left")           \
+    /* A "status" of a service answer that the resolver passes on. */                             \
+    X(kForbidden, FORBIDDEN, 403, "", "refused by the service")                                   \
+    /* The transport, QelDNSRequest; kNeedRetry is also a request that could not go out. */       \
+    X(kNeedRetry, NEED_RETRY, -30000, "request error", "no answer from the service")              \
+    X(kFailedWithStatus200, FAILED_WITH_STATUS_200, 200, "request error", "answer cut off")       \
+    X(kEmptyBody, EMPTY_BODY, -10000, "request error", "empty answer")                            \
+    X(kJsonConvertError, JSON_CONVERT_ERROR, -10001, "json convert error", "answer not JSON")     \
+    /* The login answer (QelDNSAppAuth) and the resolve answer (QelDNSGetIPs). */                 \
+    X(kLoginInvalidData, LOGIN_INVALID_DATA, -20000, "invalid data",                              \
+      "login answer for another account")                                                         \
+    X(kLoginEmptyData, LOGIN_EMPTY_DATA, -20001, "empty data", "login answer without a node")     \
+    X(kResolveInvalidData, RESOLVE_INVALID_DATA, -20002, "invalid data",                          \
+      "answer for another name")                                                                  \
+    X(kResolveEmptyData, RESOLVE_EMPTY_DATA, -20003, "empty data", "no address")                  \
+    /* The login's own checks, QelDNSAuthManager. */                                              \
+    X(kAuthIdMissing, AUTH_ID_MISSING, -30000, "parameter invalid", "AuthId missing")             \
     X(kAuthSecretMissing, AUTH_SECRET_MISSING, -30001, "parameter invalid", "AuthSecret missing") \
-    /* The extensions: blocking lookup, C interface, libcurl pinning. */                         \
-    X(kTimedOut, TIMED_OUT, -50001, "timed out", "timed out")                                    \
+    /* The extensions: blocking lookup, C interface, libcurl pinning. */                          \
+    X(kTimedOut, TIMED_OUT, -50001, "timed out", "timed out")                                     \
     X(kCalledOnPlatformThread, PLATFORM_THREAD, -50002, "blocking lookup on the platform thread", \
-      "blocking lookup on the platform thread")                                                  \
-    X(kInvalidArgument, INVALID_ARGUMENT, -50003, "invalid argument", "invalid argument")        \
-    X(kInternalFailure, INTERNAL, -50004, "", "internal failure")                                \
+      "blocking lookup on the platform thread")                                                   \
+    X(kInvalidArgument, INVALID_ARGUMENT, -50003, "invalid argument", "invalid argument")         \
+    X(kInternalFailure, INTERNAL, -50004, "", "internal failure")                                 \
     X(kUnusableUrl, UNUSABLE_URL, -50005, "not a URL libcurl can fetch", "unusable URL")
 
 /* The C names: QEL_HTTPDNS_E_NOT_READY, QEL_HTTPDNS_E_TIMED_OUT, ... */

@@ -52,12 +52,10 @@ int32_t QelDNSJSONValue::int32Value(const nlohmann::json* value) {
             return saturate(static_cast<long double>(value->get<uint64_t>()));
         case nlohmann::json::value_t::number_float:
             return saturate(static_cast<long double>(value->get<double>()));
-        case nlohmann::json::value_t::boolean:
-            return value->get<bool>() ? 1 : 0;
+        case nlohmann::json::value_t::boolean: return value->get<bool>() ? 1 : 0;
         case nlohmann::json::value_t::string:
             return leadingInteger(value->get_ref<const std::string&>());
-        default:
-            return 0;
+        default: return 0;
     }
 }
 

@@ -33,15 +33,18 @@ public:
     virtual QelDNSLookupHandle lookupStarted(const std::optional<std::string>& domain,
                                              int64_t type) = 0;
     /// The cache was read under `key`.
-    virtual void cacheRead(QelDNSObservedLookup& lookup, const std::string& key, CacheRead read) = 0;
+    virtual void cacheRead(QelDNSObservedLookup& lookup, const std::string& key,
+                           CacheRead read) = 0;
     /// The login had failed: the lookup logs in again before it resolves.
     virtual void loginRetried(QelDNSObservedLookup& lookup) = 0;
     /// A resolve request is being sent to `node`.
-    virtual void requestSent(QelDNSObservedLookup& lookup, const std::optional<std::string>& node) = 0;
+    virtual void requestSent(QelDNSObservedLookup& lookup,
+                             const std::optional<std::string>& node) = 0;
     /// A resolve request failed with `error`; what follows is a retry, a node switch or the end.
     virtual void attemptFailed(QelDNSObservedLookup& lookup, const QelDNSError& error) = 0;
     /// The resolver moved to the resolve node `node`.
-    virtual void nodeSwitched(QelDNSObservedLookup& lookup, const std::optional<std::string>& node) = 0;
+    virtual void nodeSwitched(QelDNSObservedLookup& lookup,
+                              const std::optional<std::string>& node) = 0;
     /// The lookup ends: just before its callback receives `error` or the addresses, or, when
     /// not `answered`, without any callback (made before the first login reply).
     virtual void lookupEnded(QelDNSObservedLookup& lookup, const std::optional<QelDNSError>& error,
@@ -58,9 +61,7 @@ extern std::atomic<QelDNSLookupListener*> listener;
 void setListener(QelDNSLookupListener* listener);
 
 /// The listener now. An acquire load: a plain load on the usual processors.
-inline QelDNSLookupListener* listener() {
-    return detail::listener.load(std::memory_order_acquire);
-}
+inline QelDNSLookupListener* listener() { return detail::listener.load(std::memory_order_acquire); }
 
 /// A handle for a lookup starting now: null unless a listener follows it.
 inline QelDNSLookupHandle lookupStarted(const std::optional<std::string>& domain, int64_t type) {

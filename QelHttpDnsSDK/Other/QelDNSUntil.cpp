@@ -44,8 +44,9 @@ const EVP_MD* signatureDigest() {
         if (md5) return md5;  // the context and its provider stay loaded with it
         if (provider) OSSL_PROVIDER_unload(provider);
         OSSL_LIB_CTX_free(context);
-        qel::platform::Console::log("MD5 is not available from OpenSSL: requests cannot be signed "
-                                    "and fail without being sent");
+        qel::platform::Console::log(
+            "MD5 is not available from OpenSSL: requests cannot be signed "
+            "and fail without being sent");
         return nullptr;
     }();
     return digest;

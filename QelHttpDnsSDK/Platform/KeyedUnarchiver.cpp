@@ -116,10 +116,10 @@ bool KeyedUnarchiver::decodeRootArray(const Data& data, const std::vector<Allowe
             uint64_t value;
             if (!reader.symbol(symbols, field.key) || !reader.byte(field.tag)) return false;
             switch (field.tag) {
-                case kNull:
-                    break;
+                case kNull: break;
                 case kString:
-                    if (!stringsAllowed || !reader.varint(value) || !reader.bytes(value, field.text))
+                    if (!stringsAllowed || !reader.varint(value) ||
+                        !reader.bytes(value, field.text))
                         return false;
                     break;
                 case kInt32:

@@ -38,8 +38,7 @@ public:
         template <class T>
         static AllowedClass of() {
             if (!T::supportsSecureCoding()) return {T::kClassName, nullptr};
-            return {T::kClassName,
-                    [](const KeyedUnarchiver& coder) -> std::shared_ptr<Coding> {
+            return {T::kClassName, [](const KeyedUnarchiver& coder) -> std::shared_ptr<Coding> {
                         return T::initWithCoder(coder);
                     }};
         }
@@ -55,7 +54,9 @@ public:
         std::vector<Pointer> objects;
         const bool complete = decodeRootArray(
             data, allowed, &objects,
-            [](void* into, size_t count) { static_cast<std::vector<Pointer>*>(into)->reserve(count); },
+            [](void* into, size_t count) {
+                static_cast<std::vector<Pointer>*>(into)->reserve(count);
+            },
             [](void* into, std::shared_ptr<Coding>&& object) {
                 T* typed = dynamic_cast<T*>(object.get());
                 if (!typed) return false;

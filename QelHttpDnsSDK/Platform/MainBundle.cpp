@@ -1,7 +1,6 @@
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 
-
 namespace qel::platform {
 
 namespace {

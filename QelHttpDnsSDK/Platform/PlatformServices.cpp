@@ -55,8 +55,9 @@ UserDefaults& standardStore() {
             standardChosenPath = path;  // later changes of the environment no longer move it
         }
         if (!path) {
-            Console::log("QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
-                         "or a passwd entry) or no program name; the store is kept in memory");
+            Console::log(
+                "QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
+                "or a passwd entry) or no program name; the store is kept in memory");
             return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
         }
         return new SqliteUserDefaults(std::move(*path));
@@ -121,7 +122,8 @@ std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithName(
     if (auto* factory = reachabilityOverride.load(std::memory_order_acquire)) {
         return factory->makeWithName(hostName);
     }
-    return netlinkOrAssumedReachable([&] { return NetlinkReachabilitySource::createWithName(hostName); });
+    return netlinkOrAssumedReachable(
+        [&] { return NetlinkReachabilitySource::createWithName(hostName); });
 }
 
 std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithAddress(
@@ -129,8 +131,9 @@ std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithAddress
     if (auto* factory = reachabilityOverride.load(std::memory_order_acquire)) {
         return factory->makeWithAddress(address);
     }
-    return netlinkOrAssumedReachable(
-        [&]() -> std::unique_ptr<ReachabilitySource> { return NetlinkReachabilitySource::createWithAddress(address); });
+    return netlinkOrAssumedReachable([&]() -> std::unique_ptr<ReachabilitySource> {
+        return NetlinkReachabilitySource::createWithAddress(address);
+    });
 }
 
 void Console::writeToSystemLog(std::string_view message) { StandardErrorLog::write(message); }

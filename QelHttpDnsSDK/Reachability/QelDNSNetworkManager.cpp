@@ -31,16 +31,19 @@ void QelDNSNetworkManager::init(const std::weak_ptr<QelDNSNetworkManager>& weakS
     std::vector<NotificationCenter::ObserverToken> tokens;
     tokens.push_back(center.addObserver(kQelDNSReachabilityChangedNotification,
                                         [weakSelf](const Notification& notification) {
-        if (auto self = weakSelf.lock()) self->reachabilityChanged(notification);
-    }));
+                                            if (auto self = weakSelf.lock())
+                                                self->reachabilityChanged(notification);
+                                        }));
     tokens.push_back(center.addObserver(qel::platform::UIApplicationDidEnterBackgroundNotification,
                                         [weakSelf](const Notification&) {
-        if (auto self = weakSelf.lock()) self->didEnterBackground();
-    }));
+                                            if (auto self = weakSelf.lock())
+                                                self->didEnterBackground();
+                                        }));
     tokens.push_back(center.addObserver(qel::platform::UIApplicationWillEnterForegroundNotification,
                                         [weakSelf](const Notification&) {
-        if (auto self = weakSelf.lock()) self->willEnterForeground();
-    }));
+                                            if (auto self = weakSelf.lock())
+                                                self->willEnterForeground();
+                                        }));
     {
         std::lock_guard<std::mutex> lock(mutex_);
         observerTokens_ = std::move(tokens);
@@ -64,7 +67,8 @@ QelDNSNetworkManager::~QelDNSNetworkManager() {
 
 void QelDNSNetworkManager::reachabilityChanged(const Notification& notification) {
     std::shared_ptr<QelDNSReachability> reporting;
-    if (const auto* object = std::any_cast<std::shared_ptr<QelDNSReachability>>(&notification.object)) {
+    if (const auto* object =
+            std::any_cast<std::shared_ptr<QelDNSReachability>>(&notification.object)) {
         reporting = *object;
     }
     // Every use reads the flags again: the status may move between the steps, and the block

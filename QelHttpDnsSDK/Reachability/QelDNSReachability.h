@@ -37,7 +37,8 @@ QEL_EXPORT extern const char kQelDNSLocalWiFiConnection[];
 class QEL_EXPORT QelDNSReachability : public std::enable_shared_from_this<QelDNSReachability> {
 public:
     /// A target for `hostName`; nullptr when the platform makes none.
-    static std::shared_ptr<QelDNSReachability> reachabilityWithHostName(const std::string& hostName);
+    static std::shared_ptr<QelDNSReachability> reachabilityWithHostName(
+        const std::string& hostName);
     /// A target for `hostAddress` (a whole sockaddr_in or sockaddr_in6); nullptr when the
     /// platform makes none.
     static std::shared_ptr<QelDNSReachability> reachabilityWithAddress(const sockaddr* hostAddress);

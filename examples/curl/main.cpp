@@ -82,14 +82,16 @@ int main(int argc, char** argv) {
                          pin.host.c_str());
             break;
         case QelDNSCurlPinning::Outcome::UnusableUrl:
-            std::fprintf(stderr, "curl_fetch: %s is not a URL curl can fetch\n", options.url.c_str());
+            std::fprintf(stderr, "curl_fetch: %s is not a URL curl can fetch\n",
+                         options.url.c_str());
             return 2;
         case QelDNSCurlPinning::Outcome::SystemResolver:
             std::fprintf(stderr, "curl_fetch: %s: error %lld: %s\n", pin.host.c_str(),
                          static_cast<long long>(pin.error ? pin.error->code() : 0),
                          pin.error ? pin.error->localizedDescription().c_str() : "");
             if (!options.fallback) {
-                std::fprintf(stderr, "curl_fetch: no SDK answer for %s; not fetched (--no-fallback)\n",
+                std::fprintf(stderr,
+                             "curl_fetch: no SDK answer for %s; not fetched (--no-fallback)\n",
                              pin.host.c_str());
                 return 1;
             }

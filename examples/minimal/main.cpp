@@ -23,10 +23,12 @@ int main(int argc, char** argv) {
 
     std::promise<int> done;
     dns.getIPV4ByDomain(std::string(argv[4]), [&done](std::optional<QelDNSError> error,
-                                                     std::optional<std::vector<std::string>> ips) {
-        if (error) std::fprintf(stderr, "error %lld: %s\n", static_cast<long long>(error->code()),
-                                error->localizedDescription().c_str());
-        if (ips) for (const std::string& ip : *ips) std::printf("%s\n", ip.c_str());
+                                                      std::optional<std::vector<std::string>> ips) {
+        if (error)
+            std::fprintf(stderr, "error %lld: %s\n", static_cast<long long>(error->code()),
+                         error->localizedDescription().c_str());
+        if (ips)
+            for (const std::string& ip : *ips) std::printf("%s\n", ip.c_str());
         done.set_value(error ? 1 : 0);
     });
     std::future<int> result = done.get_future();

@@ -44,22 +44,21 @@ static int loopback(int port, int doBind) {
     address.sin_family = AF_INET;
     address.sin_port = htons((unsigned short)port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ok = doBind ? bind(fd, (struct sockaddr *)&address, sizeof address) == 0 &&
-                      getsockname(fd, (struct sockaddr *)&address, &length) == 0
-                : connect(fd, (struct sockaddr *)&address, sizeof address) == 0;
+    ok = doBind ? bind(fd, (struct sockaddr*)&address, sizeof address) == 0 &&
+                      getsockname(fd, (struct sockaddr*)&address, &length) == 0
+                : connect(fd, (struct sockaddr*)&address, sizeof address) == 0;
     close(fd);
     return ok ? ntohs(address.sin_port) : -1;
 }
 
 /* Starts the service with one account and kName in its zone; its pid. */
-static pid_t startService(char *url, size_t size) {
-    static const char *const files[][2] = {{"accounts", "acct-c s3cr3t-C\n"},
-                                           {"zone", "app.qel-demo.test 60 A 127.0.0.1\n"}};
+static pid_t startService(char* url, size_t size) {
+    static const char* const files[][2] = {{"accounts", "acct-c s3cr3t-C\n"}, {"zone", "app.qel-demo.test 60 A 127.0.0.1\n"}};
     char paths[2][128], listen[32];
     int port = loopback(0, 1), i;
     pid_t child;
     for (i = 0; i < 2; ++i) {
-        FILE *file;
+        FILE* file;
         snprintf(paths[i], sizeof paths[i], "%s/%s", scratch, files[i][0]);
         file = fopen(paths[i], "w");
         if (!file || fputs(files[i][1], file) < 0 || fclose(file) != 0) exit(1);
@@ -67,8 +66,8 @@ static pid_t startService(char *url, size_t size) {
     snprintf(listen, sizeof listen, "127.0.0.1:%d", port);
     child = fork();
     if (child == 0) {
-        char *const argv[] = {(char *)QEL_SERVER_BINARY, (char *)"--accounts", paths[0],
-                              (char *)"--zone", paths[1], (char *)"--listen", listen, NULL};
+        char* const argv[] = {
+            (char*)QEL_SERVER_BINARY, (char*)"--accounts", paths[0], (char*)"--zone", paths[1], (char*)"--listen", listen, NULL};
         execv(QEL_SERVER_BINARY, argv);
         _exit(127);
     }
@@ -79,7 +78,7 @@ static pid_t startService(char *url, size_t size) {
 }
 
 /* Whether `error` has `code` and a message; frees it. */
-static int failedWith(qel_httpdns_error *error, int64_t code) {
+static int failedWith(qel_httpdns_error* error, int64_t code) {
     int matches = error != NULL && error->code == code && error->message != NULL;
     qel_httpdns_error_free(error);
     return matches;
@@ -87,8 +86,8 @@ static int failedWith(qel_httpdns_error *error, int64_t code) {
 
 /* The code of a blocking IPv4 lookup's error (kAnswered for success); checks that
  * a failure carries no addresses and that an answer is kName's one address; frees it. */
-static int64_t resolveCode(const char *domain, double timeout) {
-    qel_httpdns_result *result = qel_httpdns_resolve(domain, QEL_HTTPDNS_IPV4, timeout);
+static int64_t resolveCode(const char* domain, double timeout) {
+    qel_httpdns_result* result = qel_httpdns_resolve(domain, QEL_HTTPDNS_IPV4, timeout);
     int64_t code = result && result->error ? result->error->code : kAnswered;
     CHECK(result != NULL);
     CHECK(!result || (result->error ? result->ips == NULL && result->ip_count == 0
@@ -103,12 +102,12 @@ struct Answer {
     pthread_mutex_t mutex;
     pthread_cond_t changed;
     int calls;
-    qel_httpdns_result *result;
+    qel_httpdns_result* result;
     int64_t nestedCode; /* a blocking lookup made inside the callback */
 };
 
-static void onAnswer(qel_httpdns_result *result, void *user_data) {
-    struct Answer *answer = user_data;
+static void onAnswer(qel_httpdns_result* result, void* user_data) {
+    struct Answer* answer = user_data;
     int64_t nested = resolveCode(kName, 5.0);
     pthread_mutex_lock(&answer->mutex);
     answer->nestedCode = nested;
@@ -119,9 +118,9 @@ static void onAnswer(qel_httpdns_result *result, void *user_data) {
 }
 
 static void beforeRegistration(void) {
-    const char *degraded[] = {"legacy.test"};
-    const char *withNull[] = {"a.test", NULL};
-    char *description = qel_httpdns_status_description();
+    const char* degraded[] = {"legacy.test"};
+    const char* withNull[] = {"a.test", NULL};
+    char* description = qel_httpdns_status_description();
     CHECK(strcmp(qel_httpdns_version(), "1.0.0") == 0 && qel_httpdns_status() == 0);
     CHECK(description && strcmp(description, "") == 0);
     qel_httpdns_string_free(description);
@@ -130,8 +129,7 @@ static void beforeRegistration(void) {
     CHECK(failedWith(qel_httpdns_set_timeout(-1.0), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_set_degrade_hosts(NULL, 2), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_set_degrade_hosts(withNull, 2), QEL_HTTPDNS_E_INVALID_ARGUMENT));
-    CHECK(failedWith(qel_httpdns_lookup(kName, QEL_HTTPDNS_IPV4, NULL, NULL),
-                     QEL_HTTPDNS_E_INVALID_ARGUMENT));
+    CHECK(failedWith(qel_httpdns_lookup(kName, QEL_HTTPDNS_IPV4, NULL, NULL), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_set_store_path(NULL), QEL_HTTPDNS_E_INVALID_ARGUMENT));
 
     /* Degraded hosts are refused even now; other lookups wait for a login that never comes. */
@@ -141,7 +139,7 @@ static void beforeRegistration(void) {
     CHECK(qel_httpdns_set_degrade_hosts(NULL, 0) == NULL);
 }
 
-static void lookups(const char *serviceUrl) {
+static void lookups(const char* serviceUrl) {
     struct Answer answer;
     struct timespec limit;
     int i;
@@ -158,8 +156,7 @@ static void lookups(const char *serviceUrl) {
     limit.tv_sec += 30;
     CHECK(qel_httpdns_lookup(kName, QEL_HTTPDNS_IPV4, onAnswer, &answer) == NULL);
     pthread_mutex_lock(&answer.mutex);
-    while (answer.calls == 0 && pthread_cond_timedwait(&answer.changed, &answer.mutex, &limit) == 0) {
-    }
+    while (answer.calls == 0 && pthread_cond_timedwait(&answer.changed, &answer.mutex, &limit) == 0) {}
     CHECK(answer.calls == 1 && answer.result && !answer.result->error);
     CHECK(answer.result && answer.result->ip_count == 1 && !strcmp(answer.result->ips[0], "127.0.0.1"));
     /* The service's answer runs on the platform thread, where waiting is refused. */

@@ -21,8 +21,14 @@ public:
     CapturingConsole(const CapturingConsole&) = delete;
     CapturingConsole& operator=(const CapturingConsole&) = delete;
 
-    std::vector<std::string> lines() const { std::lock_guard<std::mutex> lock(mutex_); return lines_; }
-    void clear() { std::lock_guard<std::mutex> lock(mutex_); lines_.clear(); }
+    std::vector<std::string> lines() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
 
 private:
     mutable std::mutex mutex_;

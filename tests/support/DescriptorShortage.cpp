@@ -3,14 +3,11 @@
 #include <unistd.h>
 
 // Present only when the UndefinedBehaviorSanitizer runtime is linked in.
-extern "C" void __ubsan_handle_dynamic_type_cache_miss(void* data, void* pointer, void* hash)
-    __attribute__((weak));
+extern "C" void __ubsan_handle_dynamic_type_cache_miss(void* data, void* pointer, void* hash) __attribute__((weak));
 
 namespace qel::test {
 
-bool DescriptorShortage::sanitizerNeedsDescriptors() {
-    return __ubsan_handle_dynamic_type_cache_miss != nullptr;
-}
+bool DescriptorShortage::sanitizerNeedsDescriptors() { return __ubsan_handle_dynamic_type_cache_miss != nullptr; }
 
 DescriptorShortage::DescriptorShortage(int count) {
     // dup() takes the lowest free number, so these are the `count` slots a limit just above

@@ -19,9 +19,7 @@ class FakeReachabilityFactory final : public platform::ReachabilitySourceFactory
     using Callback = platform::ReachabilitySource::Callback;
 
 public:
-    explicit FakeReachabilityFactory(uint32_t flags) : flags_(flags) {
-        scope_.reachabilitySources(*this);
-    }
+    explicit FakeReachabilityFactory(uint32_t flags) : flags_(flags) { scope_.reachabilitySources(*this); }
 
     bool failCreation = false;  // set before the creations that must fail
 
@@ -42,12 +40,8 @@ public:
         return static_cast<bool>(callback);
     }
 
-    std::unique_ptr<platform::ReachabilitySource> makeWithName(const std::string&) override {
-        return make();
-    }
-    std::unique_ptr<platform::ReachabilitySource> makeWithAddress(const sockaddr*) override {
-        return make();
-    }
+    std::unique_ptr<platform::ReachabilitySource> makeWithName(const std::string&) override { return make(); }
+    std::unique_ptr<platform::ReachabilitySource> makeWithAddress(const sockaddr*) override { return make(); }
 
 private:
     struct Source final : platform::ReachabilitySource {
@@ -68,9 +62,7 @@ private:
         FakeReachabilityFactory& fake;
     };
 
-    std::unique_ptr<platform::ReachabilitySource> make() {
-        return failCreation ? nullptr : std::make_unique<Source>(*this);
-    }
+    std::unique_ptr<platform::ReachabilitySource> make() { return failCreation ? nullptr : std::make_unique<Source>(*this); }
     bool setScheduled(bool scheduled) {
         Lock lock(mutex_);
         scheduled_ = scheduled;

@@ -78,8 +78,7 @@ std::string LoopbackHttpServer::Request::header(const std::string& name) const {
     return lines.empty() ? "" : lines[0].substr(lines[0].find_first_not_of(' ', name.size() + 1));
 }
 
-std::vector<std::string> LoopbackHttpServer::Request::headerLines(
-    const std::vector<std::string>& prefixes) const {
+std::vector<std::string> LoopbackHttpServer::Request::headerLines(const std::vector<std::string>& prefixes) const {
     std::vector<std::string> lines;
     for (size_t at = raw.find("\r\n"), end; at < raw.find("\r\n\r\n"); at = end) {
         end = raw.find("\r\n", at + 2);
@@ -92,14 +91,12 @@ std::vector<std::string> LoopbackHttpServer::Request::headerLines(
     return lines;
 }
 
-LoopbackHttpServer::Reply LoopbackHttpServer::http(int status, const std::string& body,
-                                                   const std::string& extraHeaders, bool close,
-                                                   const std::string& contentType) {
+LoopbackHttpServer::Reply LoopbackHttpServer::http(int status, const std::string& body, const std::string& extraHeaders,
+                                                   bool close, const std::string& contentType) {
     // An empty reason phrase is valid, and no client reads it.
     return {Reply::Write,
-            "HTTP/1.1 " + std::to_string(status) + " \r\nContent-Type: " + contentType +
-                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
-                (close ? "Connection: close\r\n" : "") + "\r\n" + body,
+            "HTTP/1.1 " + std::to_string(status) + " \r\nContent-Type: " + contentType + "\r\nContent-Length: " +
+                std::to_string(body.size()) + "\r\n" + extraHeaders + (close ? "Connection: close\r\n" : "") + "\r\n" + body,
             !close};
 }
 

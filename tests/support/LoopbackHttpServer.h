@@ -1,8 +1,8 @@
 // A real HTTP/1.1 server on 127.0.0.1 and a port the kernel picks, on raw sockets so that the
 // test decides every byte of an answer. It records every request, answers by path with
-// handlers (404 otherwise) or plays a script of replies, can cut or stall an answer, and go down and come back on the same port (refusing
-// connections while down). One thread per connection; kept-alive connections are served
-// until the client closes them or the server stops.
+// handlers (404 otherwise) or plays a script of replies, can cut or stall an answer, and go down and come back on the same port
+// (refusing connections while down). One thread per connection; kept-alive connections are served until the client closes them or
+// the server stops.
 #pragma once
 
 #include <atomic>
@@ -43,16 +43,16 @@ public:
     /// What the server does with one request once it has read it.
     struct Reply {
         enum Kind {
-            Write,    // writes `bytes`, then closes, or with `keepOpen` reads the next request
-            Stall,    // writes `bytes`, then nothing until the client or the server ends
+            Write,  // writes `bytes`, then closes, or with `keepOpen` reads the next request
+            Stall,  // writes `bytes`, then nothing until the client or the server ends
         } kind = Write;
         std::string bytes;
         bool keepOpen = false;
     };
     /// A whole answer with its length; the connection stays open for the next request unless
     /// `close`, which also says so in a header.
-    static Reply http(int status, const std::string& body, const std::string& extraHeaders = "",
-                      bool close = false, const std::string& contentType = "application/json");
+    static Reply http(int status, const std::string& body, const std::string& extraHeaders = "", bool close = false,
+                      const std::string& contentType = "application/json");
     using Handler = std::function<Reply(const Request&)>;
 
     /// Listens on `port`, or on a port the kernel picks; throws if it cannot bind it.
@@ -62,9 +62,7 @@ public:
 
     int port() const { return port_; }
     /// "http://127.0.0.1:<port>" followed by `pathAndQuery`.
-    std::string url(const std::string& pathAndQuery) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
-    }
+    std::string url(const std::string& pathAndQuery) const { return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery; }
 
     /// Answers requests for `path` (exact, without query), any method.
     void route(const std::string& path, Handler handler);
@@ -74,9 +72,13 @@ public:
     /// Answers every request no route takes: the i-th with `script[min(i, size - 1)]`.
     void serve(std::vector<Reply> script);
 
-    std::vector<Request> requests() const { return locked([this] { return requests_; }); }
+    std::vector<Request> requests() const {
+        return locked([this] { return requests_; });
+    }
     /// Connections open now.
-    size_t openConnections() const { return locked([this] { return connections_.size(); }); }
+    size_t openConnections() const {
+        return locked([this] { return connections_.size(); });
+    }
     /// Goes down: closes every connection and refuses new ones on the same port until `start`.
     void stop();
     void start();

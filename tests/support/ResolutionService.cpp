@@ -20,14 +20,13 @@ ResolutionService::ResolutionService(std::string authId, std::string authSecret,
         resolvedHosts_.push_back(host);
         const auto found = zone_.find(host);
         return answer(request, resolveScript_, host,
-                      found != zone_.end() ? found->second
-                                           : nlohmann::json{{"host", host}, {"ip_list", {}}});
+                      found != zone_.end() ? found->second : nlohmann::json{{"host", host}, {"ip_list", {}}});
     });
 }
 
 // Under mutex_. A login signs "<app>-<time>-<secret>", a resolve "<app>-<host>-<time>-<type>-<secret>".
-Server::Reply ResolutionService::answer(const Server::Request& request, std::deque<Behaviour>& script,
-                                        const std::string& host, const nlohmann::json& body) {
+Server::Reply ResolutionService::answer(const Server::Request& request, std::deque<Behaviour>& script, const std::string& host,
+                                        const nlohmann::json& body) {
     Behaviour behaviour;
     if (!script.empty()) {
         behaviour = script.front();

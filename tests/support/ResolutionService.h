@@ -26,9 +26,7 @@ public:
         int status = 0;
         std::string message;
     };
-    static Behaviour status(int code, std::string message = "refused") {
-        return {Behaviour::Status, code, std::move(message)};
-    }
+    static Behaviour status(int code, std::string message = "refused") { return {Behaviour::Status, code, std::move(message)}; }
     static Behaviour stall() { return {Behaviour::Stall, 0, {}}; }
     static Behaviour drop() { return {Behaviour::Drop, 0, {}}; }
 
@@ -45,8 +43,7 @@ public:
     /// The nodes a successful login hands out (default: this server, best and only node).
     void setNodes(std::string best, std::vector<std::string> list) {
         Lock lock(mutex_);
-        nodes_ = {{"auth_id", authId_}, {"best_service_node", std::move(best)},
-                  {"service_node_list", std::move(list)}};
+        nodes_ = {{"auth_id", authId_}, {"best_service_node", std::move(best)}, {"service_node_list", std::move(list)}};
     }
     /// Behaviours of the next login / resolve requests, in order; then normal answers again.
     void scriptLogins(std::vector<Behaviour> behaviours) { script(loginScript_, behaviours); }
@@ -70,18 +67,17 @@ private:
         Lock lock(mutex_);
         script.assign(behaviours.begin(), behaviours.end());
     }
-    LoopbackHttpServer::Reply answer(const LoopbackHttpServer::Request& request,
-                                     std::deque<Behaviour>& script, const std::string& host,
-                                     const nlohmann::json& body);
+    LoopbackHttpServer::Reply answer(const LoopbackHttpServer::Request& request, std::deque<Behaviour>& script,
+                                     const std::string& host, const nlohmann::json& body);
 
     const std::string authId_, authSecret_, appId_;
 
     mutable std::mutex mutex_;
-    std::map<std::string, nlohmann::json> zone_;  // guarded by mutex_
-    nlohmann::json nodes_;                        // guarded by mutex_
+    std::map<std::string, nlohmann::json> zone_;         // guarded by mutex_
+    nlohmann::json nodes_;                               // guarded by mutex_
     std::deque<Behaviour> loginScript_, resolveScript_;  // guarded by mutex_
-    size_t logins_ = 0, badSignatures_ = 0;       // guarded by mutex_
-    std::vector<std::string> resolvedHosts_;      // guarded by mutex_
+    size_t logins_ = 0, badSignatures_ = 0;              // guarded by mutex_
+    std::vector<std::string> resolvedHosts_;             // guarded by mutex_
     // Last, so that it stops serving (and joins its threads) before the state its handlers
     // use is destroyed: a request may still be in flight when the service ends.
     LoopbackHttpServer server_;

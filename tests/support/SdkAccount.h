@@ -17,8 +17,7 @@ inline constexpr char kAppId[] = "com.example.app";
 
 /// Points the SDK at `service`, registers, and waits until a new login reply has set `status`
 /// and, on success, armed the node the service hands out. False if that did not happen.
-inline bool registered(ResolutionService& service, const std::string& secret = kAuthSecret,
-                       int64_t status = 4) {
+inline bool registered(ResolutionService& service, const std::string& secret = kAuthSecret, int64_t status = 4) {
     auto& dns = QelHttpDnsManager::shared();
     dns.customServerUrl(service.baseUrl());
     const size_t before = service.logins();

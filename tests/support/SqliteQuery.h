@@ -16,8 +16,7 @@ inline std::string appQuery(const std::string& path, const std::string& sql) {
         *static_cast<std::string*>(out) = values[0] ? values[0] : "<null>";
         return 0;
     };
-    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK ||
-        sqlite3_exec(db, sql.c_str(), first, &result, nullptr) != SQLITE_OK) {
+    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK || sqlite3_exec(db, sql.c_str(), first, &result, nullptr) != SQLITE_OK) {
         result = "<error>";
     }
     sqlite3_close(db);

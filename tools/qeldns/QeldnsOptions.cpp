@@ -144,8 +144,9 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
     if (!options.names.empty() || options.namesFile) {
         if (!options.authId || options.authId->empty() || !options.authSecret ||
             options.authSecret->empty()) {
-            error = "credentials missing: give --id and --secret, or set QELDNS_AUTH_ID and "
-                    "QELDNS_AUTH_SECRET";
+            error =
+                "credentials missing: give --id and --secret, or set QELDNS_AUTH_ID and "
+                "QELDNS_AUTH_SECRET";
             return std::nullopt;
         }
     }

@@ -47,7 +47,8 @@ nlohmann::json traceJson(const QelDNSLookupTrace& trace) {
 }
 
 // Runs one lookup and waits for its callback, at most `limit`.
-Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type, Clock::duration limit) {
+Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type,
+              Clock::duration limit) {
     struct Shared {
         std::mutex mutex;
         std::condition_variable done;
@@ -56,18 +57,19 @@ Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type, Clo
     auto shared = std::make_shared<Shared>();
     const auto caller = std::this_thread::get_id();
     const auto start = Clock::now();
-    dns.getIPByDomain(name, type, [shared, caller, start](std::optional<QelDNSError> error, Ips ips) {
-        std::lock_guard<std::mutex> lock(shared->mutex);
-        Result& result = shared->result;
-        result.microseconds =
-            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
-        result.onCallingThread = std::this_thread::get_id() == caller;
-        result.error = std::move(error);
-        result.ips = std::move(ips);
-        result.trace = std::exchange(latestTrace, std::nullopt);
-        result.answered = true;
-        shared->done.notify_all();
-    });
+    dns.getIPByDomain(
+        name, type, [shared, caller, start](std::optional<QelDNSError> error, Ips ips) {
+            std::lock_guard<std::mutex> lock(shared->mutex);
+            Result& result = shared->result;
+            result.microseconds =
+                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+            result.onCallingThread = std::this_thread::get_id() == caller;
+            result.error = std::move(error);
+            result.ips = std::move(ips);
+            result.trace = std::exchange(latestTrace, std::nullopt);
+            result.answered = true;
+            shared->done.notify_all();
+        });
     std::unique_lock<std::mutex> lock(shared->mutex);
     shared->done.wait_for(lock, limit, [&] { return shared->result.answered; });
     return shared->result;
@@ -146,8 +148,9 @@ bool report(const QeldnsOptions& options, const std::string& name, Result result
     if (options.json) {
         nlohmann::json line = {{"domain", name}, {"type", options.type == 1 ? "A" : "AAAA"}};
         if (!result.answered) {
-            line["error"] = {{"code", nullptr},
-                             {"message", "no answer within " + std::to_string(waitedSeconds) + " s"}};
+            line["error"] = {
+                {"code", nullptr},
+                {"message", "no answer within " + std::to_string(waitedSeconds) + " s"}};
         } else if (result.error || empty) {
             line["error"]["code"] = empty ? nlohmann::json() : nlohmann::json(result.error->code());
             line["error"]["message"] =
@@ -159,7 +162,8 @@ bool report(const QeldnsOptions& options, const std::string& name, Result result
             line["microseconds"] = result.microseconds;
         }
         if (result.trace) line["trace"] = traceJson(*result.trace);
-        std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        std::printf("%s\n",
+                    line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else if (!result.answered) {
         std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", shown(name).c_str(),
                      waitedSeconds);
@@ -222,8 +226,8 @@ int main(int argc, char** argv) {
     // One request's time limit, and some room for the login and the retries after it.
     const double requestSeconds = options.timeout > 0 ? options.timeout : 20.0;
     const double waitSeconds = 4 * requestSeconds + 1;
-    const auto limit = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(waitSeconds));
+    const auto limit =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(waitSeconds));
     dns.registerAuthId(options.authId, options.authSecret);
     // Until the login's reply arrives the SDK answers no lookup at all.
     const auto loginDeadline = Clock::now() + limit;
@@ -231,12 +235,14 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 
-    const bool progress = options.namesFile && !options.json && isatty(STDERR_FILENO) && !options.verbose;
+    const bool progress =
+        options.namesFile && !options.json && isatty(STDERR_FILENO) && !options.verbose;
     bool allAnswered = true;
     size_t done = 0;
     for (const std::string& name : names) {
         for (int round = 0; round < options.repeat; ++round) {
-            allAnswered &= report(options, name, lookUp(dns, name, options.type, limit), waitSeconds);
+            allAnswered &=
+                report(options, name, lookUp(dns, name, options.type, limit), waitSeconds);
         }
         if (progress) std::fprintf(stderr, "\r%zu/%zu names", ++done, names.size());
     }

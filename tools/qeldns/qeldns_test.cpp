@@ -21,13 +21,16 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
     // standard error goes to the file "err". Each run has a store of its own.
     int runs = 0;
     const auto run = [&](const std::string& arguments) {
-        const std::string command = std::string(QELDNS_BINARY) + " --server " + service.baseUrl() + " --store " +
-                                    scratch.file(std::to_string(++runs)) + " " + arguments + " 2>" + scratch.file("err");
+        const std::string command = std::string(QELDNS_BINARY) + " --server " + service.baseUrl() +
+                                    " --store " + scratch.file(std::to_string(++runs)) + " " +
+                                    arguments + " 2>" + scratch.file("err");
         FILE* pipe = popen(command.c_str(), "r");
         Lines lines;
         char buffer[4096];
-        while (std::fgets(buffer, sizeof buffer, pipe)) lines.emplace_back(buffer, std::strcspn(buffer, "\n"));
-        for (std::string& line : lines) line = std::regex_replace(line, std::regex(R"(,"microseconds":\d+)"), "");
+        while (std::fgets(buffer, sizeof buffer, pipe))
+            lines.emplace_back(buffer, std::strcspn(buffer, "\n"));
+        for (std::string& line : lines)
+            line = std::regex_replace(line, std::regex(R"(,"microseconds":\d+)"), "");
         const int status = pclose(pipe);
         return std::pair{WIFEXITED(status) ? WEXITSTATUS(status) : -1, lines};
     };
@@ -43,9 +46,15 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         // The resolve is refused with a message of half a megabyte that clears the screen.
         {"a.test", {}, {"a.test: error 403: \\x1b[2Jxxx", "xxx... (499704 more bytes)"}, 1},
         {"b.test", {"b.test 192.0.2.5"}, {"\"<script>\"", escaped, "2001:db8::5"}, 0},
-        {"--json c.test", {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"}, {}, 1},
-        {"'a.test\nb.test 6.6.6.6' 'x\x1b]0;t\x07' '\\\t\r\x7f\xc2\x9b' -", {},
-         {"a.test\\nb.test 6.6.6.6: error 1", "x\\x1b]0;t\\x07: error 1", "\\\\\\t\\r\\x7f\\u009b: error 1", "-: error 1"}, 1},
+        {"--json c.test",
+         {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"},
+         {},
+         1},
+        {"'a.test\nb.test 6.6.6.6' 'x\x1b]0;t\x07' '\\\t\r\x7f\xc2\x9b' -",
+         {},
+         {"a.test\\nb.test 6.6.6.6: error 1", "x\\x1b]0;t\\x07: error 1",
+          "\\\\\\t\\r\\x7f\\u009b: error 1", "-: error 1"},
+         1},
         // A mistyped option's value may be a secret: the error names the option only.
         {"--auth-secrte=hunter2 a.test", {}, {"qeldns: unknown option --auth-secrte\n"}, 2},
     };

@@ -63,7 +63,8 @@ int main(int argc, char** argv) {
 
     std::FILE* accessFile = stdout;
     if (options.accessLog != "-" && !(accessFile = std::fopen(options.accessLog.c_str(), "a"))) {
-        return fail(kBadConfiguration, options.accessLog + ": cannot open: " + std::strerror(errno));
+        return fail(kBadConfiguration,
+                    options.accessLog + ": cannot open: " + std::strerror(errno));
     }
     AccessLog log(accessFile, stderr);
     std::unique_ptr<Service> service;
@@ -72,7 +73,8 @@ int main(int argc, char** argv) {
         Zone zone = options.zoneFile.empty() ? Zone() : Zone::load(options.zoneFile);
         service = std::make_unique<Service>(std::move(accounts), std::move(zone), log);
         if (options.upstream) {
-            service->setUpstream(std::make_unique<Upstream>(*options.upstream, options.upstreamTimeoutMs));
+            service->setUpstream(
+                std::make_unique<Upstream>(*options.upstream, options.upstreamTimeoutMs));
         }
     } catch (const std::exception& error) {
         return fail(kBadConfiguration, error.what());

@@ -91,8 +91,9 @@ void abortOnClose(int fd) {
 
 std::string http(const std::string& status, const std::string& body,
                  const std::string& extraHeaders = "") {
-    return "HTTP/1.1 " + status + "\r\nContent-Type: application/json\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\n" + extraHeaders + "Connection: close\r\n\r\n" + body;
+    return "HTTP/1.1 " + status +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n" + extraHeaders + "Connection: close\r\n\r\n" + body;
 }
 
 std::string garbage() {
@@ -108,9 +109,7 @@ std::string oversized() {
            std::string((size_t{1} << 20) + 1, ' ');
 }
 
-bool isLogin(const std::string& request) {
-    return request.find("/service?") != std::string::npos;
-}
+bool isLogin(const std::string& request) { return request.find("/service?") != std::string::npos; }
 
 int bindListener(uint16_t port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -244,9 +243,7 @@ bool FaultProxy::play(Fault fault, int client, int& upstream, const std::string&
             sendAll(client, answer);
             return false;
         }
-        case Fault::ResetBeforeAnyByte:
-            abortOnClose(client);
-            return false;
+        case Fault::ResetBeforeAnyByte: abortOnClose(client); return false;
         case Fault::ResetMidBody: {
             const std::string answer = forward(upstream, request);
             sendAll(client, answer.substr(0, answer.size() - answer.size() / 3));
@@ -254,20 +251,15 @@ bool FaultProxy::play(Fault fault, int client, int& upstream, const std::string&
             return false;
         }
         case Fault::Stall:
-            while (!calm && !readable(client, 100)) {
-            }
+            while (!calm && !readable(client, 100)) {}
             return false;
         case Fault::Trickle:
             for (char byte : forward(upstream, request)) {
                 if (readable(client, 100) || !sendAll(client, std::string(1, byte))) break;
             }
             return false;
-        case Fault::Oversized:
-            sendAll(client, oversized());
-            return false;
-        case Fault::Garbage:
-            sendAll(client, garbage());
-            return false;
+        case Fault::Oversized: sendAll(client, oversized()); return false;
+        case Fault::Garbage: sendAll(client, garbage()); return false;
         case Fault::Html500:
             sendAll(client, http("500 Internal Server Error", "<html><body>500</body></html>"));
             return false;

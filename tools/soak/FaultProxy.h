@@ -30,8 +30,19 @@ public:
 
 private:
     enum class Fault {
-        Pass, ResetBeforeAnyByte, ResetMidBody, Stall, Trickle, Oversized, Garbage, Html500,
-        RedirectLoop, RedirectToFile, OtherHost, NoNodes, CloseAfterAnswer,
+        Pass,
+        ResetBeforeAnyByte,
+        ResetMidBody,
+        Stall,
+        Trickle,
+        Oversized,
+        Garbage,
+        Html500,
+        RedirectLoop,
+        RedirectToFile,
+        OtherHost,
+        NoNodes,
+        CloseAfterAnswer,
     };
 
     void converse(int client);

@@ -49,8 +49,8 @@ namespace flags = qel::platform::ReachabilityFlags;
 
 constexpr char kAuthId[] = "soak";
 constexpr char kSecret[] = "soak-secret";
-const std::vector<std::string> kHosts{"a.soak.test", "b.soak.test", "c.soak.test",
-                                      "d.soak.test", "missing.soak.test"};
+const std::vector<std::string> kHosts{"a.soak.test", "b.soak.test", "c.soak.test", "d.soak.test",
+                                      "missing.soak.test"};
 // A lookup not answered by then is counted as never answered (it is retried by no one).
 constexpr auto kAnswerGuard = std::chrono::seconds(30);
 
@@ -77,10 +77,11 @@ Options parse(int argc, char** argv) {
         } else if (name == "--server") {
             options.server = argv[i + 1];
         } else {
-            std::fprintf(stderr,
-                         "usage: %s [--seconds N] [--threads N] [--fault-rate R] [--memory-slack MiB]"
-                         " [--server PATH]\n",
-                         argv[0]);
+            std::fprintf(
+                stderr,
+                "usage: %s [--seconds N] [--threads N] [--fault-rate R] [--memory-slack MiB]"
+                " [--server PATH]\n",
+                argv[0]);
             std::exit(2);
         }
     }
@@ -186,8 +187,8 @@ pid_t startService(const Options& options, const qel::test::ScratchDirectory& sc
     const pid_t child = ::fork();
     if (child == 0) {
         ::execl(options.server.c_str(), options.server.c_str(), "--accounts", accounts.c_str(),
-                "--zone", zoneFile.c_str(), "--listen", listen.c_str(), "--advertise",
-                node.c_str(), "--access-log", "/dev/null", static_cast<char*>(nullptr));
+                "--zone", zoneFile.c_str(), "--listen", listen.c_str(), "--advertise", node.c_str(),
+                "--access-log", "/dev/null", static_cast<char*>(nullptr));
         std::perror("qel-soak: cannot run the service");
         std::_Exit(2);
     }
@@ -260,8 +261,9 @@ void load(Tally& tally, qel::test::FakeReachabilityFactory& network, int threads
             if (tick % 20 == 0) dns.registerAuthId(std::string(kAuthId), std::string(kSecret));
             if (tick % 7 == 0) {
                 const uint32_t choice = random() % 10;
-                network.setFlags(choice == 0 ? 0 : choice < 4 ? flags::Reachable | flags::IsWWAN
-                                                             : flags::Reachable);
+                network.setFlags(choice == 0  ? 0
+                                 : choice < 4 ? flags::Reachable | flags::IsWWAN
+                                              : flags::Reachable);
                 network.fire();
             }
         }

@@ -33,7 +33,8 @@ constexpr std::array<bool, 256> queryAllowedBytes() {
     for (int c = 'a'; c <= 'z'; ++c) allowed[c] = true;
     for (int c = 'A'; c <= 'Z'; ++c) allowed[c] = true;
     for (int c = '0'; c <= '9'; ++c) allowed[c] = true;
-    for (char c : std::string_view("-._~!$&'()*+,;=:@/?")) allowed[static_cast<unsigned char>(c)] = true;
+    for (char c : std::string_view("-._~!$&'()*+,;=:@/?"))
+        allowed[static_cast<unsigned char>(c)] = true;
     return allowed;
 }
 
@@ -72,12 +73,9 @@ const json& asObject(const json& value) {
 std::string headerText(const json& value) {
     char number[64];
     switch (value.type()) {
-        case json::value_t::string:
-            return value.get_ref<const std::string&>();
-        case json::value_t::boolean:
-            return value.get<bool>() ? "1" : "0";
-        case json::value_t::null:
-            return "<null>";
+        case json::value_t::string: return value.get_ref<const std::string&>();
+        case json::value_t::boolean: return value.get<bool>() ? "1" : "0";
+        case json::value_t::null: return "<null>";
         case json::value_t::number_float:
             std::snprintf(number, sizeof number, "%.16g", value.get<double>());
             return number;
@@ -138,8 +136,7 @@ void QelDNSRequest::handleResponse(const FinishBlock& finishBlock, HttpResponse 
         return;
     }
     if (response.body.empty()) {
-        finishWith(finishBlock,
-                   QelDNSUntil::errorCode(codes::kEmptyBody, codes::kEmptyBodyMessage),
+        finishWith(finishBlock, QelDNSUntil::errorCode(codes::kEmptyBody, codes::kEmptyBodyMessage),
                    std::nullopt);
         return;
     }
@@ -184,7 +181,8 @@ void QelDNSRequest::baseRequest(uint64_t method, const std::optional<std::string
     request.timeoutSeconds = timeout == 0.0 ? kDefaultTimeoutSeconds : timeout;
     request.setHeader("Content-Type", "application/json;charset=UTF-8");
     const json& headerFields = asObject(headers);
-    for (const auto& [name, value] : headerFields.items()) request.setHeader(name, headerText(value));
+    for (const auto& [name, value] : headerFields.items())
+        request.setHeader(name, headerText(value));
     request.method = method == 1 ? HttpMethod::Post : HttpMethod::Get;
 
     Console::log("request url: " + *url);

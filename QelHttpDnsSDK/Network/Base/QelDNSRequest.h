@@ -64,7 +64,8 @@ public:
     /// What `baseRequest` does with what the transport handed back: turns `response` into the
     /// error or the JSON result described above and calls `finishBlock` (if any) once, on the
     /// calling thread. Logs the "response url" line when a body arrived.
-    static void handleResponse(const FinishBlock& finishBlock, qel::platform::HttpResponse response);
+    static void handleResponse(const FinishBlock& finishBlock,
+                               qel::platform::HttpResponse response);
 
     /// The timeout of the requests built from now on, in seconds; 0.0 (the default) stands
     /// for 20 s. The public manager's `timeout` property is kept here, in the layer that uses

@@ -35,15 +35,17 @@ void QelDNSAppAuth::handleAnswer(const std::optional<std::string>& authId,
         completion(std::move(failure), std::nullopt, std::nullopt);
         return;
     }
-    const auto answeredId = QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "auth_id"));
+    const auto answeredId =
+        QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "auth_id"));
     const auto bestNode =
         QelDNSJSONValue::stringValue(QelDNSJSONValue::member(answer, "best_service_node"));
     auto nodeList =
         QelDNSJSONValue::stringArrayValue(QelDNSJSONValue::member(answer, "service_node_list"));
 
     if (!answeredId || !authId || *answeredId != *authId) {
-        completion(QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kLoginInvalidDataMessage),
-                   std::nullopt, std::nullopt);
+        completion(
+            QelDNSUntil::errorCode(codes::kLoginInvalidData, codes::kLoginInvalidDataMessage),
+            std::nullopt, std::nullopt);
     } else if (bestNode && !bestNode->empty()) {
         completion(std::nullopt, bestNode, std::move(nodeList));
     } else if (nodeList && !nodeList->empty()) {

@@ -19,9 +19,9 @@ class QelDNSAppAuth : public QelDNSRequest {
 public:
     /// Receives (error, nothing, nothing) on failure, or (nothing, node, list) on success,
     /// where the list is the service's "service_node_list" as received (possibly absent).
-    using Completion = std::function<void(std::optional<QelDNSError> error,
-                                          std::optional<std::string> node,
-                                          std::optional<std::vector<std::string>> nodeList)>;
+    using Completion =
+        std::function<void(std::optional<QelDNSError> error, std::optional<std::string> node,
+                           std::optional<std::vector<std::string>> nodeList)>;
 
     /// Sends the login to `url` (a base URL, scheme and host; the path is appended as it is).
     /// The completion runs once, on the platform thread; it is never called when the
@@ -32,9 +32,9 @@ public:
     /// "invalid data"; a non-empty "best_service_node" text is the node; else the first
     /// element of "service_node_list"; else -20001 "empty data". Values of the wrong JSON type
     /// count as absent (a non-string node, a list that is not an array); a list element that
-    /// is not text is kept as its JSON text, so positions match the service's list. A request that cannot be signed (OpenSSL computes no MD5) is not
-    /// sent: its completion receives -30000 "request error" on the calling thread, before this
-    /// returns.
+    /// is not text is kept as its JSON text, so positions match the service's list. A request that
+    /// cannot be signed (OpenSSL computes no MD5) is not sent: its completion receives -30000
+    /// "request error" on the calling thread, before this returns.
     static void authWithUrl(const std::optional<std::string>& url,
                             const std::optional<std::string>& authId,
                             const std::optional<std::string>& authSecret, Completion completion);

@@ -44,13 +44,15 @@ void QelDNSGetIPs::handleAnswer(const std::optional<std::string>& domain, int32_
     const int32_t ttl = QelDNSJSONValue::int32Value(QelDNSJSONValue::member(answer, "ttl"));
 
     if (!host || !domain || *host != *domain) {
-        completion(QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kResolveInvalidDataMessage),
-                   nullptr);
+        completion(
+            QelDNSUntil::errorCode(codes::kResolveInvalidData, codes::kResolveInvalidDataMessage),
+            nullptr);
         return;
     }
     if (!ips || ips->empty()) {
-        completion(QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage),
-                   nullptr);
+        completion(
+            QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage),
+            nullptr);
         return;
     }
     auto records = std::make_shared<QelDNSIPModelList>();
@@ -82,11 +84,11 @@ void QelDNSGetIPs::getIPsWithUrl(const std::optional<std::string>& url, int32_t 
                      std::nullopt);
         return;
     }
-    const std::string requestUrl =
-        QelDNSNullable::text(url) + path + "?timestamp=" +
-        std::to_string(static_cast<int64_t>(timestamp)) + "&host=" + QelDNSNullable::text(domain) +
-        "&type=" + std::to_string(type) +
-        "&app_id=" + QelDNSNullable::text(package);
+    const std::string requestUrl = QelDNSNullable::text(url) + path +
+                                   "?timestamp=" + std::to_string(static_cast<int64_t>(timestamp)) +
+                                   "&host=" + QelDNSNullable::text(domain) +
+                                   "&type=" + std::to_string(type) +
+                                   "&app_id=" + QelDNSNullable::text(package);
     const nlohmann::json headers = {{"Authorization", "MD5 " + sign}};
     get(requestUrl, headers,
         [domain, type, completion = std::move(completion)](std::optional<QelDNSError> error,
@@ -105,5 +107,6 @@ std::string QelDNSGetIPs::calcSignWithAuthSecret(const std::optional<std::string
 void QelDNSGetIPs::getIPsWithDomains(const std::vector<std::string>& /*domains*/,
                                      Completion /*completion*/) {
     post(std::string(QelDNS_SDK_NET_DEFAULT_BASE_URL), nlohmann::json::object(),
-         nlohmann::json::object(), [](std::optional<QelDNSError>, std::optional<nlohmann::json>) {});
+         nlohmann::json::object(),
+         [](std::optional<QelDNSError>, std::optional<nlohmann::json>) {});
 }

@@ -30,9 +30,9 @@ public:
     /// a "host" that is not exactly `domain` is -20002 "invalid data"; a missing or empty
     /// "ip_list" is -20003 "empty data"; otherwise one record per address, in order, with the
     /// answer's "ttl" (0 when absent) and its own lookup time. Values of the wrong JSON type
-    /// count as absent; an address that is not text is kept as its JSON text. A request that cannot be signed
-    /// (OpenSSL computes no MD5) is not sent: its completion receives -30000 "request error"
-    /// on the calling thread, before this returns.
+    /// count as absent; an address that is not text is kept as its JSON text. A request that cannot
+    /// be signed (OpenSSL computes no MD5) is not sent: its completion receives -30000 "request
+    /// error" on the calling thread, before this returns.
     static void getIPsWithUrl(const std::optional<std::string>& url, int32_t type,
                               const std::optional<std::string>& authId,
                               const std::optional<std::string>& authSecret,

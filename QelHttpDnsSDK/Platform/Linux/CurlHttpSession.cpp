@@ -213,11 +213,11 @@ struct CurlHttpSession::Transfer {
         if (refusal) {
             response.error = *refusal;
         } else if (bodyTooLarge || result == CURLE_FILESIZE_EXCEEDED) {
-            response.error = "response body larger than " + std::to_string(kMaxResponseBodyBytes) +
-                             " bytes";
+            response.error =
+                "response body larger than " + std::to_string(kMaxResponseBodyBytes) + " bytes";
         } else if (result != CURLE_OK) {
-            response.error = errorBuffer[0] ? std::string(errorBuffer)
-                                            : std::string(curl_easy_strerror(result));
+            response.error =
+                errorBuffer[0] ? std::string(errorBuffer) : std::string(curl_easy_strerror(result));
         }
         return response;
     }

@@ -164,7 +164,7 @@ void EventLoop::dispatchFdEvents(const epoll_event* events, int count) {
             continue;
         }
         auto it = watches_.find(id);
-        if (it == watches_.end()) continue;  // removed by an earlier handler of this batch
+        if (it == watches_.end()) continue;      // removed by an earlier handler of this batch
         FdHandler handler = it->second.handler;  // a handler may unwatch itself
         runGuarded([&handler, &events, i] { handler(events[i].events); });
     }

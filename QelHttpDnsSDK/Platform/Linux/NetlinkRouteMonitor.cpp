@@ -109,16 +109,18 @@ std::optional<ParsedLink> parseLink(const nlmsghdr& message) {
     link.index = info->ifi_index;
     link.flags = info->ifi_flags;
     link.hardwareType = info->ifi_type;
-    forEachAttribute(IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(&message)),
-                     [&](unsigned short type, const void* data, size_t length) {
-        if (type == IFLA_IFNAME) link.name = readString(data, length);
-        if (type == IFLA_LINKINFO) {
-            forEachAttribute(static_cast<const rtattr*>(data), static_cast<int>(length),
-                             [&](unsigned short inner, const void* innerData, size_t innerLength) {
-                if (inner == IFLA_INFO_KIND) link.kind = readString(innerData, innerLength);
-            });
-        }
-    });
+    forEachAttribute(
+        IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(&message)),
+        [&](unsigned short type, const void* data, size_t length) {
+            if (type == IFLA_IFNAME) link.name = readString(data, length);
+            if (type == IFLA_LINKINFO) {
+                forEachAttribute(
+                    static_cast<const rtattr*>(data), static_cast<int>(length),
+                    [&](unsigned short inner, const void* innerData, size_t innerLength) {
+                        if (inner == IFLA_INFO_KIND) link.kind = readString(innerData, innerLength);
+                    });
+            }
+        });
     return link;
 }
 
@@ -216,7 +218,8 @@ void NetlinkRouteMonitor::retry() {
         return fail("cannot open rtnetlink (" + std::string(std::strerror(errno)) + ")");
     }
     if (watch_ == 0 && !watch()) {
-        return fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) + ")");
+        return fail("cannot watch the rtnetlink socket (" + std::string(std::strerror(errno)) +
+                    ")");
     }
     if (!resync()) return fail("cannot dump the routes");
     retryDelay_ = 0;
@@ -256,7 +259,8 @@ NetlinkRouteMonitor::Outcome NetlinkRouteMonitor::transact(nlmsghdr& request,
 
     bool interrupted = false;
     for (;;) {
-        const ssize_t received = ::recv(requestFd_, requestBuffer_.data(), requestBuffer_.size(), 0);
+        const ssize_t received =
+            ::recv(requestFd_, requestBuffer_.data(), requestBuffer_.size(), 0);
         if (received < 0 && errno == EINTR) continue;
         if (received <= 0) return Outcome::Failed;  // includes the receive time-out
         int left = static_cast<int>(received);
@@ -323,26 +327,28 @@ std::optional<NetlinkRouteMonitor::Route> NetlinkRouteMonitor::parseRoute(const 
     route.flags = header->rtm_flags;
     forEachAttribute(RTM_RTA(header), static_cast<int>(RTM_PAYLOAD(&message)),
                      [&](unsigned short type, const void* data, size_t length) {
-        switch (type) {
-            case RTA_TABLE: route.table = readU32(data, length); break;
-            case RTA_PRIORITY: route.priority = readU32(data, length); break;
-            case RTA_OIF: route.oif = static_cast<int>(readU32(data, length)); break;
-            case RTA_GATEWAY:
-                route.gateway.assign(static_cast<const char*>(data), length);
-                break;
-            case RTA_MULTIPATH: {
-                auto* hop = static_cast<const rtnexthop*>(data);
-                int left = static_cast<int>(length);
-                while (RTNH_OK(hop, left)) {
-                    route.interfaces.push_back(hop->rtnh_ifindex);
-                    left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
-                    hop = RTNH_NEXT(hop);
-                }
-                break;
-            }
-            default: break;
-        }
-    });
+                         switch (type) {
+                             case RTA_TABLE: route.table = readU32(data, length); break;
+                             case RTA_PRIORITY: route.priority = readU32(data, length); break;
+                             case RTA_OIF:
+                                 route.oif = static_cast<int>(readU32(data, length));
+                                 break;
+                             case RTA_GATEWAY:
+                                 route.gateway.assign(static_cast<const char*>(data), length);
+                                 break;
+                             case RTA_MULTIPATH: {
+                                 auto* hop = static_cast<const rtnexthop*>(data);
+                                 int left = static_cast<int>(length);
+                                 while (RTNH_OK(hop, left)) {
+                                     route.interfaces.push_back(hop->rtnh_ifindex);
+                                     left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
+                                     hop = RTNH_NEXT(hop);
+                                 }
+                                 break;
+                             }
+                             default: break;
+                         }
+                     });
     if (route.oif != 0) route.interfaces.push_back(route.oif);
     return route;
 }
@@ -353,9 +359,9 @@ bool NetlinkRouteMonitor::Route::isDefaultUnicast() const {
 }
 
 NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flags,
-                                                         unsigned short hardwareType,
-                                                         const std::string& name,
-                                                         const std::string& kind) {
+                                                        unsigned short hardwareType,
+                                                        const std::string& name,
+                                                        const std::string& kind) {
     Link link;
     link.adminUp = (flags & IFF_UP) != 0;
     // IFF_RUNNING: the kernel sees a carrier; a link without one carries no traffic even
@@ -382,8 +388,8 @@ void NetlinkRouteMonitor::onReadable() {
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
                 // The socket is broken: start over with new ones.
-                const std::string what = "rtnetlink read failed (" +
-                                         std::string(std::strerror(errno)) + ")";
+                const std::string what =
+                    "rtnetlink read failed (" + std::string(std::strerror(errno)) + ")";
                 closeSockets();
                 return fail(what);
             }
@@ -397,15 +403,10 @@ void NetlinkRouteMonitor::onReadable() {
                 case RTM_DELLINK:
                     if (applyLink(*message)) mustResync = true;
                     break;
-                case RTM_DELADDR:
-                    mustResync = true;
-                    break;
+                case RTM_DELADDR: mustResync = true; break;
                 case RTM_NEWROUTE:
-                case RTM_DELROUTE:
-                    applyRoute(*message);
-                    break;
-                default:
-                    break;
+                case RTM_DELROUTE: applyRoute(*message); break;
+                default: break;
             }
             changed = true;
         }
@@ -426,8 +427,8 @@ bool NetlinkRouteMonitor::applyLink(const nlmsghdr& message) {
         links_.erase(parsed->index);
         return true;
     }
-    Link link = makeLink(parsed->index, parsed->flags, parsed->hardwareType, parsed->name,
-                         parsed->kind);
+    Link link =
+        makeLink(parsed->index, parsed->flags, parsed->hardwareType, parsed->name, parsed->kind);
     qel::platform::MutexLock lock(stateMutex_);
     auto it = links_.find(parsed->index);
     const bool wentDown = it != links_.end() && it->second.adminUp && !link.adminUp;
@@ -565,7 +566,8 @@ bool NetlinkRouteMonitor::routeFlags(const sockaddr* address, uint32_t& flags) {
             cellular = link->second.cellular;
         }
     }
-    flags = ReachabilityFlags::Reachable | (answer->gateway.empty() ? ReachabilityFlags::IsDirect : 0u) |
+    flags = ReachabilityFlags::Reachable |
+            (answer->gateway.empty() ? ReachabilityFlags::IsDirect : 0u) |
             (cellular ? ReachabilityFlags::IsWWAN : 0u);
     return true;
 }

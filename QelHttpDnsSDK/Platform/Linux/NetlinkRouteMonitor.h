@@ -136,21 +136,21 @@ private:
     uint32_t computeInternetFlags() const QEL_REQUIRES(stateMutex_);
 
     EventLoop& loop_;
-    int eventFd_ = -1;    // subscribed; loop thread only, once `start` posted to it
+    int eventFd_ = -1;  // subscribed; loop thread only, once `start` posted to it
     int requestFd_ QEL_GUARDED_BY(requestMutex_) = -1;  // dumps and route queries
-    EventLoop::WatchId watch_ = 0;  // of eventFd_; loop thread only
-    EventLoop::TimerId retry_ = 0;  // the pending retry; loop thread only
-    double retryDelay_ = 0;         // loop thread only
-    bool failureSaid_ = false;      // loop thread only
+    EventLoop::WatchId watch_ = 0;                      // of eventFd_; loop thread only
+    EventLoop::TimerId retry_ = 0;                      // the pending retry; loop thread only
+    double retryDelay_ = 0;                             // loop thread only
+    bool failureSaid_ = false;                          // loop thread only
 
     qel::platform::Mutex requestMutex_;
     uint32_t sequence_ QEL_GUARDED_BY(requestMutex_) = 0;
     std::vector<char> requestBuffer_ QEL_GUARDED_BY(requestMutex_);
-    std::vector<char> eventBuffer_;         // platform thread only
+    std::vector<char> eventBuffer_;  // platform thread only
 
     mutable qel::platform::Mutex stateMutex_;
     std::unordered_map<int, Link> links_ QEL_GUARDED_BY(stateMutex_);  // by interface index
-    std::vector<Route> routes_ QEL_GUARDED_BY(stateMutex_);  // default unicast only
+    std::vector<Route> routes_ QEL_GUARDED_BY(stateMutex_);            // default unicast only
 
     std::atomic<bool> known_{false};
     std::atomic<uint32_t> internetFlags_{ReachabilityFlags::Reachable};

@@ -98,8 +98,9 @@ std::optional<std::string> notPrivate(const struct stat& status, const char* wha
     if (status.st_mode & (directory ? (S_IWGRP | S_IWOTH) : (S_IRWXG | S_IRWXO))) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-        return std::string(what) + (directory ? " is writable by its group or others (mode "
-                                              : " is open to its group or others (mode ") +
+        return std::string(what) +
+               (directory ? " is writable by its group or others (mode "
+                          : " is open to its group or others (mode ") +
                mode + ")";
     }
     return std::nullopt;
@@ -205,9 +206,9 @@ bool SqliteUserDefaults::open() {
             return false;
         }
     }
-    int rc = sqlite3_open_v2(path_.c_str(), &db_,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(path_.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) return failOpenLocked(rc);
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, locked_ ? 0 : kBusyTimeoutMillis);
@@ -269,7 +270,8 @@ void SqliteUserDefaults::noteLockedLocked() {
     locked_ = true;
     // The lock may last: later operations try it once rather than each waiting in turn.
     if (db_) sqlite3_busy_timeout(db_, 0);
-    pendingReports_.push_back(prefix() + "locked by another connection; writes are skipped "
+    pendingReports_.push_back(prefix() +
+                              "locked by another connection; writes are skipped "
                               "until it releases the lock");
 }
 
@@ -377,9 +379,9 @@ void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
     int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (rc == SQLITE_OK) {
         // A null pointer would store NULL, not an empty blob.
-        rc = value.empty() ? sqlite3_bind_zeroblob(upsert_, 2, 0)
-                           : sqlite3_bind_blob64(upsert_, 2, value.data(), value.size(),
-                                                 SQLITE_STATIC);
+        rc = value.empty()
+                 ? sqlite3_bind_zeroblob(upsert_, 2, 0)
+                 : sqlite3_bind_blob64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC);
     }
     writeBoundLocked(upsert_, rc, "write");
 }
@@ -389,7 +391,8 @@ void SqliteUserDefaults::setString(const std::string& key, const std::string& va
     if (!readyLocked()) return;
     int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (rc == SQLITE_OK) {
-        rc = sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
+        rc =
+            sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
     }
     writeBoundLocked(upsert_, rc, "write");
 }

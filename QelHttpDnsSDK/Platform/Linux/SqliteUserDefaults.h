@@ -94,13 +94,15 @@ private:
     bool readyLocked() QEL_REQUIRES(mutex_);
     std::string prefix() const;
     // Steps `statement`; reports a failure once, or notes a lock in the way or gone.
-    int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes) QEL_REQUIRES(mutex_);
+    int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes)
+        QEL_REQUIRES(mutex_);
     void noteLockedLocked() QEL_REQUIRES(mutex_);
     void noteWrittenLocked() QEL_REQUIRES(mutex_);
     // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
     bool selectLocked(const std::string& key) QEL_REQUIRES(mutex_);
     void finishLocked(sqlite3_stmt* statement) QEL_REQUIRES(mutex_);
-    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation) QEL_REQUIRES(mutex_);
+    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation)
+        QEL_REQUIRES(mutex_);
     void reportOnceLocked(const char* operation, int resultCode) QEL_REQUIRES(mutex_);
 
     const std::string path_;
@@ -111,9 +113,11 @@ private:
     sqlite3_stmt* delete_ QEL_GUARDED_BY(mutex_) = nullptr;
     sqlite3_stmt* keys_ QEL_GUARDED_BY(mutex_) = nullptr;
     bool reported_ QEL_GUARDED_BY(mutex_) = false;
-    bool locked_ QEL_GUARDED_BY(mutex_) = false;     // another connection's lock got in the way and no write since
+    bool locked_ QEL_GUARDED_BY(mutex_) =
+        false;  // another connection's lock got in the way and no write since
     bool retryOpen_ QEL_GUARDED_BY(mutex_) = false;  // the last open failed on a lock
-    std::vector<std::string> pendingReports_ QEL_GUARDED_BY(mutex_);  // written to the Console once the lock is released
+    std::vector<std::string> pendingReports_
+        QEL_GUARDED_BY(mutex_);  // written to the Console once the lock is released
 };
 
 }  // namespace qel::platform

@@ -55,6 +55,8 @@ std::string StandardErrorLog::formatLine(std::string_view message) {
     return line;
 }
 
-void StandardErrorLog::write(std::string_view message) { writeAll(STDERR_FILENO, formatLine(message)); }
+void StandardErrorLog::write(std::string_view message) {
+    writeAll(STDERR_FILENO, formatLine(message));
+}
 
 }  // namespace qel::platform

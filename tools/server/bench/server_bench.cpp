@@ -40,7 +40,8 @@ constexpr char kSecret[] = "s3cr3t";
 constexpr char kAppId[] = "com.example.app";
 constexpr char kHost[] = "www.example.test";
 constexpr int kRequestsPerIteration = 100;
-constexpr char kBody[] = R"({"host":"www.example.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":60})";
+constexpr char kBody[] =
+    R"({"host":"www.example.test","ip_list":["192.0.2.10","192.0.2.11"],"ttl":60})";
 constexpr int kSlowClients = 1000;
 
 struct Request {
@@ -52,8 +53,9 @@ struct Request {
 const Request& login() {
     static const Request made = [] {
         const std::string timestamp = std::to_string(Service::systemMilliseconds());
-        return Request{"/" + std::string(kAuthId) + "/service?timestamp=" + timestamp + "&app_id=" + kAppId,
-                       {{"Authorization", "MD5 " + loginSignature(kAppId, timestamp, kSecret)}}};
+        return Request{
+            "/" + std::string(kAuthId) + "/service?timestamp=" + timestamp + "&app_id=" + kAppId,
+            {{"Authorization", "MD5 " + loginSignature(kAppId, timestamp, kSecret)}}};
     }();
     return made;
 }
@@ -62,10 +64,11 @@ const Request& login() {
 const Request& request() {
     static const Request made = [] {
         const std::string timestamp = std::to_string(Service::systemMilliseconds());
-        return Request{"/" + std::string(kAuthId) + "/resolve?timestamp=" + timestamp + "&host=" + kHost +
-                           "&type=1&app_id=" + kAppId,
-                       {{"Content-Type", "application/json;charset=UTF-8"},
-                        {"Authorization", "MD5 " + resolveSignature(kAppId, kHost, timestamp, "1", kSecret)}}};
+        return Request{
+            "/" + std::string(kAuthId) + "/resolve?timestamp=" + timestamp + "&host=" + kHost +
+                "&type=1&app_id=" + kAppId,
+            {{"Content-Type", "application/json;charset=UTF-8"},
+             {"Authorization", "MD5 " + resolveSignature(kAppId, kHost, timestamp, "1", kSecret)}}};
     }();
     return made;
 }
@@ -78,8 +81,11 @@ public:
         accounts.add(kAuthId, kSecret);
         service_ = std::make_unique<Service>(
             std::move(accounts),
-            Zone::parse("www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n", "bench"), log_);
-        listener_ = std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}}, limits);
+            Zone::parse("www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n",
+                        "bench"),
+            log_);
+        listener_ =
+            std::make_unique<Listener>(*service_, std::vector<Endpoint>{{"127.0.0.1", 0}}, limits);
         service_->setNodes({listener_->endpoints()[0].url()});
         listener_->start();
     }
@@ -96,23 +102,24 @@ private:
 class BareMicrohttpd {
 public:
     BareMicrohttpd() {
-        daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0, nullptr,
-                                   nullptr, &answer, nullptr, MHD_OPTION_THREAD_POOL_SIZE, 16u,
-                                   MHD_OPTION_CONNECTION_MEMORY_LIMIT, Listener::kHeadBytes, MHD_OPTION_END);
+        daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0,
+                                   nullptr, nullptr, &answer, nullptr, MHD_OPTION_THREAD_POOL_SIZE,
+                                   16u, MHD_OPTION_CONNECTION_MEMORY_LIMIT, Listener::kHeadBytes,
+                                   MHD_OPTION_END);
         port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
     }
     int port() const { return port_; }
 
 private:
-    static MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*, const char*,
-                             const char*, size_t*, void** context) {
+    static MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*,
+                             const char*, const char*, size_t*, void** context) {
         static int seen;
         if (!*context) {  // answering at the head would close the kept-alive connection
             *context = &seen;
             return MHD_YES;
         }
-        MHD_Response* response =
-            MHD_create_response_from_buffer(sizeof kBody - 1, const_cast<char*>(kBody), MHD_RESPMEM_MUST_COPY);
+        MHD_Response* response = MHD_create_response_from_buffer(
+            sizeof kBody - 1, const_cast<char*>(kBody), MHD_RESPMEM_MUST_COPY);
         MHD_add_response_header(response, "Content-Type", "application/json");
         const MHD_Result queued = MHD_queue_response(connection, 200, response);
         MHD_destroy_response(response);
@@ -204,7 +211,8 @@ void run(benchmark::State& state, int port, const Request& sent, const char* exp
     for (auto _ : state) {
         for (int i = 0; i < kRequestsPerIteration; ++i) {
             const auto answer = client.Get(sent.target.c_str(), sent.headers);
-            if (!answer || answer->status != 200 || answer->body.find(expected) == std::string::npos) {
+            if (!answer || answer->status != 200 ||
+                answer->body.find(expected) == std::string::npos) {
                 ++failures;
             }
         }
@@ -213,10 +221,18 @@ void run(benchmark::State& state, int port, const Request& sent, const char* exp
     if (failures) state.SkipWithError("requests failed");
 }
 
-void BM_Resolve_BareHandler(benchmark::State& state) { run(state, bareMicrohttpdPort(), request(), "192.0.2.11"); }
-void BM_Resolve_BareHttplib(benchmark::State& state) { run(state, bareHttplibPort(), request(), "192.0.2.11"); }
-void BM_Resolve_Service(benchmark::State& state) { run(state, servicePort(), request(), "192.0.2.11"); }
-void BM_Login_Service(benchmark::State& state) { run(state, servicePort(), login(), "best_service_node"); }
+void BM_Resolve_BareHandler(benchmark::State& state) {
+    run(state, bareMicrohttpdPort(), request(), "192.0.2.11");
+}
+void BM_Resolve_BareHttplib(benchmark::State& state) {
+    run(state, bareHttplibPort(), request(), "192.0.2.11");
+}
+void BM_Resolve_Service(benchmark::State& state) {
+    run(state, servicePort(), request(), "192.0.2.11");
+}
+void BM_Login_Service(benchmark::State& state) {
+    run(state, servicePort(), login(), "best_service_node");
+}
 void BM_Login_ServiceWithSlowClients(benchmark::State& state) {
     run(state, besiegedPort(), login(), "best_service_node");
 }
@@ -235,18 +251,22 @@ int main(int argc, char** argv) {
     bareHttplibPort();
     besiegedPort();
     return qel::bench::run(argc, argv, [](const qel::bench::MedianReporter& medians) {
-        const auto ratio = [&](const std::string& what, const char* ours, const char* base, int threads) {
+        const auto ratio = [&](const std::string& what, const char* ours, const char* base,
+                               int threads) {
             const auto a = medians.counter(ours, "items_per_second", threads);
             const auto b = medians.counter(base, "items_per_second", threads);
             if (!a || !b) return;
-            std::printf("%-40s %9.0f req/s against %9.0f req/s   ratio %.3f\n", what.c_str(), *a, *b, *a / *b);
+            std::printf("%-40s %9.0f req/s against %9.0f req/s   ratio %.3f\n", what.c_str(), *a,
+                        *b, *a / *b);
         };
         for (const int threads : {1, 4}) {
             const std::string connections = ", " + std::to_string(threads) + " conn.";
-            ratio("resolve, service / bare" + connections, "BM_Resolve_Service", "BM_Resolve_BareHandler", threads);
-            ratio("resolve, service / bare httplib" + connections, "BM_Resolve_Service", "BM_Resolve_BareHttplib",
-                  threads);
+            ratio("resolve, service / bare" + connections, "BM_Resolve_Service",
+                  "BM_Resolve_BareHandler", threads);
+            ratio("resolve, service / bare httplib" + connections, "BM_Resolve_Service",
+                  "BM_Resolve_BareHttplib", threads);
         }
-        ratio("login, 1000 slow clients / none", "BM_Login_ServiceWithSlowClients", "BM_Login_Service", 1);
+        ratio("login, 1000 slow clients / none", "BM_Login_ServiceWithSlowClients",
+              "BM_Login_Service", 1);
     });
 }

@@ -9,7 +9,8 @@ namespace qel::server {
 
 std::string utcTimestamp(std::chrono::system_clock::time_point at) {
     using namespace std::chrono;
-    const auto milliseconds = duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count();
+    const auto milliseconds =
+        duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count();
     const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
     // The date and time of day change once a second; a busy server writes many lines in one.
     thread_local std::time_t cachedSecond = -1;
@@ -26,11 +27,13 @@ std::string utcTimestamp(std::chrono::system_clock::time_point at) {
     return std::string(cached, cachedLength) + fraction;
 }
 
-std::string AccessLog::format(const AccessRecord& record, std::chrono::system_clock::time_point at) {
+std::string AccessLog::format(const AccessRecord& record,
+                              std::chrono::system_clock::time_point at) {
     std::string line;
     line.reserve(160 + record.path.size() + record.detail.size());
     line += utcTimestamp(at);
-    for (const std::string* field : {&record.remote, &record.account, &record.method, &record.path}) {
+    for (const std::string* field :
+         {&record.remote, &record.account, &record.method, &record.path}) {
         line += ' ';
         line += field->empty() ? "-" : *field;
     }
@@ -51,7 +54,8 @@ void AccessLog::access(const AccessRecord& record) {
 }
 
 void AccessLog::message(const std::string& text) {
-    write(messages_, utcTimestamp(std::chrono::system_clock::now()) + " qel-httpdns-server: " + text);
+    write(messages_,
+          utcTimestamp(std::chrono::system_clock::now()) + " qel-httpdns-server: " + text);
 }
 
 void AccessLog::write(std::FILE* file, const std::string& line) {

@@ -14,10 +14,10 @@ struct AccessRecord {
     std::string remote;   // "127.0.0.1:54321"
     std::string account;  // the AuthId of the path, "-" when there is none
     std::string method;
-    std::string path;     // decoded, without the query
-    int status = 0;       // the HTTP status sent
+    std::string path;  // decoded, without the query
+    int status = 0;    // the HTTP status sent
     std::chrono::microseconds duration{0};
-    std::string detail;   // what was asked and answered, or why it was refused
+    std::string detail;  // what was asked and answered, or why it was refused
 };
 
 class AccessLog {

@@ -17,7 +17,8 @@ Endpoint parseEndpoint(const std::string& text, int defaultPort) {
         if (close == std::string::npos) throw std::invalid_argument("'" + text + "': missing ']'");
         endpoint.host = text.substr(1, close - 1);
         if (close + 1 < text.size()) {
-            if (text[close + 1] != ':') throw std::invalid_argument("'" + text + "': expected ':' after ']'");
+            if (text[close + 1] != ':')
+                throw std::invalid_argument("'" + text + "': expected ':' after ']'");
             portText = text.substr(close + 2);
         }
     } else {
@@ -27,8 +28,10 @@ Endpoint parseEndpoint(const std::string& text, int defaultPort) {
             throw std::invalid_argument("'" + text + "': write an IPv6 address as [ADDRESS]:PORT");
         }
         endpoint.host = text.substr(0, colon);
-        if (colon != std::string::npos) portText = text.substr(colon + 1);
-        else if (defaultPort == 0) throw std::invalid_argument("'" + text + "': expected HOST:PORT");
+        if (colon != std::string::npos)
+            portText = text.substr(colon + 1);
+        else if (defaultPort == 0)
+            throw std::invalid_argument("'" + text + "': expected HOST:PORT");
     }
     if (endpoint.host.empty()) throw std::invalid_argument("'" + text + "': empty host");
     if (portText.empty() && (text.back() == ':' || defaultPort == 0)) {

@@ -44,7 +44,8 @@ void HeadDeadlines::closed(const void* connection) {
 
 void HeadDeadlines::watch() {
     // A tenth of the limit, within bounds: a late cut costs little, a busy scan costs more.
-    const auto period = std::clamp(limit_ / 10, std::chrono::milliseconds(20), std::chrono::milliseconds(500));
+    const auto period =
+        std::clamp(limit_ / 10, std::chrono::milliseconds(20), std::chrono::milliseconds(500));
     std::unique_lock<std::mutex> lock(mutex_);
     while (!wake_.wait_for(lock, period, [this] { return stopping_; })) {
         const Clock::time_point now = Clock::now();

@@ -43,8 +43,8 @@ private:
     const std::chrono::milliseconds limit_;
     std::mutex mutex_;
     std::condition_variable wake_;
-    bool stopping_ = false;                            // guarded by mutex_
-    std::unordered_map<const void*, Entry> entries_;   // guarded by mutex_
+    bool stopping_ = false;                           // guarded by mutex_
+    std::unordered_map<const void*, Entry> entries_;  // guarded by mutex_
     std::thread thread_;
 };
 

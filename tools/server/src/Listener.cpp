@@ -37,7 +37,8 @@ int listenOn(const Endpoint& endpoint) {
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     const int status =
         getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
-    if (status != 0) throw ListenError("cannot listen on " + endpoint.text() + ": " + gai_strerror(status));
+    if (status != 0)
+        throw ListenError("cannot listen on " + endpoint.text() + ": " + gai_strerror(status));
     std::string reason = "no address";
     int fd = -1;
     for (addrinfo* at = found; at && fd < 0; at = at->ai_next) {
@@ -97,7 +98,8 @@ struct Listener::Callbacks {
     };
 
     static Connection* of(MHD_Connection* connection) {
-        const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+        const MHD_ConnectionInfo* info =
+            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
         return info ? static_cast<Connection*>(info->socket_context) : nullptr;
     }
 
@@ -105,8 +107,10 @@ struct Listener::Callbacks {
                        MHD_ConnectionNotificationCode code) {
         auto* listener = static_cast<Listener*>(cls);
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-            const MHD_ConnectionInfo* client = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-            const MHD_ConnectionInfo* socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+            const MHD_ConnectionInfo* client =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+            const MHD_ConnectionInfo* socket =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
             auto* state = new Connection;
             state->remote = remoteText(client ? client->client_addr : nullptr);
             *context = state;
@@ -147,18 +151,20 @@ struct Listener::Callbacks {
         Service::Request request;
         request.method = method;
         request.target = state->target;
-        const char* authorization = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Authorization");
+        const char* authorization =
+            MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Authorization");
         request.authorization = authorization ? authorization : "";
         request.remote = state->remote;
-        request.headerFields =
-            static_cast<size_t>(std::max(0, MHD_get_connection_values(connection, MHD_HEADER_KIND, nullptr, nullptr)));
+        request.headerFields = static_cast<size_t>(
+            std::max(0, MHD_get_connection_values(connection, MHD_HEADER_KIND, nullptr, nullptr)));
         const Service::Reply reply = listener->service_.handle(request);
 
         MHD_Response* response = MHD_create_response_from_buffer(
             reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
         if (!response) return MHD_NO;
         MHD_add_response_header(response, "Content-Type", "application/json");
-        const MHD_Result queued = MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
+        const MHD_Result queued =
+            MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
         MHD_destroy_response(response);
         if (queued == MHD_YES) {
             state->queued = true;
@@ -167,7 +173,8 @@ struct Listener::Callbacks {
         return queued;
     }
 
-    static void completed(void* cls, MHD_Connection*, void** context, MHD_RequestTerminationCode code) {
+    static void completed(void* cls, MHD_Connection*, void** context,
+                          MHD_RequestTerminationCode code) {
         auto* listener = static_cast<Listener*>(cls);
         auto* state = static_cast<Connection*>(*context);
         if (!state) return;
@@ -202,21 +209,18 @@ Listener::~Listener() {
 void Listener::start() {
     // The connection limit is shared out among the event loops: each needs at least one.
     const auto threads = static_cast<unsigned>(std::min(limits_.threads, limits_.connections));
-    const auto idle = static_cast<unsigned>(std::max<long long>(1, (limits_.head.count() + 999) / 1000));
+    const auto idle =
+        static_cast<unsigned>(std::max<long long>(1, (limits_.head.count() + 999) / 1000));
     for (const int fd : sockets_) {
         MHD_Daemon* daemon = MHD_start_daemon(
             MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0, nullptr, nullptr,
-            &Callbacks::answer, this,
-            MHD_OPTION_LISTEN_SOCKET, fd,
-            MHD_OPTION_THREAD_POOL_SIZE, threads > 1 ? threads : 0u,
-            MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits_.connections),
-            MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits_.perPeer),
-            MHD_OPTION_CONNECTION_TIMEOUT, idle,
-            MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeadBytes,
-            MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::notify, this,
-            MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::requestLine, this,
-            MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this,
-            MHD_OPTION_END);
+            &Callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_THREAD_POOL_SIZE,
+            threads > 1 ? threads : 0u, MHD_OPTION_CONNECTION_LIMIT,
+            static_cast<unsigned>(limits_.connections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+            static_cast<unsigned>(limits_.perPeer), MHD_OPTION_CONNECTION_TIMEOUT, idle,
+            MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeadBytes, MHD_OPTION_NOTIFY_CONNECTION,
+            &Callbacks::notify, this, MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::requestLine, this,
+            MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this, MHD_OPTION_END);
         if (!daemon) {
             const std::string where = bound_[daemons_.size()].text();
             stop();

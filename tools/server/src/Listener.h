@@ -34,7 +34,7 @@ public:
         size_t threads = 16;                    // event loops per endpoint (answers block one)
         std::chrono::milliseconds head{10000};  // for a head to arrive whole; also the idle limit
         size_t connections = 2048;              // open at once, per endpoint
-        size_t perPeer = 512;                   // open at once from one client address, per endpoint
+        size_t perPeer = 512;  // open at once from one client address, per endpoint
     };
     /// A request head larger than this (request line, fields and their bookkeeping) is refused.
     static constexpr size_t kHeadBytes = 64 * 1024;

@@ -10,8 +10,9 @@ namespace qel::server {
 namespace {
 
 int parseNumber(const std::string& option, const std::string& text, int low, int high) {
-    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos ||
-        std::stoi(text) < low || std::stoi(text) > high) {
+    if (text.empty() || text.size() > 9 ||
+        text.find_first_not_of("0123456789") != std::string::npos || std::stoi(text) < low ||
+        std::stoi(text) > high) {
         throw UsageError(option + " expects a number from " + std::to_string(low) + " to " +
                          std::to_string(high) + ", not '" + text + "'");
     }
@@ -28,7 +29,8 @@ Endpoint endpointOption(const std::string& option, const std::string& text, int 
 
 bool isAddress(const std::string& host) {
     unsigned char bytes[16];
-    return inet_pton(AF_INET, host.c_str(), bytes) == 1 || inet_pton(AF_INET6, host.c_str(), bytes) == 1;
+    return inet_pton(AF_INET, host.c_str(), bytes) == 1 ||
+           inet_pton(AF_INET6, host.c_str(), bytes) == 1;
 }
 
 }  // namespace
@@ -55,7 +57,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
         {"--advertise",
          [&](auto& o, auto& v) {
              if (v.rfind("http://", 0) != 0 && v.rfind("https://", 0) != 0) {
-                 throw UsageError(o + " expects a base URL such as http://127.0.0.1:18054, not '" + v + "'");
+                 throw UsageError(o + " expects a base URL such as http://127.0.0.1:18054, not '" +
+                                  v + "'");
              }
              options.advertised.push_back(v);
          }},
@@ -65,17 +68,28 @@ Options parseOptions(const std::vector<std::string>& arguments) {
          [&](auto& o, auto& v) {
              options.upstream = endpointOption(o, v, 53);
              if (!isAddress(options.upstream->host)) {
-                 throw UsageError(o + " expects an IP address, not the name '" + options.upstream->host + "'");
+                 throw UsageError(o + " expects an IP address, not the name '" +
+                                  options.upstream->host + "'");
              }
          }},
-        {"--upstream-timeout", [&](auto& o, auto& v) { options.upstreamTimeoutMs = parseNumber(o, v, 10, 60000); }},
-        {"--window", [&](auto& o, auto& v) { options.windowSeconds = parseNumber(o, v, 1, 86400 * 366); }},
-        {"--threads", [&](auto& o, auto& v) { options.threads = static_cast<size_t>(parseNumber(o, v, 1, 1024)); }},
-        {"--head-timeout", [&](auto& o, auto& v) { options.headTimeoutSeconds = parseNumber(o, v, 1, 3600); }},
+        {"--upstream-timeout",
+         [&](auto& o, auto& v) { options.upstreamTimeoutMs = parseNumber(o, v, 10, 60000); }},
+        {"--window",
+         [&](auto& o, auto& v) { options.windowSeconds = parseNumber(o, v, 1, 86400 * 366); }},
+        {"--threads",
+         [&](auto& o, auto& v) {
+             options.threads = static_cast<size_t>(parseNumber(o, v, 1, 1024));
+         }},
+        {"--head-timeout",
+         [&](auto& o, auto& v) { options.headTimeoutSeconds = parseNumber(o, v, 1, 3600); }},
         {"--max-connections",
-         [&](auto& o, auto& v) { options.maxConnections = static_cast<size_t>(parseNumber(o, v, 1, 1000000)); }},
+         [&](auto& o, auto& v) {
+             options.maxConnections = static_cast<size_t>(parseNumber(o, v, 1, 1000000));
+         }},
         {"--max-per-peer",
-         [&](auto& o, auto& v) { options.maxPerPeer = static_cast<size_t>(parseNumber(o, v, 1, 1000000)); }},
+         [&](auto& o, auto& v) {
+             options.maxPerPeer = static_cast<size_t>(parseNumber(o, v, 1, 1000000));
+         }},
         {"--access-log", [&](auto&, auto& v) { options.accessLog = v; }},
     };
     for (size_t i = 0; i < arguments.size(); ++i) {

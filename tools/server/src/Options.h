@@ -21,16 +21,16 @@ struct Options {
     std::vector<Endpoint> nodes;          // further listeners, handed out in this order
     std::vector<std::string> advertised;  // when given, the node list handed out instead
     std::string accountsFile;
-    std::string zoneFile;                 // empty: no zone
+    std::string zoneFile;  // empty: no zone
     std::optional<Endpoint> upstream;
     int upstreamTimeoutMs = 2000;
     int windowSeconds = 300;
     size_t threads = 16;
-    int headTimeoutSeconds = 10;    // for a request head to arrive whole
-    size_t maxConnections = 2048;   // per address
-    size_t maxPerPeer = 512;        // from one client address, per address: an application
-                                    // pre-resolving a list opens one per name
-    std::string accessLog = "-";          // "-": standard output
+    int headTimeoutSeconds = 10;   // for a request head to arrive whole
+    size_t maxConnections = 2048;  // per address
+    size_t maxPerPeer = 512;       // from one client address, per address: an application
+                                   // pre-resolving a list opens one per name
+    std::string accessLog = "-";   // "-": standard output
     bool help = false;
 
     /// Every endpoint to listen on: `listen`, then `nodes`.

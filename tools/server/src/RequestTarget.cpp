@@ -65,9 +65,11 @@ RequestTarget parseTarget(const std::string& whole) {
         if (!pair.empty()) {
             const size_t equals = pair.find('=');
             std::string key = percentDecode(pair.substr(0, equals));
-            std::string value =
-                equals == std::string_view::npos ? std::string() : percentDecode(pair.substr(equals + 1));
-            parsed.controlBytes = parsed.controlBytes || hasControlBytes(key) || hasControlBytes(value);
+            std::string value = equals == std::string_view::npos
+                                    ? std::string()
+                                    : percentDecode(pair.substr(equals + 1));
+            parsed.controlBytes =
+                parsed.controlBytes || hasControlBytes(key) || hasControlBytes(value);
             parsed.query.emplace_back(std::move(key), std::move(value));
         }
         start = end + 1;

@@ -15,7 +15,7 @@
 namespace qel::server {
 
 struct RequestTarget {
-    std::string path;                                       // decoded
+    std::string path;                                        // decoded
     std::vector<std::pair<std::string, std::string>> query;  // decoded, in order
     bool controlBytes = false;  // a decoded field holds a byte below 0x20, or 0x7f
     bool encodedSlash = false;  // the path holds an escaped "/", which separates nothing

@@ -57,7 +57,8 @@ std::optional<std::string> signatureOf(const std::string& authorization) {
 std::optional<int64_t> parseMilliseconds(const std::string& text) {
     if (text.empty() || text.size() > 19) return std::nullopt;
     const size_t digits = text[0] == '-' ? 1 : 0;
-    if (digits == text.size() || text.find_first_not_of("0123456789", digits) != std::string::npos) {
+    if (digits == text.size() ||
+        text.find_first_not_of("0123456789", digits) != std::string::npos) {
         return std::nullopt;
     }
     return std::strtoll(text.c_str(), nullptr, 10);
@@ -123,13 +124,15 @@ Reply Service::answer(const std::string& method, const RequestTarget& target,
     // "/<AuthId>/service" or "/<AuthId>/resolve"; the AuthId is all that lies between.
     const size_t last = target.path.rfind('/');
     const std::string endpoint = last == std::string::npos ? "" : target.path.substr(last + 1);
-    const std::string authId = last == std::string::npos || last < 1 ? "" : target.path.substr(1, last - 1);
+    const std::string authId =
+        last == std::string::npos || last < 1 ? "" : target.path.substr(1, last - 1);
     if (target.controlBytes) {
         return refusal(400, "control characters are not allowed in the path or query", authId);
     }
     if (target.path.empty() || target.path[0] != '/' || authId.empty() || target.encodedSlash ||
         (endpoint != "service" && endpoint != "resolve")) {
-        return refusal(404, "no such endpoint: the paths are /<AuthId>/service and /<AuthId>/resolve");
+        return refusal(404,
+                       "no such endpoint: the paths are /<AuthId>/service and /<AuthId>/resolve");
     }
     if (method != "GET") return refusal(405, "method " + method + " not allowed: use GET", authId);
 
@@ -151,8 +154,8 @@ std::string Service::timestampProblem(const State& state, const std::string& tim
            " s allowed";
 }
 
-Reply Service::login(const State& state, const std::string& authId, const std::string& secret, const RequestTarget& target,
-                     const std::string& authorization) const {
+Reply Service::login(const State& state, const std::string& authId, const std::string& secret,
+                     const RequestTarget& target, const std::string& authorization) const {
     const auto timestamp = target.param("timestamp"), appId = target.param("app_id");
     if (!timestamp || !appId) return refusal(400, "timestamp and app_id are required", authId);
     const auto signature = signatureOf(authorization);
@@ -172,12 +175,15 @@ Reply Service::login(const State& state, const std::string& authId, const std::s
     body += ",\"service_node_list\":";
     appendList(body, nodes);
     body += '}';
-    return {200, std::move(body), {}, authId,
+    return {200,
+            std::move(body),
+            {},
+            authId,
             "app_id=" + logSafe(*appId) + " nodes=" + std::to_string(nodes.size())};
 }
 
-Reply Service::resolve(const State& state, const std::string& authId, const std::string& secret, const RequestTarget& target,
-                       const std::string& authorization) const {
+Reply Service::resolve(const State& state, const std::string& authId, const std::string& secret,
+                       const RequestTarget& target, const std::string& authorization) const {
     const auto timestamp = target.param("timestamp"), host = target.param("host"),
                type = target.param("type"), appId = target.param("app_id");
     if (!timestamp || !host || !type || !appId) {
@@ -191,7 +197,8 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
     if (auto problem = timestampProblem(state, *timestamp); !problem.empty()) {
         return refusal(403, problem, authId);
     }
-    if (*type != "1" && *type != "2") return refusal(400, "type must be 1 (IPv4) or 2 (IPv6)", authId);
+    if (*type != "1" && *type != "2")
+        return refusal(400, "type must be 1 (IPv4) or 2 (IPv6)", authId);
     if (host->empty()) return refusal(400, "host is empty", authId);
 
     const AddressType addressType = *type == "1" ? AddressType::V4 : AddressType::V6;
@@ -204,8 +211,10 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
         source = "upstream";
         Upstream::Result result = upstream_->resolve(Zone::canonicalName(*host), addressType);
         if (result.kind == Upstream::Result::Failed) {
-            return refusal(502, "upstream DNS server " + upstream_->server().text() +
-                                    " failed: " + result.error, authId);
+            return refusal(
+                502,
+                "upstream DNS server " + upstream_->server().text() + " failed: " + result.error,
+                authId);
         }
         found = std::move(result.addresses);
     } else {
@@ -225,9 +234,10 @@ Reply Service::resolve(const State& state, const std::string& authId, const std:
 
 Reply Service::handle(const Request& request) const {
     const auto start = std::chrono::steady_clock::now();
-    Reply reply = request.headerFields > kMaxHeaderFields
-                      ? refusal(431, "too many header fields: at most " + std::to_string(kMaxHeaderFields))
-                      : answer(request.method, request.target, request.authorization);
+    Reply reply =
+        request.headerFields > kMaxHeaderFields
+            ? refusal(431, "too many header fields: at most " + std::to_string(kMaxHeaderFields))
+            : answer(request.method, request.target, request.authorization);
     AccessRecord record;
     record.remote = request.remote;
     record.account = logSafe(reply.account);

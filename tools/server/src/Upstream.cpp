@@ -107,7 +107,8 @@ std::unique_ptr<Upstream::Channel> Upstream::borrow() {
     options.timeout = std::max(1, timeoutMs_ / 3);
     options.tries = 2;
     int status = ares_init_options(&made->channel, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES);
-    if (status != ARES_SUCCESS) throw std::runtime_error(std::string("c-ares: ") + ares_strerror(status));
+    if (status != ARES_SUCCESS)
+        throw std::runtime_error(std::string("c-ares: ") + ares_strerror(status));
     status = ares_set_servers_ports_csv(made->channel, server_.text().c_str());
     if (status != ARES_SUCCESS) {
         throw std::runtime_error("upstream " + server_.text() + ": " + ares_strerror(status));
@@ -124,21 +125,25 @@ Upstream::Result Upstream::resolve(const std::string& name, AddressType type) {
     auto channel = borrow();
     Lookup lookup;
     lookup.type = type;
-    ares_query(channel->channel, name.c_str(), ns_c_in, type == AddressType::V4 ? ns_t_a : ns_t_aaaa,
-               &finish, &lookup);
+    ares_query(channel->channel, name.c_str(), ns_c_in,
+               type == AddressType::V4 ? ns_t_a : ns_t_aaaa, &finish, &lookup);
     while (!lookup.done) {
         ares_socket_t sockets[ARES_GETSOCK_MAXNUM];
         const int bits = ares_getsock(channel->channel, sockets, ARES_GETSOCK_MAXNUM);
         pollfd fds[ARES_GETSOCK_MAXNUM];
         nfds_t count = 0;
         for (int i = 0; i < ARES_GETSOCK_MAXNUM; ++i) {
-            const bool readable = ARES_GETSOCK_READABLE(bits, i), writable = ARES_GETSOCK_WRITABLE(bits, i);
+            const bool readable = ARES_GETSOCK_READABLE(bits, i),
+                       writable = ARES_GETSOCK_WRITABLE(bits, i);
             if (!readable && !writable) continue;
-            fds[count++] = {sockets[i], static_cast<short>((readable ? POLLIN : 0) | (writable ? POLLOUT : 0)), 0};
+            fds[count++] = {sockets[i],
+                            static_cast<short>((readable ? POLLIN : 0) | (writable ? POLLOUT : 0)),
+                            0};
         }
         timeval wait{};
         ares_timeout(channel->channel, nullptr, &wait);
-        const int ready = poll(fds, count, static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000) + 1);
+        const int ready =
+            poll(fds, count, static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000) + 1);
         if (ready <= 0) {
             ares_process_fd(channel->channel, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // time-outs
             continue;

@@ -22,7 +22,8 @@ std::string upper(std::string text) {
 }
 
 std::optional<int32_t> parseTtl(const std::string& text) {
-    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+    if (text.empty() || text.size() > 10 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
         return std::nullopt;
     }
     const long long value = std::stoll(text);
@@ -90,23 +91,28 @@ Zone Zone::parse(const std::string& text, const std::string& source) {
         size_t next = 1;
         std::optional<int32_t> ttl;
         if (std::isdigit(static_cast<unsigned char>(fields[next][0]))) {
-            if (!(ttl = parseTtl(fields[next]))) fail("TTL '" + fields[next] + "' is not 0 to 2147483647");
+            if (!(ttl = parseTtl(fields[next])))
+                fail("TTL '" + fields[next] + "' is not 0 to 2147483647");
             ++next;
         }
         if (next < fields.size() && upper(fields[next]) == "IN") ++next;
         if (fields.size() - next != 2) fail("expected NAME [TTL] [IN] A|AAAA ADDRESS");
         const std::string type = upper(fields[next]);
-        if (type != "A" && type != "AAAA") fail("record type " + fields[next] + " is not served (A and AAAA are)");
+        if (type != "A" && type != "AAAA")
+            fail("record type " + fields[next] + " is not served (A and AAAA are)");
         if (!ttl && !(ttl = defaultTtl)) fail("no TTL on the line and no $TTL before it");
 
         const AddressType addressType = type == "A" ? AddressType::V4 : AddressType::V6;
         const auto address = canonicalAddress(fields[next + 1], addressType);
-        if (!address) fail("'" + fields[next + 1] + "' is not an " + (type == "A" ? "IPv4" : "IPv6") + " address");
+        if (!address)
+            fail("'" + fields[next + 1] + "' is not an " + (type == "A" ? "IPv4" : "IPv6") +
+                 " address");
 
         Entry& entry = zone.names_[canonicalName(name)];
         AddressSet& set = addressType == AddressType::V4 ? entry.v4 : entry.v6;
         set.ttl = set.addresses.empty() ? *ttl : std::min(set.ttl, *ttl);
-        if (std::find(set.addresses.begin(), set.addresses.end(), *address) == set.addresses.end()) {
+        if (std::find(set.addresses.begin(), set.addresses.end(), *address) ==
+            set.addresses.end()) {
             set.addresses.push_back(*address);
         }
     }

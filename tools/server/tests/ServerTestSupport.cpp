@@ -16,21 +16,17 @@
 
 namespace qel::server::test {
 
-SignedRequest sdkLogin(int64_t timestamp, const std::string& appId, const std::string& authId,
-                       const std::string& secret) {
+SignedRequest sdkLogin(int64_t timestamp, const std::string& appId, const std::string& authId, const std::string& secret) {
     platform::MainBundle::setIdentifier(appId);
-    return {QelDNSRequest::percentEncode("/" + authId + "/service?timestamp=" + std::to_string(timestamp) +
-                                         "&app_id=" + appId),
+    return {QelDNSRequest::percentEncode("/" + authId + "/service?timestamp=" + std::to_string(timestamp) + "&app_id=" + appId),
             "MD5 " + QelDNSAppAuth::calcSignWithAuthSecret(secret, static_cast<double>(timestamp))};
 }
 
-SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp,
-                         const std::string& appId, const std::string& authId,
-                         const std::string& secret) {
+SignedRequest sdkResolve(const std::string& host, int type, int64_t timestamp, const std::string& appId,
+                         const std::string& authId, const std::string& secret) {
     platform::MainBundle::setIdentifier(appId);
-    return {QelDNSRequest::percentEncode("/" + authId + "/resolve?timestamp=" + std::to_string(timestamp) +
-                                         "&host=" + host + "&type=" + std::to_string(type) +
-                                         "&app_id=" + appId),
+    return {QelDNSRequest::percentEncode("/" + authId + "/resolve?timestamp=" + std::to_string(timestamp) + "&host=" + host +
+                                         "&type=" + std::to_string(type) + "&app_id=" + appId),
             "MD5 " + QelDNSGetIPs::calcSignWithAuthSecret(secret, static_cast<double>(timestamp), host, type)};
 }
 

@@ -58,7 +58,9 @@ struct Attackers {
             poll(&writable, 1, 2000);
         }
     }
-    ~Attackers() { for (int fd : fds) close(fd); }
+    ~Attackers() {
+        for (int fd : fds) close(fd);
+    }
     // True when the server has closed (or reset) `fd`; reads and drops what it sent.
     static bool closed(int fd) {
         char buffer[4096];
@@ -66,7 +68,9 @@ struct Attackers {
         while ((got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {}
         return got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
     }
-    size_t open() const { return std::count_if(fds.begin(), fds.end(), [](int fd) { return !closed(fd); }); }
+    size_t open() const {
+        return std::count_if(fds.begin(), fds.end(), [](int fd) { return !closed(fd); });
+    }
     void send(const std::string& bytes) const {
         for (int fd : fds) ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
@@ -93,7 +97,8 @@ TEST(Process, SighupReloadsTheZoneWithoutDroppingConnectionsAndKeepsItWhenTheNew
     zone.write("a.example.test 60 A 192.0.2.3\na.example.test 60 MX mail.example.test\n");
     kill(server.process->pid, SIGHUP);
     ASSERT_TRUE(eventually([&] {
-        return contains(server.process->errors(), "zone not reloaded, the previous one stays: " + zone.path() + ":2: record type MX");
+        return contains(server.process->errors(),
+                        "zone not reloaded, the previous one stays: " + zone.path() + ":2: record type MX");
     }));
     EXPECT_TRUE(answers("192.0.2.2"));
     EXPECT_EQ(connections, 0);
@@ -109,7 +114,8 @@ TEST(Process, EachWayOfNotStartingHasItsStatusAndMessage) {
     const TempFile zone("; names\nok.test 5 A 192.0.2.1\nbad.test 5 A 2001:db8::1"),
         accounts("# the secret\nacct-7 s3cr3t tail\n"), good(std::string(kAuthId) + " " + kSecret);
     const std::string busyNode = "127.0.0.1:" + std::to_string(busy.port()), with = "--accounts " + good.path();
-    const std::pair<std::string, std::string> cases[] = {  // the arguments, and the message
+    const std::pair<std::string, std::string> cases[] = {
+        // the arguments, and the message
         {with + " --zone " + zone.path(), zone.path() + ":3: '2001:db8::1' is not an IPv4 address"},
         {"--accounts " + accounts.path(), accounts.path() + ":2: expected two fields, AuthId and AuthSecret"},
         {"--verbose", "unknown option '--verbose' (see --help)"},

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
@@ -22,8 +21,9 @@ using namespace std::chrono_literals;
 TEST(Service, EachRequestHasItsStatusBodyAndAccessLine) {
     // Several lines of one name add up, a repeated address is kept once, and the answer carries
     // the smallest TTL.
-    LocalService local("$TTL 300\nwww.example.test. 60 IN A 192.0.2.10\nWWW.Example.Test 30 A 192.0.2.11 # comment\n"
-                       "www.example.test AAAA 2001:DB8::10\nwww.example.test 60 in a 192.0.2.10 ; comment\n");
+    LocalService local(
+        "$TTL 300\nwww.example.test. 60 IN A 192.0.2.10\nWWW.Example.Test 30 A 192.0.2.11 # comment\n"
+        "www.example.test AAAA 2001:DB8::10\nwww.example.test 60 in a 192.0.2.10 ; comment\n");
     local.service.setWindow(120s);
     const int64_t now = Service::systemMilliseconds(), minute = 60 * 1000;
     const std::string www = R"("ip_list":["192.0.2.10","192.0.2.11"],"ttl":30)";
@@ -55,8 +55,10 @@ TEST(Service, EachRequestHasItsStatusBodyAndAccessLine) {
         {"3 min late", sdkResolve("www.example.test", 1, now + 3 * minute), 403, "timestamp outside the accepted window"},
         {"escaped slash", {"/acct-7%2fservice?timestamp=1&app_id=a", "MD5 x"}, 404, "no such endpoint"},
         // Signed with the secret left out: the digest of the text up to the NUL it carries.
-        {"NUL in app_id", {"/acct-7/service?timestamp=" + std::to_string(now) + "&app_id=x%00", "MD5 " + md5Hex("x")},
-         400, "control"},
+        {"NUL in app_id",
+         {"/acct-7/service?timestamp=" + std::to_string(now) + "&app_id=x%00", "MD5 " + md5Hex("x")},
+         400,
+         "control"},
         {"newline in a signed host", sdkResolve("forged\nline 200", 1, now), 400, "control characters"},
     };
     for (const auto& c : cases) {
@@ -82,17 +84,19 @@ TEST(Service, AsksDnsmasqOnlyForNamesOutsideTheZone) {
     for (int attempt = 0; attempt < 5 && (!dns || dns->wait(0ms)); ++attempt) {
         const int port = freePort(SOCK_DGRAM);
         dns = std::make_unique<ChildProcess>(
-            dnsmasq, std::vector<std::string>{"--keep-in-foreground", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-                                              "--bind-interfaces", "--listen-address=127.0.0.1", "--log-facility=-",
-                                              "--port=" + std::to_string(port), "--local-ttl=321", "--local=/test/",
-                                              "--host-record=up.example.test,192.0.2.7", "--host-record=zoned.example.test,192.0.2.99"});
+            dnsmasq,
+            std::vector<std::string>{"--keep-in-foreground", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+                                     "--bind-interfaces", "--listen-address=127.0.0.1", "--log-facility=-",
+                                     "--port=" + std::to_string(port), "--local-ttl=321", "--local=/test/",
+                                     "--host-record=up.example.test,192.0.2.7", "--host-record=zoned.example.test,192.0.2.99"});
         upstream = std::make_unique<Upstream>(Endpoint{"127.0.0.1", port}, 300);
         eventually([&] { return up() || dns->wait(0ms); });
     }
     ASSERT_TRUE(up()) << "dnsmasq did not start: " << dns->errors();
     LocalService local("zoned.example.test 60 A 198.51.100.5\n");
     local.service.setUpstream(std::make_unique<Upstream>(upstream->server(), 2000));
-    EXPECT_EQ(local.get(sdkResolve("Up.Example.Test.", 1)).body, R"({"host":"Up.Example.Test.","ip_list":["192.0.2.7"],"ttl":321})");
+    EXPECT_EQ(local.get(sdkResolve("Up.Example.Test.", 1)).body,
+              R"({"host":"Up.Example.Test.","ip_list":["192.0.2.7"],"ttl":321})");
     // The zone holds the name: its answer stands, even for a type it has no address of.
     EXPECT_EQ(local.get(sdkResolve("zoned.example.test", 2)).body, R"({"host":"zoned.example.test","ip_list":[],"ttl":0})");
 }
@@ -103,8 +107,9 @@ TEST(Service, TheSdkLogsInResolvesFromTheZoneAndFailsOverWhenTheNodeStops) {
     // Characters the transport escapes and ones it leaves: the service must sign the same.
     qel::platform::MainBundle::setIdentifier(std::string("com.example.app+beta (1)"));
     qel::platform::UserDefaults::setStandardPath(defaults.directory.file("defaults.sqlite3"));
-    const char zone[] = "www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n"
-                        "www.example.test 60 AAAA 2001:db8::10\napi.example.test 60 A 192.0.2.20\n";
+    const char zone[] =
+        "www.example.test 60 A 192.0.2.10\nwww.example.test 60 A 192.0.2.11\n"
+        "www.example.test 60 AAAA 2001:db8::10\napi.example.test 60 A 192.0.2.20\n";
     LocalService first(zone), second(zone);
     // The SDK leaves a node that fails only for the list's fourth entry, and only when the
     // second entry repeats the node in use.
