@@ -121,7 +121,7 @@ static void beforeRegistration(void) {
     const char* degraded[] = {"legacy.test"};
     const char* withNull[] = {"a.test", NULL};
     char* description = qel_httpdns_status_description();
-    CHECK(strcmp(qel_httpdns_version(), "1.0.0") == 0 && qel_httpdns_status() == 0);
+    CHECK(strcmp(qel_httpdns_version(), QEL_PROJECT_VERSION) == 0 && qel_httpdns_status() == 0);
     CHECK(description && strcmp(description, "") == 0);
     qel_httpdns_string_free(description);
 
