@@ -4,6 +4,7 @@
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/NotificationCenter.h"
+#include "QelHttpDnsSDK/Platform/TransportSettings.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 
 void QelDNSApplication::setBundleIdentifier(std::optional<std::string> bundleIdentifier) {
@@ -26,4 +27,16 @@ bool QelDNSApplication::setStorePath(const std::string& path) {
 
 void QelDNSApplication::setLogSink(LogSink sink) {
     qel::platform::Console::setSink(std::move(sink));
+}
+
+void QelDNSApplication::setProxy(std::optional<std::string> proxy) {
+    qel::platform::TransportSettings::setProxy(std::move(proxy));
+}
+
+void QelDNSApplication::setCaFile(std::string path) {
+    qel::platform::TransportSettings::setCaFile(std::move(path));
+}
+
+void QelDNSApplication::setPinnedPublicKey(std::string pin) {
+    qel::platform::TransportSettings::setPinnedPublicKey(std::move(pin));
 }

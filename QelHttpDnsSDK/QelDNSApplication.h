@@ -38,6 +38,24 @@ public:
     /// write): the library logs why and caches in memory only.
     static bool setStorePath(const std::string& path);
 
+    /// The proxy every request to the service goes through: nullopt (the default) takes the
+    /// environment's, as libcurl reads it (`http_proxy`, `https_proxy`, `all_proxy`, and
+    /// `no_proxy` for the hosts to reach directly; upper-case forms too, except `HTTP_PROXY`);
+    /// "" means none, whatever the environment says; otherwise a proxy URL such as
+    /// "http://proxy.example:3128" or "socks5h://127.0.0.1:1080". Applies to requests sent
+    /// after the call.
+    static void setProxy(std::optional<std::string> proxy);
+
+    /// The certificate authorities an https service and its nodes must chain to: a PEM file,
+    /// or "" (the default) for the system's. Applies to requests sent after the call.
+    static void setCaFile(std::string path);
+
+    /// Pins the https service's public key, as libcurl's CURLOPT_PINNEDPUBLICKEY reads it:
+    /// "sha256//<base64 of the key's SHA-256>" (several joined by ';') or a PEM/DER key file;
+    /// "" (the default) pins nothing. A connection to a key not pinned fails as a transport
+    /// error. Applies to requests sent after the call.
+    static void setPinnedPublicKey(std::string pin);
+
     /// Sends every line the library logs to `sink` instead of standard error; an empty sink
     /// restores standard error. The sink runs on the thread that logs (often the library's
     /// own network thread), outside any lock of the library; it should return quickly.

@@ -29,7 +29,9 @@ protected:
         qel::platform::MainBundle::setIdentifier(qel::test::kAppId);
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         // A proxy nobody runs: a transfer through it fails, so only a bypassed proxy succeeds.
+        // The SDK reaches its service (127.0.0.1) directly.
         setenv("http_proxy", "http://127.0.0.1:1", 1);
+        setenv("no_proxy", "127.0.0.1", 1);
         web.respond("/hello", 200, "hello");
         service.setAddresses(kName, {"127.0.0.1"});
         registered(service);
@@ -40,7 +42,10 @@ protected:
             });
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
     }
-    ~CurlPinning() override { unsetenv("http_proxy"); }
+    ~CurlPinning() override {
+        unsetenv("http_proxy");
+        unsetenv("no_proxy");
+    }
 
     std::string url(const std::string& host) const { return "http://" + host + ":" + std::to_string(web.port()) + "/hello"; }
     // Fetches `address` with the handle as it is; curl's result.

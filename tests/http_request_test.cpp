@@ -1,6 +1,8 @@
 // The HTTP transport against a real server on loopback: QelDNSRequest on the shared session,
 // and the session itself.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -15,10 +17,12 @@
 #include <nlohmann/json.hpp>
 
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/QelDNSApplication.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "support/CallRecorder.h"
+#include "support/ChildProcess.h"
 #include "support/CapturingConsole.h"
 #include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
@@ -197,6 +201,46 @@ TEST_F(QelDNSRequestTest, TakesItsTimeoutFromTheManagerAtEachRequest) {
     // another, while the one made with 0.0 still waits.
     for (int i = 1; i < 3; ++i) EXPECT_EQ(outcome(finishes[i]), "-30000 request error");
     EXPECT_EQ(finishes[0].count(), 0u);
+}
+
+// A real proxy on loopback between the transport and the server: the environment's proxy is
+// honoured as libcurl reads it, no_proxy and the application's own setting included.
+TEST_F(QelDNSRequestTest, GoesThroughTheProxyTheEnvironmentOrTheApplicationNames) {
+    const std::string tinyproxy = "/usr/bin/tinyproxy";
+    if (access(tinyproxy.c_str(), X_OK) != 0) GTEST_SKIP() << "no tinyproxy (Debian package tinyproxy-bin; scripts/setup.sh)";
+    const std::string proxy = "http://127.0.0.1:" + std::to_string(qel::test::freePort(SOCK_STREAM));
+    const qel::test::TempFile config("Port " + proxy.substr(proxy.rfind(':') + 1) + "\nListen 127.0.0.1\nAllow 127.0.0.1\n");
+    qel::test::ChildProcess running(tinyproxy, {"-d", "-c", config.path()});
+    ASSERT_TRUE(qel::test::eventually([&] { return fetch(proxy + "/").statusCode != 0; })) << running.errors();
+    server.route("/", [](const Server::Request&) { return Server::http(200, "{}"); });
+    const struct {
+        const char *what, *environment, *noProxy;
+        std::optional<std::string> setting;
+        const char* outcome;  // "via proxy", "direct" or the error
+    } cases[] = {
+        {"the environment's", proxy.c_str(), "", std::nullopt, "via proxy"},
+        {"no_proxy names the service", proxy.c_str(), "localhost,127.0.0.1", std::nullopt, "direct"},
+        {"the application says none", proxy.c_str(), "", "", "direct"},
+        {"the application's own", "", "", proxy, "via proxy"},
+        {"the application's own, down", "", "", "http://127.0.0.1:1", "-30000 request error"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        setenv("http_proxy", c.environment, 1);
+        setenv("no_proxy", c.noProxy, 1);
+        QelDNSApplication::setProxy(c.setting);
+        const size_t before = server.requests().size();
+        const std::string result = get(server.url("/"));
+        if (result == "{}" && server.requests().size() == before + 1) {
+            const bool via = server.requests().back().header("Via").find("tinyproxy") != std::string::npos;
+            EXPECT_EQ(via ? "via proxy" : "direct", std::string(c.outcome));
+        } else {
+            EXPECT_EQ(result, c.outcome);
+        }
+    }
+    unsetenv("http_proxy");
+    unsetenv("no_proxy");
+    QelDNSApplication::setProxy(std::nullopt);
 }
 
 // A request the server never answers still ends: with its session, before the session's

@@ -16,6 +16,7 @@
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/TransportSettings.h"
 
 namespace qel::platform {
 
@@ -78,9 +79,12 @@ void runCompletion(const HttpSession::Completion& completion, HttpResponse respo
 // Easy handles of finished transfers, kept for the next requests. A new handle costs a dozen
 // allocations (some large) on the sending thread; a kept one only needs the options of its
 // next request, since the options every request shares stay set (curl keeps options across
-// transfers of a handle).
+// transfers of a handle). Those include the transport settings (proxy, CA file, pin): a handle
+// prepared under settings that have changed since is not reused.
 class EasyHandlePool {
 public:
+    using Settings = std::shared_ptr<const TransportSettings::Values>;
+
     // The handles write bodies with `writeBody`, and close the sockets of the connections
     // they open with `closeSocket` (given `closeData`).
     EasyHandlePool(curl_write_callback writeBody, curl_closesocket_callback closeSocket,
@@ -88,24 +92,30 @@ public:
         : writeBody_(writeBody), closeSocket_(closeSocket), closeData_(closeData) {}
 
     ~EasyHandlePool() {
-        for (CURL* easy : idle_) curl_easy_cleanup(easy);
+        for (const Idle& idle : idle_) curl_easy_cleanup(idle.easy);
     }
 
-    CURL* take() {
+    // A handle prepared under the settings in force, which `settings` receives.
+    CURL* take(Settings& settings) {
+        settings = TransportSettings::current();
+        std::vector<CURL*> stale;
+        CURL* easy = nullptr;
         {
             qel::platform::MutexLock lock(mutex_);
-            if (!idle_.empty()) {
-                CURL* easy = idle_.back();
+            while (!easy && !idle_.empty()) {
+                const Idle idle = std::move(idle_.back());
                 idle_.pop_back();
-                return easy;
+                (idle.settings == settings ? easy : stale.emplace_back()) = idle.easy;
             }
         }
-        CURL* easy = curl_easy_init();
-        if (easy) setSharedOptions(easy);
+        for (CURL* handle : stale) curl_easy_cleanup(handle);
+        if (easy) return easy;
+        easy = curl_easy_init();
+        if (easy) setSharedOptions(easy, *settings);
         return easy;
     }
 
-    void give(CURL* easy) {
+    void give(CURL* easy, Settings settings) {
         // Leave no pointer into the finished transfer behind.
         curl_easy_setopt(easy, CURLOPT_PRIVATE, nullptr);
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
@@ -114,8 +124,8 @@ public:
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
         {
             qel::platform::MutexLock lock(mutex_);
-            if (idle_.size() < kMaxIdle) {
-                idle_.push_back(easy);
+            if (idle_.size() < kMaxIdle && settings == TransportSettings::current()) {
+                idle_.push_back({easy, std::move(settings)});
                 return;
             }
         }
@@ -123,19 +133,24 @@ public:
     }
 
 private:
-    void setSharedOptions(CURL* easy) const;
+    struct Idle {
+        CURL* easy;
+        Settings settings;  // what it was prepared under
+    };
+    void setSharedOptions(CURL* easy, const TransportSettings::Values& settings) const;
 
     static constexpr size_t kMaxIdle = 16;
     const curl_write_callback writeBody_;
     const curl_closesocket_callback closeSocket_;
     void* const closeData_;
     qel::platform::Mutex mutex_;
-    std::vector<CURL*> idle_ QEL_GUARDED_BY(mutex_);
+    std::vector<Idle> idle_ QEL_GUARDED_BY(mutex_);
 };
 
 struct CurlHttpSession::Transfer {
     std::shared_ptr<EasyHandlePool> pool;
     CURL* easy = nullptr;
+    EasyHandlePool::Settings settings;  // the transport settings `easy` was prepared under
     curl_slist* headerList = nullptr;
     std::string requestBody;
     std::string responseBody;
@@ -147,7 +162,7 @@ struct CurlHttpSession::Transfer {
     Completion completion;
 
     ~Transfer() {
-        if (easy) pool->give(easy);
+        if (easy) pool->give(easy, std::move(settings));
         curl_slist_free_all(headerList);
     }
 
@@ -170,7 +185,7 @@ struct CurlHttpSession::Transfer {
             refusal = "unsupported URL: only http:// and https:// are fetched";
             return;
         }
-        easy = pool->take();
+        easy = pool->take(settings);
         if (!easy) {
             refusal = "out of memory for a transfer";
             return;
@@ -223,7 +238,7 @@ struct CurlHttpSession::Transfer {
     }
 };
 
-void EasyHandlePool::setSharedOptions(CURL* easy) const {
+void EasyHandlePool::setSharedOptions(CURL* easy, const TransportSettings::Values& settings) const {
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, writeBody_);
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocket_);
     curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, closeData_);
@@ -237,7 +252,12 @@ void EasyHandlePool::setSharedOptions(CURL* easy) const {
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy, CURLOPT_MAXREDIRS, CurlHttpSession::kMaxRedirects);
     curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    // Without a proxy of its own, curl reads the environment's, as the system session does.
+    if (settings.proxy) curl_easy_setopt(easy, CURLOPT_PROXY, settings.proxy->c_str());
+    if (!settings.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.c_str());
+    if (!settings.pinnedPublicKey.empty()) {
+        curl_easy_setopt(easy, CURLOPT_PINNEDPUBLICKEY, settings.pinnedPublicKey.c_str());
+    }
     curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(CurlHttpSession::kMaxResponseBodyBytes));
 }

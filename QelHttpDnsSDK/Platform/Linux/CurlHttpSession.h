@@ -11,8 +11,10 @@
 //   - a body above kMaxResponseBodyBytes (after content decoding) ends the transfer with a
 //     transport error, so a hostile server cannot make us hold an unbounded answer;
 //   - gzip/deflate/br/zstd answers are accepted and decoded; TCP_NODELAY is on; no
-//     "Expect: 100-continue" wait on large bodies; proxies from the environment are not used
-//     (the service is reached directly);
+//     "Expect: 100-continue" wait on large bodies;
+//   - the proxy, CA file and pinned key of TransportSettings; without a proxy of its own, the
+//     environment's (http_proxy, https_proxy, all_proxy, no_proxy), as the system session of
+//     the original platform honours the system's;
 //   - at most kMaxConnectionsPerHost connections per host; further requests wait for one.
 //
 // Threads: `send` may be called from any thread; it never blocks on the network or on the

@@ -6,12 +6,16 @@
 
 #include "Listener.h"
 #include "Service.h"
+#include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/ScratchDirectory.h"
 
 namespace qel::server::test {
 
+using qel::test::ChildProcess;
 using qel::test::eventually;
+using qel::test::freePort;
+using qel::test::TempFile;
 constexpr char kAuthId[] = "acct-7";
 constexpr char kSecret[] = "s3cr3t-Pa55";
 constexpr char kAppId[] = "com.example.app";
@@ -33,20 +37,6 @@ struct Answer {
 };
 Answer get(httplib::Client& client, const SignedRequest& request);
 
-/// A file of its own holding `content`, removed with the object.
-struct TempFile {
-    explicit TempFile(const std::string& content = "") { write(content); }
-    const std::string& path() const { return path_; }
-    void write(const std::string& content) const;
-    std::string read() const;
-
-    qel::test::ScratchDirectory directory;
-    const std::string path_ = directory.file("file");
-};
-
-/// A port on 127.0.0.1 that nothing listens on at the moment of the call (TCP or UDP).
-int freePort(int type);
-
 /// The service in this process on 127.0.0.1 and a free port, handed out as its node, with the
 /// account kAuthId and the zone given; it logs to a file.
 struct LocalService {
@@ -63,20 +53,6 @@ struct LocalService {
     AccessLog access{logFile.get(), logFile.get()};
     Service service;
     Listener listener;
-};
-
-/// A program with its output in files, killed with the object if still running.
-struct ChildProcess {
-    ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
-    ~ChildProcess();
-    /// The exit status, or nothing if it has not ended within `limit`.
-    std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(20));
-    std::string output() const { return out.read(); }
-    std::string errors() const { return err.read(); }
-
-    TempFile out, err;
-    pid_t pid;
-    std::optional<int> status;
 };
 
 }  // namespace qel::server::test
