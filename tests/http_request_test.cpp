@@ -1,12 +1,14 @@
 // The HTTP transport against a real server on loopback: QelDNSRequest on the shared session,
 // and the session itself.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -201,6 +203,41 @@ TEST_F(QelDNSRequestTest, TakesItsTimeoutFromTheManagerAtEachRequest) {
     // another, while the one made with 0.0 still waits.
     for (int i = 1; i < 3; ++i) EXPECT_EQ(outcome(finishes[i]), "-30000 request error");
     EXPECT_EQ(finishes[0].count(), 0u);
+}
+
+// The platform thread outlives its epoll descriptor closed under it (the number now another
+// file): the next answer still arrives, and the log says what happened.
+TEST(CurlHttpSession, AnswersAfterItsLoopLosesItsEpollDescriptor) {
+    const auto epollDescriptors = [] {
+        std::set<int> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            if (std::filesystem::read_symlink(entry.path(), error) == "anon_inode:[eventpoll]") {
+                found.insert(std::stoi(entry.path().filename()));
+            }
+        }
+        return found;
+    };
+    qel::test::CapturingConsole console;
+    Server server;
+    server.route("/", [](const Server::Request&) { return Server::http(200, "{}"); });
+    const std::set<int> before = epollDescriptors();
+    qel::platform::EventLoop loop;
+    CurlHttpSession session(loop);
+    std::set<int> mine = epollDescriptors();
+    for (int fd : before) mine.erase(fd);
+    ASSERT_EQ(mine.size(), 1u);
+    const int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(devNull, *mine.begin());
+    close(devNull);
+    for (int i = 0; i < 2; ++i) {
+        Responses responses;
+        session.send(plainGet(server.url("/")), responses.callback());
+        ASSERT_TRUE(responses.waitFor(1));
+        EXPECT_EQ(std::get<0>(responses.calls().at(0).arguments).statusCode, 200);
+    }
+    const auto lines = console.lines();
+    EXPECT_EQ(lines.at(0).rfind("platform event loop: the epoll descriptor is lost (error 22); watching ", 0), 0u) << lines.at(0);
 }
 
 // A real proxy on loopback between the transport and the server: the environment's proxy is

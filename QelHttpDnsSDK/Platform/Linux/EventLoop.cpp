@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -86,8 +88,12 @@ EventLoop::WatchId EventLoop::watchFd(int fd, uint32_t events, FdHandler handler
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
-    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return 0;
-    watches_.emplace(id, Watch{fd, std::move(handler)});
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) {
+        if (epollIsOurs()) return 0;
+        replaceEpoll(errno);
+        if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) return 0;
+    }
+    watches_.emplace(id, Watch{fd, events, std::move(handler)});
     return id;
 }
 
@@ -97,7 +103,13 @@ bool EventLoop::updateFd(WatchId id, uint32_t events) {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
-    return ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, it->second.fd, &event) == 0;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, it->second.fd, &event) != 0) {
+        if (epollIsOurs()) return false;
+        replaceEpoll(errno);  // takes the watch over with its old events
+        if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, it->second.fd, &event) != 0) return false;
+    }
+    it->second.events = events;
+    return true;
 }
 
 void EventLoop::unwatchFd(WatchId id) {
@@ -137,12 +149,59 @@ void EventLoop::run() {
     while (!stopping_.load(std::memory_order_acquire)) {
         const int count = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, nextWaitMillis());
         if (count < 0 && errno != EINTR) {
-            Console::log("platform event loop: epoll_wait failed: " + std::to_string(errno));
-            break;
+            replaceEpoll(errno);
+            continue;
         }
         if (count > 0) dispatchFdEvents(events, count);
         runDueTimers();
         runPostedTasks();
+    }
+}
+
+// A harmless change of our own watch: it fails only when the descriptor is no longer our epoll
+// instance.
+bool EventLoop::epollIsOurs() const {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeWatchId;
+    return ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, wakeFd_, &event) == 0;
+}
+
+// epoll_wait fails only when the descriptor is no longer our epoll instance (someone closed
+// it, and the number may now be another file, so it is not closed here). A new instance takes
+// every watch over; a watch the kernel refuses now (its descriptor gone too) hears EPOLLERR
+// from the next turn, so its owner ends what waited on it. Without this the thread would end,
+// and every later answer be lost.
+void EventLoop::replaceEpoll(int error) {
+    const int fresh = ::epoll_create1(EPOLL_CLOEXEC);
+    if (fresh < 0) {
+        Console::log("platform event loop: the epoll descriptor is lost (error " +
+                     std::to_string(error) + "), and no new epoll instance can be made: " +
+                     std::to_string(errno) + "; trying again in 100 ms");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return;
+    }
+    Console::log("platform event loop: the epoll descriptor is lost (error " +
+                 std::to_string(error) + "); watching " + std::to_string(watches_.size()) +
+                 " descriptors on a new epoll instance");
+    epollFd_ = fresh;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeWatchId;
+    ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &event);
+    std::vector<WatchId> refused;
+    for (const auto& [id, watch] : watches_) {
+        event.events = watch.events;
+        event.data.u64 = id;
+        if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, watch.fd, &event) != 0) refused.push_back(id);
+    }
+    for (const WatchId id : refused) {
+        runAfter(0, [this, id] {
+            auto it = watches_.find(id);
+            if (it == watches_.end()) return;  // removed meanwhile
+            FdHandler handler = it->second.handler;
+            handler(EPOLLERR);
+        });
     }
 }
 

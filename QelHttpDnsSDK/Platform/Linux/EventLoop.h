@@ -70,10 +70,13 @@ private:
     using TimePoint = std::chrono::steady_clock::time_point;
     struct Watch {
         int fd;
+        uint32_t events;
         FdHandler handler;
     };
 
     void run();
+    bool epollIsOurs() const;
+    void replaceEpoll(int error);
     int nextWaitMillis() const;
     void dispatchFdEvents(const epoll_event* events, int count);
     void runDueTimers();
