@@ -506,6 +506,32 @@ TEST(PublicManagerRestart, SecondProcessAnswersFromThePersistedCache) {
     EXPECT_TRUE(run(Source::Store));
 }
 
+// A pre-fork server: the parent logs in and caches, then forks. The child answers the cached
+// name from memory and a new one through a platform thread, session and store connection of
+// its own, and the parent goes on answering through its own.
+TEST_F(PublicManager, AForkedChildAnswersThroughItsOwnPlatformThreadSessionAndStore) {
+    service.setAddresses("before.test", {"192.0.2.1"});
+    service.setAddresses("child.test", {"192.0.2.2"});
+    service.setAddresses("parent.test", {"192.0.2.3"});
+    dns().enableCacheIP(true);
+    login();
+    // Twice: the first answer is kept under the key of the type pending before it.
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(ask("before.test").ips, Strings{"192.0.2.1"});
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {  // the exit status says which step failed
+        const auto hit = Lookup::resolve("before.test", 1, 0.0);
+        const bool fromMemory = std::get<0>(traces.calls().back().arguments).source == Source::Memory;
+        const auto fresh = Lookup::resolve("child.test", 1, 10.0);
+        _exit(hit.ips != Strings{"192.0.2.1"} || !fromMemory ? 10 : fresh.ips != Strings{"192.0.2.2"} ? 11 : 0);
+    }
+    EXPECT_EQ(ask("parent.test").ips, Strings{"192.0.2.3"});
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), 0);
+    EXPECT_EQ(ask("child.test").ips, Strings{"192.0.2.2"});
+}
+
 // Lookups, cache clears, setting changes and network changes from eight threads while a ninth
 // installs and removes trace observers: every lookup is answered exactly once, with the
 // addresses of one of the names asked (the resolver keeps one pending domain, last writer

@@ -23,6 +23,7 @@
 #include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/PlatformThread.h"
+#include "QelHttpDnsSDK/Platform/ProcessFork.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 
@@ -45,24 +46,29 @@ std::optional<std::string> standardPathLocked() QEL_REQUIRES(standardMutex) {
     return SqliteUserDefaults::standardLocation(MainBundle::identifier());
 }
 
+UserDefaults* openStandardStore() {
+    std::optional<std::string> path;
+    {
+        qel::platform::MutexLock lock(standardMutex);
+        path = standardPathLocked();
+        standardOpened = true;
+        standardChosenPath = path;  // later changes of the environment no longer move it
+    }
+    if (!path) {
+        Console::log(
+            "QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
+            "or a passwd entry) or no program name; the store is kept in memory");
+        return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
+    }
+    return new SqliteUserDefaults(std::move(*path));
+}
+
+// A forked child opens a connection of its own: one SQLite connection must never be used by
+// two processes. The parent's is left as it is (closing it here could undo the parent's locks
+// or journal).
 UserDefaults& standardStore() {
-    static UserDefaults* const store = [] {
-        std::optional<std::string> path;
-        {
-            qel::platform::MutexLock lock(standardMutex);
-            path = standardPathLocked();
-            standardOpened = true;
-            standardChosenPath = path;  // later changes of the environment no longer move it
-        }
-        if (!path) {
-            Console::log(
-                "QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
-                "or a passwd entry) or no program name; the store is kept in memory");
-            return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
-        }
-        return new SqliteUserDefaults(std::move(*path));
-    }();
-    return *store;
+    static auto* const stores = new PerProcess<UserDefaults>();
+    return stores->get(openStandardStore, [](UserDefaults&) {});
 }
 
 template <typename T>

@@ -16,6 +16,7 @@
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/ProcessFork.h"
 #include "QelHttpDnsSDK/Platform/TransportSettings.h"
 
 namespace qel::platform {
@@ -491,9 +492,12 @@ CurlHttpSession::~CurlHttpSession() {
 }
 
 CurlHttpSession& CurlHttpSession::shared() {
+    static auto* const sessions = new PerProcess<CurlHttpSession>();
     try {
-        static CurlHttpSession* session = new CurlHttpSession(EventLoop::shared());
-        return *session;
+        // A forked child makes its own on its own loop. The parent's idle connections stay
+        // open in the child, unused: closing them would need the parent's loop thread.
+        return sessions->get([] { return new CurlHttpSession(EventLoop::shared()); },
+                             [](CurlHttpSession&) {});
     } catch (const std::exception& error) {
         // The platform thread cannot start (no descriptor or thread left). The application
         // must not see that as an exception: until the next call starts it, requests go to a

@@ -14,6 +14,7 @@
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/ProcessFork.h"
 
 namespace qel::platform {
 
@@ -62,9 +63,62 @@ EventLoop::~EventLoop() {
     ::close(epollFd_);
 }
 
-EventLoop& EventLoop::shared() {
-    static EventLoop* loop = new EventLoop();
+namespace {
+
+PerProcess<EventLoop>& sharedLoop() {
+    static auto* const loop = new PerProcess<EventLoop>();
     return *loop;
+}
+
+void parkSharedLoop() {
+    if (EventLoop* loop = sharedLoop().peek()) loop->parkForFork();
+}
+
+void releaseSharedLoop() {
+    if (EventLoop* loop = sharedLoop().peek()) loop->releaseAfterFork();
+}
+
+}  // namespace
+
+EventLoop& EventLoop::shared() {
+    return sharedLoop().get(
+        [] {
+            auto* loop = new EventLoop();
+            ProcessFork::setParentHooks(&parkSharedLoop, &releaseSharedLoop);
+            return loop;
+        },
+        [](EventLoop& parents) { parents.leaveBehind(); });
+}
+
+void EventLoop::parkForFork() {
+    if (isLoopThread()) return;  // forked from a task: the loop is where that task is
+    {
+        std::lock_guard<std::mutex> lock(parkMutex_);
+        park_ = Park::Asked;
+    }
+    post([this] {
+        std::unique_lock<std::mutex> lock(parkMutex_);
+        if (park_ != Park::Asked) return;  // too late: the fork went ahead without it
+        park_ = Park::Parked;
+        parkChanged_.notify_all();
+        parkChanged_.wait(lock, [this] { return park_ != Park::Parked; });
+    });
+    // A task that does not end (an application callback waiting for the forking thread) must
+    // not hang the fork: after a second it goes ahead with the loop where it is.
+    std::unique_lock<std::mutex> lock(parkMutex_);
+    parkChanged_.wait_for(lock, std::chrono::seconds(1), [this] { return park_ == Park::Parked; });
+}
+
+void EventLoop::releaseAfterFork() {
+    std::lock_guard<std::mutex> lock(parkMutex_);
+    park_ = Park::None;
+    parkChanged_.notify_all();
+}
+
+void EventLoop::leaveBehind() {
+    // The parent's loop thread does not exist here; its descriptors are the parent's too.
+    ::close(wakeFd_);
+    ::close(epollFd_);
 }
 
 void EventLoop::post(Task task) {
@@ -146,7 +200,9 @@ void EventLoop::wake() {
 void EventLoop::run() {
     loopThreadId_.store(std::this_thread::get_id(), std::memory_order_release);
     epoll_event events[kMaxEventsPerWait];
-    while (!stopping_.load(std::memory_order_acquire)) {
+    // A fork made from one of this loop's tasks copies this thread into the child, where the
+    // loop belongs to the parent: that copy leaves it.
+    while (!stopping_.load(std::memory_order_acquire) && generation_ == ProcessFork::generation()) {
         const int count = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, nextWaitMillis());
         if (count < 0 && errno != EINTR) {
             replaceEpoll(errno);

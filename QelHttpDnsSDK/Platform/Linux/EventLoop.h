@@ -11,15 +11,18 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
+#include "QelHttpDnsSDK/Platform/ProcessFork.h"
 
 namespace qel::platform {
 
@@ -40,7 +43,8 @@ public:
     EventLoop& operator=(const EventLoop&) = delete;
 
     /// The process-wide platform loop, started on first use and kept for the life of the
-    /// process (never destroyed, so no completion races a static destructor at exit). Throws
+    /// process (never destroyed, so no completion races a static destructor at exit). A
+    /// forked child starts its own on first use (see ProcessFork.h). Throws
     /// what the constructor throws, and the next call tries again; the library's callers turn
     /// that into a failed request or a monitor that has not started, never into an exception
     /// for the application.
@@ -66,6 +70,12 @@ public:
     /// Cancels a timer that has not fired; unknown or fired ids are ignored.
     void cancelTimer(TimerId id);
 
+    /// Around a fork, from the forking thread: parks the loop thread between two tasks (so
+    /// the child copies no half-done work; at most a second's wait for the running task),
+    /// then lets it go on in the parent.
+    void parkForFork();
+    void releaseAfterFork();
+
 private:
     using TimePoint = std::chrono::steady_clock::time_point;
     struct Watch {
@@ -75,6 +85,7 @@ private:
     };
 
     void run();
+    void leaveBehind();  // in a forked child, for the parent's loop
     bool epollIsOurs() const;
     void replaceEpoll(int error);
     int nextWaitMillis() const;
@@ -88,6 +99,12 @@ private:
     int wakeFd_ = -1;
     std::atomic<bool> stopping_{false};
     std::atomic<std::thread::id> loopThreadId_{};  // set by the loop thread itself
+    const uint64_t generation_ = ProcessFork::generation();
+
+    enum class Park { None, Asked, Parked };
+    std::mutex parkMutex_;
+    std::condition_variable parkChanged_;
+    Park park_ = Park::None;  // guarded by parkMutex_ (a std::mutex: waited on)
 
     qel::platform::Mutex queueMutex_;
     std::deque<Task> queue_ QEL_GUARDED_BY(queueMutex_);

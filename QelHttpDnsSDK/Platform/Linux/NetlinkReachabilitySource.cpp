@@ -2,7 +2,9 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <cstring>
+#include <memory>
 #include <optional>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
@@ -11,25 +13,37 @@
 
 namespace qel::platform {
 
-class NetlinkReachabilitySource::Target final : public NetlinkRouteMonitor::Listener {
+class NetlinkReachabilitySource::Target final : public NetlinkRouteMonitor::Listener,
+                                                public std::enable_shared_from_this<Target> {
 public:
     // `address` is empty for the whole-internet target.
-    Target(NetlinkRouteMonitor& monitor, std::optional<sockaddr_storage> address)
-        : monitor_(monitor), address_(address) {}
+    explicit Target(std::optional<sockaddr_storage> address) : address_(address) {}
+
+    // The process's monitor, listened to: in a forked child, the child's own from its first
+    // use there on.
+    NetlinkRouteMonitor& monitor() {
+        NetlinkRouteMonitor& current = NetlinkRouteMonitor::shared();
+        if (monitor_.load(std::memory_order_acquire) != &current &&
+            monitor_.exchange(&current, std::memory_order_acq_rel) != &current) {
+            current.addListener(weak_from_this());
+        }
+        return current;
+    }
 
     uint32_t flags() {
-        if (!address_) return monitor_.internetFlags();
+        NetlinkRouteMonitor& monitor = this->monitor();
+        if (!address_) return monitor.internetFlags();
         // Unknown routes count as reachable, as for the internet as a whole.
-        if (!monitor_.routesKnown()) return ReachabilityFlags::Reachable;
+        if (!monitor.routesKnown()) return ReachabilityFlags::Reachable;
         // The route to one address changes only when the routing state does: ask the kernel
         // once per generation.
-        const uint64_t generation = monitor_.generation();
+        const uint64_t generation = monitor.generation();
         {
             qel::platform::MutexLock lock(mutex_);
             if (cachedOk_ && cachedGeneration_ == generation) return cachedFlags_;
         }
         uint32_t fresh = 0;
-        if (!monitor_.routeFlags(reinterpret_cast<const sockaddr*>(&*address_), fresh)) {
+        if (!monitor.routeFlags(reinterpret_cast<const sockaddr*>(&*address_), fresh)) {
             return ReachabilityFlags::Reachable;
         }
         qel::platform::MutexLock lock(mutex_);
@@ -75,7 +89,7 @@ public:
     }
 
 private:
-    NetlinkRouteMonitor& monitor_;
+    std::atomic<NetlinkRouteMonitor*> monitor_{nullptr};
     const std::optional<sockaddr_storage> address_;
 
     qel::platform::Mutex mutex_;
@@ -105,9 +119,8 @@ NetlinkReachabilitySource::~NetlinkReachabilitySource() { target_->unschedule();
 
 std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWithName(
     const std::string& /*hostName*/) {
-    NetlinkRouteMonitor& monitor = NetlinkRouteMonitor::shared();
-    auto target = std::make_shared<Target>(monitor, std::nullopt);
-    monitor.addListener(target);
+    auto target = std::make_shared<Target>(std::nullopt);
+    target->monitor();
     return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(target));
 }
 
@@ -119,11 +132,10 @@ std::unique_ptr<NetlinkReachabilitySource> NetlinkReachabilitySource::createWith
     sockaddr_storage copy{};
     std::memcpy(&copy, address,
                 address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
-    NetlinkRouteMonitor& monitor = NetlinkRouteMonitor::shared();
     std::optional<sockaddr_storage> target;
     if (!isUnspecified(copy)) target = copy;
-    auto made = std::make_shared<Target>(monitor, target);
-    monitor.addListener(made);
+    auto made = std::make_shared<Target>(target);
+    made->monitor();
     return std::unique_ptr<NetlinkReachabilitySource>(new NetlinkReachabilitySource(made));
 }
 

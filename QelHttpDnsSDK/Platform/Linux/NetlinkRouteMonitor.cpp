@@ -16,6 +16,7 @@
 #include <optional>
 #include <tuple>
 
+#include "QelHttpDnsSDK/Platform/ProcessFork.h"
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
@@ -127,12 +128,21 @@ std::optional<ParsedLink> parseLink(const nlmsghdr& message) {
 }  // namespace
 
 NetlinkRouteMonitor& NetlinkRouteMonitor::shared() {
-    static NetlinkRouteMonitor* monitor = [] {
-        auto* made = new NetlinkRouteMonitor(EventLoop::shared());
-        made->start();
-        return made;
-    }();
-    return *monitor;
+    static auto* const monitors = new PerProcess<NetlinkRouteMonitor>();
+    return monitors->get(
+        [] {
+            auto* made = new NetlinkRouteMonitor(EventLoop::shared());
+            made->start();
+            return made;
+        },
+        [](NetlinkRouteMonitor& parents) { parents.leaveBehind(); });
+}
+
+// In a forked child: the sockets are the parent's too, and the parent's loop thread, which
+// alone uses them, does not exist here.
+void NetlinkRouteMonitor::leaveBehind() QEL_NO_THREAD_SAFETY_ANALYSIS {
+    if (eventFd_ >= 0) ::close(eventFd_);
+    if (requestFd_ >= 0) ::close(requestFd_);
 }
 
 bool NetlinkRouteMonitor::isCellularInterface(const std::string& name, const std::string& kind,

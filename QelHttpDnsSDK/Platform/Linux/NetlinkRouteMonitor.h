@@ -44,7 +44,8 @@ public:
         virtual void routesChanged() = 0;
     };
 
-    /// The process-wide monitor, started on first use and never destroyed.
+    /// The process-wide monitor, started on first use and never destroyed; a forked child
+    /// starts its own on first use (see ProcessFork.h).
     static NetlinkRouteMonitor& shared();
 
     /// `ReachabilityFlags` of the internet as a whole: Reachable when an IPv4 or IPv6 unicast
@@ -110,6 +111,7 @@ private:
     // The first attempt, on the calling thread; the watch and any retry follow on the loop.
     void start();
     bool openSockets();
+    void leaveBehind();   // in a forked child, for the parent's monitor
     void closeSockets();  // loop thread
     bool watch();         // loop thread
     // Reads everything that is missing (sockets, watch, state); on the loop thread.
