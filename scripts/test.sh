@@ -22,7 +22,9 @@ if [ "$preset" = tsan ]; then
   if [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)" -gt 28 ]; then
     sysctl -qw vm.mmap_rnd_bits=28 2>/dev/null || true
   fi
-  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}"
+  # A forked child of a threaded process starts threads of its own (the fork test): TSan
+  # allows it only when told to.
+  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 die_after_fork=0 ${TSAN_OPTIONS:-}"
 fi
 export ASAN_OPTIONS="detect_leaks=1 ${ASAN_OPTIONS:-}"
 export UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1 ${UBSAN_OPTIONS:-}"
