@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Extras/qel_httpdns.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
@@ -504,6 +505,58 @@ TEST(PublicManagerRestart, SecondProcessAnswersFromThePersistedCache) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_TRUE(run(Source::Store));
+}
+
+// The resilience profile: every lookup ends within its deadline after a bounded number of
+// requests, a failed node rests while the next one answers, all nodes down fails at once, each
+// lookup keeps its own family and key, and concurrent misses of one name share one request.
+TEST_F(PublicManager, TheResilienceProfileEndsEveryLookupFailsOverAndSharesMisses) {
+    using S = ResolutionService;
+    service.setAddresses("www.test", {"192.0.2.1"});
+    service.setAddresses("v6.test", {"2001:db8::1"});
+    service.setNodes(kDeadNode, {kDeadNode, service.baseUrl()});
+    dns().enableCacheIP(true);
+    login();
+    QelDNSResilienceOptions options;
+    options.deadline = 0.5;
+    options.nodeRest = 30.0;
+    QelDNSResilience::enable(options);
+    const auto requests = [&](const std::string& host) {
+        const Strings hosts = service.resolvedHosts();
+        return std::count(hosts.begin(), hosts.end(), host);
+    };
+    // The dead node (the login's choice) fails and rests; its neighbour answers, then alone.
+    EXPECT_EQ(ask("www.test").ips, Strings{"192.0.2.1"});
+    dns().cleanAllCache();
+    const Answer again = ask("www.test");
+    EXPECT_EQ(again.ips, Strings{"192.0.2.1"});
+    EXPECT_EQ(again.trace.attempts, 1);
+    // Each lookup its own family, under its own key (the manager's key would be "v6.test_v4").
+    const Answer v6 = ask("v6.test", 2);
+    EXPECT_EQ(v6.ips, Strings{"2001:db8::1"});
+    EXPECT_EQ(v6.trace.cacheKey, "v6.test_v6");
+    // After a 403, a failing service is asked a bounded number of times, with backoff.
+    service.scriptResolves({S::status(403), S::status(500), S::status(500), S::status(500), S::status(500), S::status(500)});
+    EXPECT_EQ(ask("a.test").code, 403);
+    EXPECT_EQ(ask("b.test").code, 500);
+    EXPECT_EQ(requests("b.test"), options.maxAttempts);
+    // A service that never answers: the deadline ends the lookup.
+    service.scriptResolves({S::stall()});
+    EXPECT_EQ(ask("c.test").code, QEL_HTTPDNS_E_DEADLINE_PASSED);
+    // Twenty concurrent misses of one name: one request, twenty answers.
+    service.setAddresses("one.test", {"192.0.2.9"});
+    Answers answers;
+    for (int i = 0; i < 20; ++i) dns().getIPV4ByDomain("one.test", answers.callback());
+    ASSERT_TRUE(answers.waitFor(20));
+    for (const auto& call : answers.calls()) EXPECT_EQ(std::get<1>(call.arguments), Strings{"192.0.2.9"});
+    EXPECT_EQ(requests("one.test"), 1);
+    // Every node down: each is tried once, then a lookup fails at once on the caller's thread.
+    service.setNodes("http://127.0.0.1:2", {"http://127.0.0.1:2", kDeadNode});
+    login();
+    EXPECT_EQ(ask("d.test").code, QEL_HTTPDNS_E_ALL_NODES_FAILED);
+    const Answer fast = ask("e.test");
+    EXPECT_TRUE(fast.code == QEL_HTTPDNS_E_ALL_NODES_FAILED && fast.beforeReturn && requests("e.test") == 0);
+    QelDNSResilience::disable();
 }
 
 // A pre-fork server: the parent logs in and caches, then forks. The child answers the cached

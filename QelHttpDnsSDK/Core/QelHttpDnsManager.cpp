@@ -7,6 +7,7 @@
 #include "QelHttpDnsSDK/Const/QelDNSConst.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
+#include "QelHttpDnsSDK/Manager/QelDNSResolvePolicy.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 #include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
 #include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
@@ -57,6 +58,11 @@ std::string QelHttpDnsManager::sdkVersion() { return QelDNS_SDK_VERSION; }
 
 void QelHttpDnsManager::registerAuthId(std::optional<std::string> authId,
                                        std::optional<std::string> authSecret) {
+    {
+        Lock lock(mutex_);
+        offeredAuthId_ = authId;
+        offeredAuthSecret_ = authSecret;
+    }
     // The network is asked first: without it the credentials are neither checked nor kept.
     const bool networkAvailable = checkNetworkAvailable();
     if (networkAvailable && isPresent(authId) && isPresent(authSecret)) {
@@ -243,13 +249,20 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
         logFramed(codes::kNetworkUnavailableMessage);
         return true;
     }
+    QelDNSResolvePolicy* const policy = QelDNSResolvePolicy::installed();
     if (status == kStatusReady) {
-        QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
-                                                           lookup);
+        if (policy) {
+            policy->resolve(*domain, type, std::move(returnBlock), lookup);
+        } else {
+            QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
+                                                               lookup);
+        }
         return true;
     }
     if (status == kStatusAuthFailed) {
-        retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
+        if (!policy || !policy->whileLoginFailed(*domain, type, returnBlock, lookup)) {
+            retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
+        }
         return true;
     }
     const std::string description = currentStatusDesc();

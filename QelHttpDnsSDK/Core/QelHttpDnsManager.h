@@ -146,6 +146,9 @@ private:
     std::optional<std::string> authId_;                                    // guarded by mutex_
     std::optional<std::string> authSecret_;                                // guarded by mutex_
     std::optional<std::vector<QelDNSPreResolveModel>> preResolveDomians_;  // guarded by mutex_
+    // The last registration's credentials as given, kept even when they were not (no network):
+    // read only by an extension that registers again once the network is back.
+    std::optional<std::string> offeredAuthId_, offeredAuthSecret_;  // guarded by mutex_
 
     // Signalled when a login reply (or a refused registration) sets a status.
     std::mutex statusMutex_;

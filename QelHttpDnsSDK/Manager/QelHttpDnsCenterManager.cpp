@@ -65,15 +65,8 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
 
     using CacheRead = QelDNSLookupListener::CacheRead;
     if (cacheIP()) {
-        std::optional<std::vector<std::string>> addresses;
         bool fromStore = false;
-        QelDNSCacheManager::shared().readIPsWithDomain(
-            key, expiredIP(),
-            [&addresses](const QelDNSIPModelListRef& cached) {
-                // A stored record may lack its address: a hit with none left is a miss.
-                if (auto ips = filterIPs(*cached); !ips.empty()) addresses = std::move(ips);
-            },
-            &fromStore);
+        std::optional<std::vector<std::string>> addresses = readCached(key, fromStore);
         if (addresses) {
             QelDNSLookupEvents::cacheRead(lookup, key,
                                           fromStore ? CacheRead::Store : CacheRead::Memory);
@@ -86,7 +79,7 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
             [this, key = std::string(key), completion = std::move(completion)](
                 std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
                 if (error) return callCatching(completion, std::move(error), std::nullopt);
-                QelDNSCacheManager::shared().saveIPs(records, key, cacheIP());
+                storeAnswer(records, key);
                 callCatching(completion, std::nullopt, filterIPs(*records));
             },
             std::move(lookup));
@@ -112,22 +105,46 @@ void QelHttpDnsCenterManager::requestIPsWithRetryCount(int32_t count, RecordsCom
             nullptr);
         return;
     }
-    std::optional<std::string> url, id, secret, domain;
+    std::optional<std::string> domain;
     int64_t type;
+    const std::optional<std::string> url = resolveUrl();
+    pending_.read(domain, type);  // afresh for every attempt: the last lookup's pair
+    QelDNSLookupEvents::requestSent(lookup, url);
+    sendResolve(url, domain, type,
+                [this, count, completion = std::move(completion), lookup = std::move(lookup)](
+                    std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+                    handleAttempt(count, completion, lookup, std::move(error), std::move(records));
+                });
+}
+
+void QelHttpDnsCenterManager::sendResolve(const std::optional<std::string>& node,
+                                          const std::optional<std::string>& domain, int64_t type,
+                                          RecordsCompletion completion) {
+    std::optional<std::string> id, secret;
     {
         Lock lock(mutex_);
-        url = resolveUrl_;
         id = authId_;
         secret = authSecret_;
     }
-    pending_.read(domain, type);  // afresh for every attempt: the last lookup's pair
-    QelDNSLookupEvents::requestSent(lookup, url);
-    QelDNSGetIPs::getIPsWithUrl(
-        url, type == 1 ? 1 : 2, id, secret, domain,
-        [this, count, completion = std::move(completion), lookup = std::move(lookup)](
-            std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
-            handleAttempt(count, completion, lookup, std::move(error), std::move(records));
-        });
+    QelDNSGetIPs::getIPsWithUrl(node, type == 1 ? 1 : 2, id, secret, domain, std::move(completion));
+}
+
+std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readCached(const std::string& key,
+                                                                            bool& fromStore) {
+    std::optional<std::vector<std::string>> addresses;
+    if (!cacheIP()) return addresses;
+    QelDNSCacheManager::shared().readIPsWithDomain(
+        key, expiredIP(),
+        [&addresses](const QelDNSIPModelListRef& cached) {
+            // A stored record may lack its address: a hit with none left is a miss.
+            if (auto ips = filterIPs(*cached); !ips.empty()) addresses = std::move(ips);
+        },
+        &fromStore);
+    return addresses;
+}
+
+void QelHttpDnsCenterManager::storeAnswer(QelDNSIPModelListRef records, const std::string& key) {
+    QelDNSCacheManager::shared().saveIPs(std::move(records), key, cacheIP());
 }
 
 void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompletion& completion,

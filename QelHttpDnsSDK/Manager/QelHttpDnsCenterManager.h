@@ -68,6 +68,22 @@ public:
     void requestIPsWithRetryCount(int32_t count, RecordsCompletion completion,
                                   QelDNSLookupHandle lookup = nullptr);
 
+    /// Stores `domain` and `type` as the pending lookup (the one a network change refreshes)
+    /// and returns the key the design's rule gives it: see getIPsWithDomain.
+    const std::string& notePending(const std::optional<std::string>& domain, int64_t type) {
+        return pending_.store(domain, type);
+    }
+    /// With `cacheIP`, the addresses cached under `key` (memory, else the store; expired ones
+    /// only with `expiredIP`), or nothing when none is left. `fromStore` tells where.
+    std::optional<std::vector<std::string>> readCached(const std::string& key, bool& fromStore);
+    /// Keeps `records` under `key`, in memory and, with `cacheIP`, in the store.
+    void storeAnswer(QelDNSIPModelListRef records, const std::string& key);
+    /// One resolve request for `domain` and `type` to `node`, signed with the credentials of
+    /// the login; no retry. The completion runs as QelDNSGetIPs::getIPsWithUrl's does.
+    void sendResolve(const std::optional<std::string>& node,
+                     const std::optional<std::string>& domain, int64_t type,
+                     RecordsCompletion completion);
+
     /// The address of every record, in order (records without one are left out).
     static std::vector<std::string> filterIPs(const QelDNSIPModelList& ips);
 

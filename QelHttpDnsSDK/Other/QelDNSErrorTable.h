@@ -39,13 +39,15 @@
     /* The login's own checks, QelDNSAuthManager. */                                              \
     X(kAuthIdMissing, AUTH_ID_MISSING, -30000, "parameter invalid", "AuthId missing")             \
     X(kAuthSecretMissing, AUTH_SECRET_MISSING, -30001, "parameter invalid", "AuthSecret missing") \
-    /* The extensions: blocking lookup, C interface, libcurl pinning. */                          \
+    /* The extensions: blocking lookup, C interface, libcurl pinning, resilience profile. */                          \
     X(kTimedOut, TIMED_OUT, -50001, "timed out", "timed out")                                     \
     X(kCalledOnPlatformThread, PLATFORM_THREAD, -50002, "blocking lookup on the platform thread", \
       "blocking lookup on the platform thread")                                                   \
     X(kInvalidArgument, INVALID_ARGUMENT, -50003, "invalid argument", "invalid argument")         \
     X(kInternalFailure, INTERNAL, -50004, "", "internal failure")                                 \
-    X(kUnusableUrl, UNUSABLE_URL, -50005, "not a URL libcurl can fetch", "unusable URL")
+    X(kUnusableUrl, UNUSABLE_URL, -50005, "not a URL libcurl can fetch", "unusable URL")             \
+    X(kDeadlinePassed, DEADLINE_PASSED, -50006, "lookup deadline passed", "deadline passed")       \
+    X(kAllNodesFailed, ALL_NODES_FAILED, -50007, "every resolve node failed", "every node failed")
 
 /* The C names: QEL_HTTPDNS_E_NOT_READY, QEL_HTTPDNS_E_TIMED_OUT, ... */
 #define QEL_DNS_ERROR_ENUMERATOR_(name, cName, code, message, gloss) QEL_HTTPDNS_E_##cName = code,

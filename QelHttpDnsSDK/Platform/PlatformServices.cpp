@@ -169,6 +169,18 @@ ScopedPlatformOverride& ScopedPlatformOverride::userDefaults(UserDefaults& store
     return *this;
 }
 
+bool runOnPlatformThreadAfter(double seconds, std::function<void()> task) {
+    try {
+        EventLoop& loop = EventLoop::shared();
+        loop.post([&loop, seconds, task = std::move(task)]() mutable {
+            loop.runAfter(seconds, std::move(task));
+        });
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 bool isPlatformThread() {
     try {
         return EventLoop::shared().isLoopThread();

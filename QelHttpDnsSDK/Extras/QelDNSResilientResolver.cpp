@@ -1,0 +1,254 @@
+#include "QelHttpDnsSDK/Extras/QelDNSResilientResolver.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <random>
+#include <utility>
+
+#include "QelHttpDnsSDK/Core/QelDNSManagerExtensions.h"
+#include "QelHttpDnsSDK/Manager/QelDNSAuthManager.h"
+#include "QelHttpDnsSDK/Manager/QelDNSPendingLookup.h"
+#include "QelHttpDnsSDK/Network/Base/QelDNSRequest.h"
+#include "QelHttpDnsSDK/Other/QelDNSCallbacks.h"
+#include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
+#include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/PlatformThread.h"
+
+namespace {
+
+namespace codes = QelDNSErrorCodes;
+using Clock = QelDNSNodeHealth::Clock;
+using CacheRead = QelDNSLookupListener::CacheRead;
+
+// The key of a lookup's own domain and type; each thread keeps the last one it built, since
+// building it would cost more than the rest of a cache hit.
+const std::string& ownKey(const std::string& domain, int64_t type) {
+    struct Last {
+        std::string domain;
+        int64_t type = 0;
+        std::string key;
+    };
+    thread_local Last last;
+    if (last.type != type || last.domain != domain || last.key.empty()) {
+        last.domain = domain;
+        last.type = type;
+        last.key = QelDNSPendingLookup::cacheKey(domain, type);
+    }
+    return last.key;
+}
+
+// Errors that asking again cannot change: the service refused, or has no address for the name.
+bool isFinal(const QelDNSError& error) {
+    return error.code() == codes::kForbidden || error.code() == codes::kResolveEmptyData;
+}
+
+double jittered(double seconds) {
+    thread_local std::minstd_rand random{std::random_device{}()};
+    return std::uniform_real_distribution<double>(seconds / 2, seconds)(random);
+}
+
+}  // namespace
+
+struct QelDNSResilientResolver::Flight {
+    std::string key, domain;
+    int64_t type = 1;
+    std::shared_ptr<const QelDNSResilienceOptions> options;
+    // Guarded by the resolver's mutex_.
+    std::vector<Waiter> waiters;
+    int attempts = 0;
+    bool done = false;
+    std::optional<QelDNSError> lastError;
+
+    template <typename Announce>
+    void announce(Announce each) const {
+        for (const Waiter& waiter : waiters) each(waiter.lookup);
+    }
+};
+
+QelDNSResilientResolver& QelDNSResilientResolver::shared() {
+    static QelDNSResilientResolver* const instance = new QelDNSResilientResolver();
+    return *instance;
+}
+
+void QelDNSResilientResolver::configure(const QelDNSResilienceOptions& options) {
+    {
+        qel::platform::MutexLock lock(mutex_);
+        options_ = std::make_shared<const QelDNSResilienceOptions>(options);
+    }
+    ownKeys_.store(options.ownKeys, std::memory_order_release);
+    loginKeeper_.start(options.renewLogin);
+}
+
+std::shared_ptr<const QelDNSResilienceOptions> QelDNSResilientResolver::options() const {
+    qel::platform::MutexLock lock(mutex_);
+    return options_;
+}
+
+void QelDNSResilientResolver::resolve(const std::string& domain, int64_t type,
+                                      Completion completion, QelDNSLookupHandle lookup) {
+    QelHttpDnsCenterManager& center = QelHttpDnsCenterManager::shared();
+    // Still the pending lookup, so that a network change refreshes the latest one.
+    const std::string& managersKey = center.notePending(domain, type);
+    const std::string& key =
+        ownKeys_.load(std::memory_order_acquire) ? ownKey(domain, type) : managersKey;
+    if (center.cacheIP()) {
+        bool fromStore = false;
+        if (auto addresses = center.readCached(key, fromStore)) {
+            QelDNSLookupEvents::cacheRead(lookup, key,
+                                          fromStore ? CacheRead::Store : CacheRead::Memory);
+            if (completion) completion(std::nullopt, std::move(addresses));
+            return;
+        }
+        QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
+    }
+    join(key, domain, type, Waiter{std::move(completion), std::move(lookup)});
+}
+
+bool QelDNSResilientResolver::whileLoginFailed(const std::string&, int64_t, Completion& completion,
+                                               const QelDNSLookupHandle&) {
+    if (!options()->renewLogin) return false;
+    loginKeeper_.loginFailed();
+    QelDNSCallbacks::callCatching(
+        completion,
+        QelDNSUntil::errorCode(codes::kNotReady, QelDNSManagerExtensions::currentStatusDesc()),
+        std::nullopt);
+    return true;
+}
+
+void QelDNSResilientResolver::join(std::string key, const std::string& domain, int64_t type,
+                                   Waiter waiter) {
+    auto flight = std::make_shared<Flight>();
+    {
+        qel::platform::MutexLock lock(mutex_);
+        flight->options = options_;
+        if (flight->options->singleFlight) {
+            if (auto joined = flights_.find(key); joined != flights_.end()) {
+                joined->second->waiters.push_back(std::move(waiter));
+                return;
+            }
+            flights_.emplace(key, flight);
+        }
+        flight->key = std::move(key);
+        flight->domain = domain;
+        flight->type = type;
+        flight->waiters.push_back(std::move(waiter));
+    }
+    const double deadline =
+        flight->options->deadline > 0 ? flight->options->deadline : QelDNSRequest::timeout();
+    const bool timed = qel::platform::runOnPlatformThreadAfter(deadline, [this, flight] {
+        finish(flight,
+               QelDNSUntil::errorCode(codes::kDeadlinePassed, codes::kDeadlinePassedMessage),
+               nullptr);
+    });
+    if (!timed) {
+        return finish(flight, QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
+                      nullptr);
+    }
+    attempt(flight);
+}
+
+// The node the login chose first, then the rest of its list, each once.
+std::vector<std::string> QelDNSResilientResolver::nodesOfLogin() {
+    std::vector<std::string> nodes;
+    auto add = [&nodes](const std::optional<std::string>& node) {
+        if (node && !node->empty() && std::find(nodes.begin(), nodes.end(), *node) == nodes.end()) {
+            nodes.push_back(*node);
+        }
+    };
+    add(QelHttpDnsCenterManager::shared().resolveUrl());
+    if (const auto list = QelDNSAuthManager::shared().hostList()) {
+        for (const std::string& node : *list) add(node);
+    }
+    return nodes;
+}
+
+void QelDNSResilientResolver::attempt(const FlightRef& flight) {
+    const std::optional<std::string> node = health_.pick(nodesOfLogin(), Clock::now());
+    {
+        qel::platform::MutexLock lock(mutex_);
+        if (flight->done) return;
+        if (node) {
+            ++flight->attempts;
+            flight->announce([&node](const QelDNSLookupHandle& lookup) {
+                QelDNSLookupEvents::requestSent(lookup, node);
+            });
+        }
+    }
+    if (!node) {
+        return finish(flight,
+                      QelDNSUntil::errorCode(codes::kAllNodesFailed, codes::kAllNodesFailedMessage),
+                      nullptr);
+    }
+    QelHttpDnsCenterManager::shared().sendResolve(
+        node, flight->domain, flight->type,
+        [this, flight, node = *node](std::optional<QelDNSError> error,
+                                     QelDNSIPModelListRef records) {
+            onAnswer(flight, node, std::move(error), std::move(records));
+        });
+}
+
+void QelDNSResilientResolver::onAnswer(const FlightRef& flight, const std::string& node,
+                                       std::optional<QelDNSError> error,
+                                       QelDNSIPModelListRef records) {
+    if (!error) {
+        health_.answered(node);
+        // Stored even when the deadline has passed: the next lookup finds it.
+        QelHttpDnsCenterManager::shared().storeAnswer(records, flight->key);
+        return finish(flight, std::nullopt, std::move(records));
+    }
+    const bool nodeFailed = error->code() == codes::kNeedRetry;
+    if (nodeFailed) {
+        health_.failed(node, Clock::now(), flight->options->nodeRest, flight->options->maxNodeRest);
+    }
+    int attempts;
+    {
+        qel::platform::MutexLock lock(mutex_);
+        if (flight->done) return;
+        flight->announce([&error](const QelDNSLookupHandle& lookup) {
+            QelDNSLookupEvents::attemptFailed(lookup, *error);
+        });
+        flight->lastError = error;
+        attempts = flight->attempts;
+    }
+    if (isFinal(*error) || attempts >= flight->options->maxAttempts) {
+        return finish(flight, std::move(error), nullptr);
+    }
+    if (nodeFailed) return attempt(flight);  // the next node, at once
+    retryLater(flight, attempts);
+}
+
+void QelDNSResilientResolver::retryLater(const FlightRef& flight, int attempts) {
+    const QelDNSResilienceOptions& options = *flight->options;
+    const double delay = std::min(
+        options.lastBackoff, options.firstBackoff * std::ldexp(1.0, std::min(attempts - 1, 30)));
+    if (!qel::platform::runOnPlatformThreadAfter(jittered(delay),
+                                                 [this, flight] { attempt(flight); })) {
+        finish(flight, QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
+               nullptr);
+    }
+}
+
+void QelDNSResilientResolver::finish(const FlightRef& flight, std::optional<QelDNSError> error,
+                                     QelDNSIPModelListRef records) {
+    std::vector<Waiter> waiters;
+    {
+        qel::platform::MutexLock lock(mutex_);
+        if (flight->done) return;
+        flight->done = true;
+        waiters.swap(flight->waiters);
+        const auto entry = flights_.find(flight->key);
+        if (entry != flights_.end() && entry->second == flight) flights_.erase(entry);
+    }
+    std::optional<std::vector<std::string>> addresses;
+    if (records) {
+        addresses = QelHttpDnsCenterManager::filterIPs(*records);
+        if (addresses->empty()) {
+            addresses.reset();
+            error =
+                QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage);
+        }
+    }
+    for (Waiter& waiter : waiters)
+        QelDNSCallbacks::callCatching(waiter.completion, error, addresses);
+}
