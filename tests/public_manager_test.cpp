@@ -559,6 +559,31 @@ TEST_F(PublicManager, TheResilienceProfileEndsEveryLookupFailsOverAndSharesMisse
     QelDNSResilience::disable();
 }
 
+// With the profile a login that found no network, or failed, is renewed by itself; lookups
+// meanwhile are refused at once instead of each sending a login of its own.
+TEST_F(PublicManager, TheResilienceProfileRenewsTheLoginByItself) {
+    QelDNSResilience::enable();
+    network.setFlags(0);
+    dns().customServerUrl(service.baseUrl());
+    dns().registerAuthId(std::string(qel::test::kAuthId), std::string(qel::test::kAuthSecret));
+    ASSERT_EQ(dns().initStatus(), 1);
+    network.setFlags(kWiFi);
+    network.fire();
+    EXPECT_TRUE(eventually([&] { return dns().initStatus() == 4; }));
+
+    service.scriptLogins({ResolutionService::status(500)});
+    login(qel::test::kAuthSecret, 3);
+    const size_t logins = service.logins();
+    for (int i = 0; i < 3; ++i) {
+        const Answer refused = ask("a.test");
+        EXPECT_TRUE(refused.code == 3 && refused.beforeReturn);
+    }
+    EXPECT_EQ(service.logins(), logins);
+    EXPECT_TRUE(eventually([&] { return dns().initStatus() == 4; }));
+    EXPECT_EQ(service.logins(), logins + 1);
+    QelDNSResilience::disable();
+}
+
 // A pre-fork server: the parent logs in and caches, then forks. The child answers the cached
 // name from memory and a new one through a platform thread, session and store connection of
 // its own, and the parent goes on answering through its own.
