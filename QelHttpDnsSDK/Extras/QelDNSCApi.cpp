@@ -15,6 +15,7 @@
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSAddressCheck.h"
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
@@ -218,6 +219,20 @@ qel_httpdns_error* qel_httpdns_set_timeout(double seconds) {
     return guarded([&]() -> qel_httpdns_error* {
         if (std::isnan(seconds) || seconds < 0) return invalidArgument();
         QelHttpDnsManager::shared().setTimeout(seconds);
+        return nullptr;
+    });
+}
+
+qel_httpdns_error* qel_httpdns_set_resilience(int enabled, double deadline) {
+    return guarded([&]() -> qel_httpdns_error* {
+        if (std::isnan(deadline) || deadline < 0) return invalidArgument();
+        if (!enabled) {
+            QelDNSResilience::disable();
+            return nullptr;
+        }
+        QelDNSResilienceOptions options;
+        options.deadline = deadline;
+        QelDNSResilience::enable(options);
         return nullptr;
     });
 }

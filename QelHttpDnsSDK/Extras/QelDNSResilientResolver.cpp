@@ -43,6 +43,15 @@ bool isFinal(const QelDNSError& error) {
     return error.code() == codes::kForbidden || error.code() == codes::kResolveEmptyData;
 }
 
+// Seconds a lookup may take; nothing for no limit. The manager's timeout reads as a request
+// does: 0 is 20 s, a nonsense value the shortest bound.
+std::optional<double> lookupDeadline(const QelDNSResilienceOptions& options) {
+    const double seconds = options.deadline > 0 ? options.deadline : QelDNSRequest::timeout();
+    if (seconds == 0) return 20.0;
+    if (std::isinf(seconds) && seconds > 0) return std::nullopt;
+    return std::isfinite(seconds) && seconds > 0 ? seconds : 0.001;
+}
+
 double jittered(double seconds) {
     thread_local std::minstd_rand random{std::random_device{}()};
     return std::uniform_real_distribution<double>(seconds / 2, seconds)(random);
@@ -134,13 +143,13 @@ void QelDNSResilientResolver::join(std::string key, const std::string& domain, i
         flight->type = type;
         flight->waiters.push_back(std::move(waiter));
     }
-    const double deadline =
-        flight->options->deadline > 0 ? flight->options->deadline : QelDNSRequest::timeout();
-    const bool timed = qel::platform::runOnPlatformThreadAfter(deadline, [this, flight] {
-        finish(flight,
-               QelDNSUntil::errorCode(codes::kDeadlinePassed, codes::kDeadlinePassedMessage),
-               nullptr);
-    });
+    const std::optional<double> deadline = lookupDeadline(*flight->options);
+    const bool timed =
+        !deadline || qel::platform::runOnPlatformThreadAfter(*deadline, [this, flight] {
+            finish(flight,
+                   QelDNSUntil::errorCode(codes::kDeadlinePassed, codes::kDeadlinePassedMessage),
+                   nullptr);
+        });
     if (!timed) {
         return finish(flight, QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
                       nullptr);

@@ -88,6 +88,13 @@ QEL_EXPORT qel_httpdns_error* qel_httpdns_set_degrade_hosts(const char* const* h
 QEL_EXPORT qel_httpdns_error* qel_httpdns_set_log_enabled(int enabled);
 QEL_EXPORT qel_httpdns_error* qel_httpdns_clean_cache(void);
 
+/* The resilience profile for servers (the guide's "Running in a server"): every lookup ends
+ * within `deadline` seconds (0: the timeout above) with one callback, failing nodes rest while
+ * the next one is tried, each lookup keeps its own family, concurrent misses share a request,
+ * and the login renews itself. `enabled` 0 turns it off; a negative or NaN deadline is
+ * invalid. The other settings of the C++ QelDNSResilienceOptions keep their defaults. */
+QEL_EXPORT qel_httpdns_error* qel_httpdns_set_resilience(int enabled, double deadline);
+
 /* Looks `domain` up (QEL_HTTPDNS_IPV4 or QEL_HTTPDNS_IPV6). Returns an error, and never calls
  * `callback`, when `callback` is NULL or `type` another number
  * (QEL_HTTPDNS_E_INVALID_ARGUMENT), or the lookup could not be started; otherwise returns

@@ -127,6 +127,7 @@ static void beforeRegistration(void) {
 
     /* Bad arguments are errors, never crashes. */
     CHECK(failedWith(qel_httpdns_set_timeout(-1.0), QEL_HTTPDNS_E_INVALID_ARGUMENT));
+    CHECK(failedWith(qel_httpdns_set_resilience(1, -1.0), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_set_degrade_hosts(NULL, 2), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_set_degrade_hosts(withNull, 2), QEL_HTTPDNS_E_INVALID_ARGUMENT));
     CHECK(failedWith(qel_httpdns_lookup(kName, QEL_HTTPDNS_IPV4, NULL, NULL), QEL_HTTPDNS_E_INVALID_ARGUMENT));

@@ -21,6 +21,8 @@ const char QeldnsOptions::kUsage[] =
     "  --store PATH       file of the persistent cache\n"
     "  --clear-cache      empty the cache before looking up\n"
     "  --repeat N         look each name up N times (shows cache hits)\n"
+    "  --resilient        the SDK's resilience profile: each lookup ends within --timeout,\n"
+    "                     failing nodes are skipped, each lookup keeps its own family\n"
     "  -f FILE            names from FILE, one per line ('#' starts a comment)\n"
     "  --json             one JSON object per answer\n"
     "  -v                 the SDK's console log on standard error; with --json, a\n"
@@ -94,6 +96,8 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
             options.verbose = true;
         } else if (arg == "--json") {
             options.json = true;
+        } else if (arg == "--resilient") {
+            options.resilient = true;
         } else if (arg == "--no-cache") {
             options.cache = false;
         } else if (arg == "--expired") {

@@ -17,6 +17,8 @@ struct QeldnsOptions {
     bool clearCache = false;
     bool verbose = false;
     bool json = false;
+    bool resilient =
+        false;  // the SDK's resilience profile; --timeout is then each lookup's deadline
     int repeat = 1;
     std::optional<std::string> namesFile;
     std::vector<std::string> names;

@@ -193,6 +193,11 @@ void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
     dns.setTimeout(options.timeout);
     if (!options.degradeHosts.empty()) dns.setDegradeHosts(options.degradeHosts);
     if (options.server) dns.customServerUrl(options.server);
+    if (options.resilient) {
+        QelDNSResilienceOptions resilience;
+        resilience.deadline = options.timeout;
+        QelDNSResilience::enable(resilience);
+    }
     if (options.verbose && options.json) {
         QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) { latestTrace = trace; });
     }

@@ -46,6 +46,7 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         // The resolve is refused with a message of half a megabyte that clears the screen.
         {"a.test", {}, {"a.test: error 403: \\x1b[2Jxxx", "xxx... (499704 more bytes)"}, 1},
         {"b.test", {"b.test 192.0.2.5"}, {"\"<script>\"", escaped, "2001:db8::5"}, 0},
+        {"--resilient -6 b.test", {"b.test 2001:db8::5"}, {"192.0.2.5", "\"<script>\""}, 0},
         {"--json c.test",
          {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"},
          {},
