@@ -7,6 +7,8 @@
 //   hits from 2 threads                 vs  1 thread, in aggregate throughput
 //   hits over 64 and 4096 cached names  vs  a std::unordered_map of as many, round-robin and
 //                                           in random order
+//   the same hit, resilience profile on  vs  off
+//   100 concurrent misses of one name   resilience profile on (one request) vs off
 //   miss answered by the service        vs  a bare reused libcurl GET of the same URL
 //   bytes in memory per cached domain with two addresses
 // The ratios are printed after the table.
@@ -41,6 +43,7 @@
 
 #include "BenchMain.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
@@ -221,6 +224,51 @@ void BM_Hit_getIPV4ByDomain_Traced(benchmark::State& state) {
     if (hits != state.iterations() || traces->load() != hits) {
         state.SkipWithError("a lookup missed the cache or was not traced");
     }
+}
+
+// The same hit through the resilience profile, which reads the lookup's own key.
+void BM_Hit_getIPV4ByDomain_Resilient(benchmark::State& state) {
+    QelDNSResilience::enable();
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const std::optional<std::string> domain = kHitDomain;
+    Fixture::lookUp(kHitDomain);  // the own key may not be stored yet
+    int64_t hits = 0;
+    for (auto _ : state) {
+        dns.getIPV4ByDomain(domain, [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    QelDNSResilience::disable();
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+// Requests the service received per batch of 100 concurrent misses, by profile (off, on).
+double requestsPerBatch[2] = {0, 0};
+
+// 100 lookups of one name not in the cache, made at once, until every one is answered.
+// range(0): the resilience profile off (each miss sends its own request) or on (one request).
+void BM_Misses_100Concurrent(benchmark::State& state) {
+    const bool resilient = state.range(0) != 0;
+    if (resilient) QelDNSResilience::enable();
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    const std::optional<std::string> domain = kMissDomain;
+    auto answered = std::make_shared<std::atomic<int>>(0);
+    const size_t before = fixture().service.resolvedHosts().size();
+    for (auto _ : state) {
+        state.PauseTiming();
+        QelDNSCacheManager::shared().clearCacheForDomain(std::string(kMissDomain) + "_v4");
+        answered->store(0);
+        state.ResumeTiming();
+        for (int i = 0; i < 100; ++i) {
+            dns.getIPV4ByDomain(domain,
+                                [answered](std::optional<QelDNSError>, Ips) { ++*answered; });
+        }
+        while (answered->load() < 100) std::this_thread::yield();
+    }
+    if (resilient) QelDNSResilience::disable();
+    requestsPerBatch[resilient] =
+        double(fixture().service.resolvedHosts().size() - before) / double(state.iterations());
+    state.counters["requests"] = requestsPerBatch[resilient];
 }
 
 void BM_BareMap_FindAndCopy(benchmark::State& state) {
@@ -437,6 +485,8 @@ void BM_Miss_getIPV4ByDomain(benchmark::State& state) {
 BENCHMARK(BM_BareMap_FindAndCopy)->ThreadRange(1, 2)->UseRealTime();
 BENCHMARK(BM_Hit_getIPV4ByDomain)->ThreadRange(1, 2)->UseRealTime();
 BENCHMARK(BM_Hit_getIPV4ByDomain_Traced)->UseRealTime();
+BENCHMARK(BM_Hit_getIPV4ByDomain_Resilient)->UseRealTime();
+BENCHMARK(BM_Misses_100Concurrent)->ArgName("resilient")->Arg(0)->Arg(1)->UseRealTime();
 BENCHMARK(BM_Getaddrinfo_Localhost)->UseRealTime();
 BENCHMARK(BM_Miss_BareCurl)->UseManualTime();
 BENCHMARK(BM_Miss_getIPV4ByDomain)->ArgName("cacheIP")->Arg(0)->Arg(1)->UseManualTime();
@@ -508,6 +558,13 @@ void report(const MedianReporter& medians) {
         const auto hitCpu = medians.cpuSeconds("BM_Hit_getIPV4ByDomain");
         std::printf("%-58s %+8.1f ns\n", "  the same in CPU time:", (*tracedCpu - *hitCpu) * 1e9);
     }
+    printRatio("hit, resilience profile on / off:",
+               divide(medians.seconds("BM_Hit_getIPV4ByDomain_Resilient"), hit), "<= 1.05x");
+    printRatio("100 concurrent misses of one name, profile on / off:",
+               divide(medians.seconds("BM_Misses_100Concurrent/resilient:1"),
+                      medians.seconds("BM_Misses_100Concurrent/resilient:0")));
+    std::printf("%-58s %.1f off, %.1f on (target 1)\n",
+                "requests per 100 concurrent misses:", requestsPerBatch[0], requestsPerBatch[1]);
     printRatio("getaddrinfo(\"localhost\") / hit:",
                divide(medians.seconds("BM_Getaddrinfo_Localhost"), hit), ">= 100x");
     // Throughput on two threads needs two free cores. Where others' work takes them, the CPU

@@ -21,21 +21,18 @@ namespace codes = QelDNSErrorCodes;
 using Clock = QelDNSNodeHealth::Clock;
 using CacheRead = QelDNSLookupListener::CacheRead;
 
-// The key of a lookup's own domain and type; each thread keeps the last one it built, since
-// building it would cost more than the rest of a cache hit.
-const std::string& ownKey(const std::string& domain, int64_t type) {
-    struct Last {
-        std::string domain;
-        int64_t type = 0;
-        std::string key;
-    };
-    thread_local Last last;
-    if (last.type != type || last.domain != domain || last.key.empty()) {
-        last.domain = domain;
-        last.type = type;
-        last.key = QelDNSPendingLookup::cacheKey(domain, type);
+// The key of a lookup's own domain and type. The manager's key is the domain with the suffix
+// of the previous lookup's type, so in the usual run of lookups of one type it is the own key
+// already, and building another would cost more than the rest of a cache hit.
+const std::string& ownKey(const std::string& domain, int64_t type, const std::string& managersKey) {
+    const char* suffix = type == 1 ? "_v4" : "_v6";
+    if (managersKey.size() == domain.size() + 3 &&
+        managersKey.compare(domain.size(), 3, suffix) == 0) {
+        return managersKey;
     }
-    return last.key;
+    thread_local std::string built;
+    built = QelDNSPendingLookup::cacheKey(domain, type);
+    return built;
 }
 
 // Errors that asking again cannot change: the service refused, or has no address for the name.
@@ -100,7 +97,7 @@ void QelDNSResilientResolver::resolve(const std::string& domain, int64_t type,
     // Still the pending lookup, so that a network change refreshes the latest one.
     const std::string& managersKey = center.notePending(domain, type);
     const std::string& key =
-        ownKeys_.load(std::memory_order_acquire) ? ownKey(domain, type) : managersKey;
+        ownKeys_.load(std::memory_order_acquire) ? ownKey(domain, type, managersKey) : managersKey;
     if (center.cacheIP()) {
         bool fromStore = false;
         if (auto addresses = center.readCached(key, fromStore)) {
@@ -143,16 +140,22 @@ void QelDNSResilientResolver::join(std::string key, const std::string& domain, i
         flight->type = type;
         flight->waiters.push_back(std::move(waiter));
     }
+    // A flight of this key that ended between this lookup's cache read and now stored its
+    // answer before it left the table: read again rather than send a request of our own.
+    bool fromStore = false;
+    if (auto addresses = QelHttpDnsCenterManager::shared().readCached(flight->key, fromStore)) {
+        return finish(flight, std::nullopt, std::move(addresses));
+    }
     const std::optional<double> deadline = lookupDeadline(*flight->options);
     const bool timed =
         !deadline || qel::platform::runOnPlatformThreadAfter(*deadline, [this, flight] {
             finish(flight,
                    QelDNSUntil::errorCode(codes::kDeadlinePassed, codes::kDeadlinePassedMessage),
-                   nullptr);
+                   std::nullopt);
         });
     if (!timed) {
         return finish(flight, QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
-                      nullptr);
+                      std::nullopt);
     }
     attempt(flight);
 }
@@ -187,7 +190,7 @@ void QelDNSResilientResolver::attempt(const FlightRef& flight) {
     if (!node) {
         return finish(flight,
                       QelDNSUntil::errorCode(codes::kAllNodesFailed, codes::kAllNodesFailedMessage),
-                      nullptr);
+                      std::nullopt);
     }
     QelHttpDnsCenterManager::shared().sendResolve(
         node, flight->domain, flight->type,
@@ -203,8 +206,15 @@ void QelDNSResilientResolver::onAnswer(const FlightRef& flight, const std::strin
     if (!error) {
         health_.answered(node);
         // Stored even when the deadline has passed: the next lookup finds it.
-        QelHttpDnsCenterManager::shared().storeAnswer(records, flight->key);
-        return finish(flight, std::nullopt, std::move(records));
+        std::vector<std::string> addresses = QelHttpDnsCenterManager::filterIPs(*records);
+        QelHttpDnsCenterManager::shared().storeAnswer(std::move(records), flight->key);
+        if (addresses.empty()) {
+            return finish(
+                flight,
+                QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage),
+                std::nullopt);
+        }
+        return finish(flight, std::nullopt, std::move(addresses));
     }
     const bool nodeFailed = error->code() == codes::kNeedRetry;
     if (nodeFailed) {
@@ -221,7 +231,7 @@ void QelDNSResilientResolver::onAnswer(const FlightRef& flight, const std::strin
         attempts = flight->attempts;
     }
     if (isFinal(*error) || attempts >= flight->options->maxAttempts) {
-        return finish(flight, std::move(error), nullptr);
+        return finish(flight, std::move(error), std::nullopt);
     }
     if (nodeFailed) return attempt(flight);  // the next node, at once
     retryLater(flight, attempts);
@@ -234,12 +244,12 @@ void QelDNSResilientResolver::retryLater(const FlightRef& flight, int attempts) 
     if (!qel::platform::runOnPlatformThreadAfter(jittered(delay),
                                                  [this, flight] { attempt(flight); })) {
         finish(flight, QelDNSUntil::errorCode(codes::kNeedRetry, codes::kNeedRetryMessage),
-               nullptr);
+               std::nullopt);
     }
 }
 
 void QelDNSResilientResolver::finish(const FlightRef& flight, std::optional<QelDNSError> error,
-                                     QelDNSIPModelListRef records) {
+                                     std::optional<std::vector<std::string>> addresses) {
     std::vector<Waiter> waiters;
     {
         qel::platform::MutexLock lock(mutex_);
@@ -248,15 +258,6 @@ void QelDNSResilientResolver::finish(const FlightRef& flight, std::optional<QelD
         waiters.swap(flight->waiters);
         const auto entry = flights_.find(flight->key);
         if (entry != flights_.end() && entry->second == flight) flights_.erase(entry);
-    }
-    std::optional<std::vector<std::string>> addresses;
-    if (records) {
-        addresses = QelHttpDnsCenterManager::filterIPs(*records);
-        if (addresses->empty()) {
-            addresses.reset();
-            error =
-                QelDNSUntil::errorCode(codes::kResolveEmptyData, codes::kResolveEmptyDataMessage);
-        }
     }
     for (Waiter& waiter : waiters)
         QelDNSCallbacks::callCatching(waiter.completion, error, addresses);

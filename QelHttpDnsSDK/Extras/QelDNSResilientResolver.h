@@ -49,7 +49,7 @@ private:
                   std::optional<QelDNSError> error, QelDNSIPModelListRef records);
     void retryLater(const FlightRef& flight, int attempts);
     void finish(const FlightRef& flight, std::optional<QelDNSError> error,
-                QelDNSIPModelListRef records);
+                std::optional<std::vector<std::string>> addresses);
     static std::vector<std::string> nodesOfLogin();
 
     std::atomic<bool> ownKeys_{true};
