@@ -252,7 +252,7 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
     QelDNSResolvePolicy* const policy = QelDNSResolvePolicy::installed();
     if (status == kStatusReady) {
         if (policy) {
-            policy->resolve(*domain, type, std::move(returnBlock), lookup);
+            policy->resolve(domain, type, std::move(returnBlock), lookup);
         } else {
             QelHttpDnsCenterManager::shared().getIPsWithDomain(domain, type, std::move(returnBlock),
                                                                lookup);
@@ -260,7 +260,7 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
         return true;
     }
     if (status == kStatusAuthFailed) {
-        if (!policy || !policy->whileLoginFailed(*domain, type, returnBlock, lookup)) {
+        if (!policy || !policy->whileLoginFailed(domain, type, returnBlock, lookup)) {
             retryAuthenticationRequestWithDomain(domain, type, std::move(returnBlock), lookup);
         }
         return true;

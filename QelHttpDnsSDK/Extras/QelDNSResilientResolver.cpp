@@ -25,10 +25,9 @@ using CacheRead = QelDNSLookupListener::CacheRead;
 // of the previous lookup's type, so in the usual run of lookups of one type it is the own key
 // already, and building another would cost more than the rest of a cache hit.
 const std::string& ownKey(const std::string& domain, int64_t type, const std::string& managersKey) {
-    const char* suffix = type == 1 ? "_v4" : "_v6";
-    if (managersKey.size() == domain.size() + 3 &&
-        managersKey.compare(domain.size(), 3, suffix) == 0) {
-        return managersKey;
+    const size_t at = domain.size();
+    if (managersKey.size() == at + 3 && managersKey[at + 2] == (type == 1 ? '4' : '6')) {
+        return managersKey;  // "<domain>_v4" or "<domain>_v6": only the last character differs
     }
     thread_local std::string built;
     built = QelDNSPendingLookup::cacheKey(domain, type);
@@ -91,13 +90,13 @@ std::shared_ptr<const QelDNSResilienceOptions> QelDNSResilientResolver::options(
     return options_;
 }
 
-void QelDNSResilientResolver::resolve(const std::string& domain, int64_t type,
+void QelDNSResilientResolver::resolve(const std::optional<std::string>& domain, int64_t type,
                                       Completion completion, QelDNSLookupHandle lookup) {
     QelHttpDnsCenterManager& center = QelHttpDnsCenterManager::shared();
     // Still the pending lookup, so that a network change refreshes the latest one.
     const std::string& managersKey = center.notePending(domain, type);
     const std::string& key =
-        ownKeys_.load(std::memory_order_acquire) ? ownKey(domain, type, managersKey) : managersKey;
+        ownKeys_.load(std::memory_order_acquire) ? ownKey(*domain, type, managersKey) : managersKey;
     if (center.cacheIP()) {
         bool fromStore = false;
         if (auto addresses = center.readCached(key, fromStore)) {
@@ -108,11 +107,11 @@ void QelDNSResilientResolver::resolve(const std::string& domain, int64_t type,
         }
         QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
     }
-    join(key, domain, type, Waiter{std::move(completion), std::move(lookup)});
+    join(key, *domain, type, Waiter{std::move(completion), std::move(lookup)});
 }
 
-bool QelDNSResilientResolver::whileLoginFailed(const std::string&, int64_t, Completion& completion,
-                                               const QelDNSLookupHandle&) {
+bool QelDNSResilientResolver::whileLoginFailed(const std::optional<std::string>&, int64_t,
+                                               Completion& completion, const QelDNSLookupHandle&) {
     if (!options()->renewLogin) return false;
     loginKeeper_.loginFailed();
     QelDNSCallbacks::callCatching(

@@ -28,10 +28,10 @@ public:
 
     void configure(const QelDNSResilienceOptions& options);
 
-    void resolve(const std::string& domain, int64_t type, Completion completion,
+    void resolve(const std::optional<std::string>& domain, int64_t type, Completion completion,
                  QelDNSLookupHandle lookup) override;
-    bool whileLoginFailed(const std::string& domain, int64_t type, Completion& completion,
-                          const QelDNSLookupHandle& lookup) override;
+    bool whileLoginFailed(const std::optional<std::string>& domain, int64_t type,
+                          Completion& completion, const QelDNSLookupHandle& lookup) override;
 
 private:
     struct Waiter {

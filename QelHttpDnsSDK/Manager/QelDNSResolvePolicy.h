@@ -21,13 +21,13 @@ public:
 
     virtual ~QelDNSResolvePolicy() = default;
 
-    /// A lookup accepted while logged in (status 4).
-    virtual void resolve(const std::string& domain, int64_t type, Completion completion,
-                         QelDNSLookupHandle lookup) = 0;
+    /// A lookup accepted while logged in (status 4); `domain` is present (checked valid).
+    virtual void resolve(const std::optional<std::string>& domain, int64_t type,
+                         Completion completion, QelDNSLookupHandle lookup) = 0;
     /// A lookup made while the last login failed (status 3). Returns false, leaving the
     /// completion untouched, for the manager's own handling (a new login for this lookup).
-    virtual bool whileLoginFailed(const std::string& domain, int64_t type, Completion& completion,
-                                  const QelDNSLookupHandle& lookup) = 0;
+    virtual bool whileLoginFailed(const std::optional<std::string>& domain, int64_t type,
+                                  Completion& completion, const QelDNSLookupHandle& lookup) = 0;
 
     /// The installed policy, or null for the resolver's own.
     static QelDNSResolvePolicy* installed();
