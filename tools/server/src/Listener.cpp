@@ -243,7 +243,8 @@ void Listener::start() {
         static_cast<unsigned>(std::max<long long>(1, (limits_.head.count() + 999) / 1000));
     // libmicrohttpd does TLS through GnuTLS only (Debian's build included), not the OpenSSL
     // the SDK's libcurl uses: it takes the certificate and key as PEM text. The limits below
-    // hold the same under TLS: a handshake counts in the wait for the first head.
+    // hold the same under TLS, and the idle timeout also ends a handshake left unfinished.
+    // Without TLS the array ends at its first item.
     const bool tls = !tls_.certificate.empty();
     const MHD_OptionItem credentials[] = {
         {tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, 0,

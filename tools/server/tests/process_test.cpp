@@ -1,7 +1,8 @@
 // The real binary as a child process: reload on SIGHUP over a connection that stays open, stop
 // on SIGTERM, the exit status of a bad start, https to qeldns, and clients that try to hold it
-// (slow heads, many connections from one address, endless header lines). Attackers connect from 127.0.0.2,
-// honest clients from 127.0.0.1; every attack is bounded in connections, bytes and time.
+// (slow heads, many connections from one address, endless header lines). Attackers connect
+// from 127.0.0.2, honest clients from 127.0.0.1; every attack is bounded in connections, bytes
+// and time.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
