@@ -20,7 +20,7 @@ stop_all() {
 trap stop_all EXIT
 trap 'exit 130' INT TERM
 
-login=127.0.0.1:18053 node_a=127.0.0.1:18061 node_b=127.0.0.1:18062
+login=127.0.0.1:18053 node_a=127.0.0.1:18061 node_b=127.0.0.1:18062 secure=127.0.0.1:18443
 cat >"$work/accounts" <<'EOF'
 # AuthId  AuthSecret
 demo      demo-secret
@@ -45,12 +45,15 @@ serve login --listen "$login" --advertise "http://$node_a" --advertise "http://$
   --advertise "http://$node_a" --advertise "http://$node_b"
 serve node-a --listen "$node_a"
 serve node-b --listen "$node_b"
-for address in $login $node_a $node_b; do
-  for _ in $(seq 100); do
-    (exec 3<>"/dev/tcp/${address%:*}/${address#*:}") 2>/dev/null && break
-    sleep 0.05
+listening() {  # waits until each address accepts connections
+  for address in "$@"; do
+    for _ in $(seq 100); do
+      (exec 3<>"/dev/tcp/${address%:*}/${address#*:}") 2>/dev/null && break
+      sleep 0.05
+    done
   done
-done
+}
+listening $login $node_a $node_b
 
 export QELDNS_AUTH_ID=demo QELDNS_AUTH_SECRET=demo-secret
 store="$work/store.sqlite3"
@@ -83,5 +86,14 @@ kill "${pids[1]}"; wait "${pids[1]}" 2>/dev/null || true
 qeldns --no-cache --json api.example.test
 echo "node B's access log:"
 sed 's/^/  /' "$work/node-b.log"
+
+step "7. Over https: a CA and a certificate for 127.0.0.1 made here, the client given the CA"
+tls="-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -x509"
+openssl req $tls -keyout "$work/ca.key" -out "$work/ca.pem" -subj /CN=demo-ca 2>/dev/null
+openssl req $tls -keyout "$work/key.pem" -out "$work/cert.pem" -subj /CN=127.0.0.1 \
+  -addext subjectAltName=IP:127.0.0.1 -CA "$work/ca.pem" -CAkey "$work/ca.key" 2>/dev/null
+serve secure --listen "$secure" --tls-cert "$work/cert.pem" --tls-key "$work/key.pem"
+listening $secure
+qeldns --server "https://$secure" --cacert "$work/ca.pem" --no-cache www.example.test
 
 step "Done: every process started here is stopped."

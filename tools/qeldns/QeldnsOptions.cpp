@@ -14,6 +14,9 @@ const char QeldnsOptions::kUsage[] =
     "  --id ID            account AuthId (default: $QELDNS_AUTH_ID)\n"
     "  --secret SECRET    account AuthSecret (default: $QELDNS_AUTH_SECRET)\n"
     "  --server URL       service base URL (default: the SDK's built-in service)\n"
+    "  --cacert FILE      certificate authorities (PEM) an https service must chain to\n"
+    "                     (default: the system's)\n"
+    "  --pin PIN          the https service's public key: sha256//BASE64 or a key file\n"
     "  --timeout SECONDS  timeout of each HTTP request (default 20, at most 86400)\n"
     "  --no-cache         neither read nor store cached answers\n"
     "  --expired          let the cache answer with expired records\n"
@@ -105,12 +108,14 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
         } else if (arg == "--clear-cache") {
             options.clearCache = true;
         } else if (arg == "--id" || arg == "--secret" || arg == "--server" || arg == "--store" ||
-                   arg == "-f") {
+                   arg == "--cacert" || arg == "--pin" || arg == "-f") {
             if (!value(text)) return std::nullopt;
             if (arg == "--id") options.authId = text;
             if (arg == "--secret") options.authSecret = text;
             if (arg == "--server") options.server = text;
             if (arg == "--store") options.storePath = text;
+            if (arg == "--cacert") options.caFile = text;
+            if (arg == "--pin") options.pin = text;
             if (arg == "-f") options.namesFile = text;
         } else if (arg == "--timeout") {
             if (!value(text)) return std::nullopt;

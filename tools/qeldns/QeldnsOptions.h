@@ -9,7 +9,9 @@ struct QeldnsOptions {
     int64_t type = 1;  // 1 IPv4, 2 IPv6
     std::optional<std::string> authId, authSecret;
     std::optional<std::string> server;
-    double timeout = 0.0;  // seconds; 0 is the SDK's default of 20 s
+    std::optional<std::string> caFile;  // PEM certificate authorities of an https service
+    std::optional<std::string> pin;     // its public key, as CURLOPT_PINNEDPUBLICKEY reads it
+    double timeout = 0.0;               // seconds; 0 is the SDK's default of 20 s
     bool cache = true;
     bool expired = false;
     std::vector<std::string> degradeHosts;

@@ -198,6 +198,9 @@ void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
         resilience.deadline = options.timeout;
         QelDNSResilience::enable(resilience);
     }
+    // Before any request: the login is the first, and it goes to the service these check.
+    if (options.caFile) QelDNSApplication::setCaFile(*options.caFile);
+    if (options.pin) QelDNSApplication::setPinnedPublicKey(*options.pin);
     if (options.verbose && options.json) {
         QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) { latestTrace = trace; });
     }
@@ -220,6 +223,11 @@ int main(int argc, char** argv) {
     std::vector<std::string> names = options.names;
     if (options.namesFile && !readNames(*options.namesFile, names)) {
         std::fprintf(stderr, "qeldns: cannot read %s\n", shown(*options.namesFile).c_str());
+        return 2;
+    }
+    // libcurl would only say so at the first request, in the log that -v shows.
+    if (options.caFile && access(options.caFile->c_str(), R_OK) != 0) {
+        std::fprintf(stderr, "qeldns: cannot read %s\n", shown(*options.caFile).c_str());
         return 2;
     }
 

@@ -68,7 +68,9 @@ int main(int argc, char** argv) {
     }
     AccessLog log(accessFile, stderr);
     std::unique_ptr<Service> service;
+    Listener::Tls tls;
     try {
+        if (options.tls()) tls = Listener::Tls::load(options.tlsCertFile, options.tlsKeyFile);
         Accounts accounts = Accounts::load(options.accountsFile);
         Zone zone = options.zoneFile.empty() ? Zone() : Zone::load(options.zoneFile);
         service = std::make_unique<Service>(std::move(accounts), std::move(zone), log);
@@ -101,7 +103,8 @@ int main(int argc, char** argv) {
     limits.perPeer = options.maxPerPeer;
     std::unique_ptr<Listener> listener;
     try {
-        listener = std::make_unique<Listener>(*service, options.listeners(), limits);
+        listener =
+            std::make_unique<Listener>(*service, options.listeners(), limits, std::move(tls));
     } catch (const ListenError& error) {
         return fail(kCannotListen, error.what());
     }
@@ -114,7 +117,8 @@ int main(int argc, char** argv) {
     }
 
     std::string listening, handedOut;
-    for (const Endpoint& endpoint : listener->endpoints()) listening += " " + endpoint.url();
+    for (const Endpoint& endpoint : listener->endpoints())
+        listening += " " + endpoint.url(options.tls());
     for (const std::string& node : nodes) handedOut += " " + node;
     log.message("listening on" + listening + "; resolve nodes:" + handedOut +
                 (options.upstream ? "; upstream DNS " + options.upstream->text() : ""));

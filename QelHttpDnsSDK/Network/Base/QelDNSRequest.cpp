@@ -127,6 +127,9 @@ void finishWith(const QelDNSRequest::FinishBlock& finishBlock, std::optional<Qel
 
 void QelDNSRequest::handleResponse(const FinishBlock& finishBlock, HttpResponse response) {
     if (response.error) {
+        // The error handed on is generic; without this line a refused certificate or pin, a
+        // reset or a timeout would look the same in the log.
+        Console::log("request failed: " + *response.error);
         const bool cut = response.statusCode == 200;
         finishWith(finishBlock,
                    cut ? QelDNSUntil::errorCode(codes::kFailedWithStatus200,

@@ -63,7 +63,8 @@ public:
 
     /// What `baseRequest` does with what the transport handed back: turns `response` into the
     /// error or the JSON result described above and calls `finishBlock` (if any) once, on the
-    /// calling thread. Logs the "response url" line when a body arrived.
+    /// calling thread. Logs the "response url" line when a body arrived, and "request failed:
+    /// <the transport's reason>" when the exchange failed.
     static void handleResponse(const FinishBlock& finishBlock,
                                qel::platform::HttpResponse response);
 

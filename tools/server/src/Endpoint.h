@@ -11,8 +11,9 @@ struct Endpoint {
 
     /// "127.0.0.1:18053", "[::1]:18053".
     std::string text() const;
-    /// "http://127.0.0.1:18053": the base URL clients put the request paths after.
-    std::string url() const { return "http://" + text(); }
+    /// "http://127.0.0.1:18053" ("https://..." with `tls`): the base URL clients put the
+    /// request paths after.
+    std::string url(bool tls = false) const { return (tls ? "https://" : "http://") + text(); }
 };
 
 /// Reads "HOST:PORT", "[V6]:PORT" or, when `defaultPort` is not 0, a bare "HOST" / "[V6]".

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gnutls/gnutls.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <thread>
 
+#include "Accounts.h"  // readFile
 #include "HeadDeadlines.h"
 
 namespace qel::server {
@@ -83,6 +85,30 @@ std::string remoteText(const sockaddr* address) {
 }
 
 }  // namespace
+
+Listener::Tls Listener::Tls::load(const std::string& certificateFile, const std::string& keyFile) {
+    Tls tls{readFile(certificateFile), readFile(keyFile)};
+    // Checked with the library that will serve them (libmicrohttpd's TLS is GnuTLS): the
+    // daemon would otherwise just fail to start, without saying why.
+    gnutls_certificate_credentials_t credentials = nullptr;
+    int status = gnutls_certificate_allocate_credentials(&credentials);
+    if (status == GNUTLS_E_SUCCESS) {
+        const auto datum = [](std::string& text) {
+            return gnutls_datum_t{reinterpret_cast<unsigned char*>(text.data()),
+                                  static_cast<unsigned>(text.size())};
+        };
+        const gnutls_datum_t certificate = datum(tls.certificate), key = datum(tls.key);
+        status = gnutls_certificate_set_x509_key_mem(credentials, &certificate, &key,
+                                                     GNUTLS_X509_FMT_PEM);
+        gnutls_certificate_free_credentials(credentials);
+    }
+    if (status < 0) {
+        throw std::runtime_error(
+            certificateFile + " and " + keyFile +
+            " are not a usable PEM certificate and key: " + gnutls_strerror(status));
+    }
+    return tls;
+}
 
 // The daemons' callbacks. All callbacks of one connection run on the event loop that owns it,
 // so a connection's state needs no lock.
@@ -185,8 +211,12 @@ struct Listener::Callbacks {
     }
 };
 
-Listener::Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits)
-    : service_(service), limits_(limits), deadlines_(std::make_unique<HeadDeadlines>(limits.head)) {
+Listener::Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits,
+                   Tls tls)
+    : service_(service),
+      limits_(limits),
+      tls_(std::move(tls)),
+      deadlines_(std::make_unique<HeadDeadlines>(limits.head)) {
     for (const Endpoint& endpoint : endpoints) {
         try {
             sockets_.push_back(listenOn(endpoint));
@@ -211,16 +241,28 @@ void Listener::start() {
     const auto threads = static_cast<unsigned>(std::min(limits_.threads, limits_.connections));
     const auto idle =
         static_cast<unsigned>(std::max<long long>(1, (limits_.head.count() + 999) / 1000));
+    // libmicrohttpd does TLS through GnuTLS only (Debian's build included), not the OpenSSL
+    // the SDK's libcurl uses: it takes the certificate and key as PEM text. The limits below
+    // hold the same under TLS, and the idle timeout also ends a handshake left unfinished.
+    // Without TLS the array ends at its first item.
+    const bool tls = !tls_.certificate.empty();
+    const MHD_OptionItem credentials[] = {
+        {tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, 0,
+         const_cast<char*>(tls_.certificate.c_str())},
+        {MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(tls_.key.c_str())},
+        {MHD_OPTION_END, 0, nullptr}};
     for (const int fd : sockets_) {
         MHD_Daemon* daemon = MHD_start_daemon(
-            MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC, 0, nullptr, nullptr,
-            &Callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_THREAD_POOL_SIZE,
-            threads > 1 ? threads : 0u, MHD_OPTION_CONNECTION_LIMIT,
-            static_cast<unsigned>(limits_.connections), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-            static_cast<unsigned>(limits_.perPeer), MHD_OPTION_CONNECTION_TIMEOUT, idle,
-            MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeadBytes, MHD_OPTION_NOTIFY_CONNECTION,
-            &Callbacks::notify, this, MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::requestLine, this,
-            MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this, MHD_OPTION_END);
+            MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC |
+                (tls ? MHD_USE_TLS : MHD_NO_FLAG),
+            0, nullptr, nullptr, &Callbacks::answer, this, MHD_OPTION_ARRAY, credentials,
+            MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_THREAD_POOL_SIZE, threads > 1 ? threads : 0u,
+            MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits_.connections),
+            MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits_.perPeer),
+            MHD_OPTION_CONNECTION_TIMEOUT, idle, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kHeadBytes,
+            MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::notify, this, MHD_OPTION_URI_LOG_CALLBACK,
+            &Callbacks::requestLine, this, MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this,
+            MHD_OPTION_END);
         if (!daemon) {
             const std::string where = bound_[daemons_.size()].text();
             stop();

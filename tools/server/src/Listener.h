@@ -36,12 +36,21 @@ public:
         size_t connections = 2048;              // open at once, per endpoint
         size_t perPeer = 512;  // open at once from one client address, per endpoint
     };
+    /// The certificate (chain) and private key, PEM, of an https listener; empty: plain http.
+    struct Tls {
+        std::string certificate, key;
+        /// Reads both files and checks that they make a usable pair; throws
+        /// std::runtime_error naming the file and the reason.
+        static Tls load(const std::string& certificateFile, const std::string& keyFile);
+    };
     /// A request head larger than this (request line, fields and their bookkeeping) is refused.
     static constexpr size_t kHeadBytes = 64 * 1024;
 
     /// Binds every endpoint (port 0: one the kernel picks) or throws ListenError, having
     /// released the ones bound before.
-    Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits);
+    /// With `tls`, every endpoint serves https only.
+    Listener(const Service& service, const std::vector<Endpoint>& endpoints, Limits limits,
+             Tls tls = {});
     /// Stops, if stop() was not called.
     ~Listener();
     Listener(const Listener&) = delete;
@@ -61,6 +70,7 @@ public:
 private:
     const Service& service_;
     const Limits limits_;
+    const Tls tls_;
     std::vector<int> sockets_;  // listening, one per endpoint, owned here
     std::vector<Endpoint> bound_;
     std::vector<MHD_Daemon*> daemons_;

@@ -44,7 +44,8 @@ std::vector<Endpoint> Options::listeners() const {
 std::vector<std::string> Options::nodeList(const std::vector<Endpoint>& bound) const {
     if (!advertised.empty()) return advertised;
     std::vector<std::string> list;
-    for (size_t i = bound.size() > 1 ? 1 : 0; i < bound.size(); ++i) list.push_back(bound[i].url());
+    for (size_t i = bound.size() > 1 ? 1 : 0; i < bound.size(); ++i)
+        list.push_back(bound[i].url(tls()));
     return list;
 }
 
@@ -91,6 +92,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
              options.maxPerPeer = static_cast<size_t>(parseNumber(o, v, 1, 1000000));
          }},
         {"--access-log", [&](auto&, auto& v) { options.accessLog = v; }},
+        {"--tls-cert", [&](auto&, auto& v) { options.tlsCertFile = v; }},
+        {"--tls-key", [&](auto&, auto& v) { options.tlsKeyFile = v; }},
     };
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
@@ -111,6 +114,9 @@ Options parseOptions(const std::vector<std::string>& arguments) {
         }
     }
     if (options.accountsFile.empty()) throw UsageError("--accounts FILE is required");
+    if (options.tlsCertFile.empty() != options.tlsKeyFile.empty()) {
+        throw UsageError("--tls-cert and --tls-key go together: give both or neither");
+    }
     return options;
 }
 
@@ -140,11 +146,15 @@ answered from a zone file and, for other names, from a DNS server.
   --max-connections N      connections open at once per address (default 2048)
   --max-per-peer N         connections one client address may hold per address (default 512)
   --access-log FILE        append access lines to FILE instead of standard output
+  --tls-cert FILE          serve https with this PEM certificate (chain), on every address;
+                           the nodes handed out by default are then https:// URLs
+  --tls-key FILE           the PEM private key of --tls-cert (both or neither)
   -h, --help               this text
 
 Signals: SIGHUP reloads the zone and accounts files (a file that does not load is left as it
 was, and the reason logged); SIGINT and SIGTERM stop after the requests under way.
-Exit status: 0 after a stop by signal, 2 for a bad command line or file, 3 when an address
+Exit status: 0 after a stop by signal, 2 for a bad command line or file (a certificate or
+key that cannot be read or used included), 3 when an address
 cannot be listened on.
 )";
 }

@@ -31,12 +31,15 @@ struct Options {
     size_t maxPerPeer = 512;       // from one client address, per address: an application
                                    // pre-resolving a list opens one per name
     std::string accessLog = "-";   // "-": standard output
+    std::string tlsCertFile;       // both set: every address serves https; neither: http
+    std::string tlsKeyFile;
     bool help = false;
 
     /// Every endpoint to listen on: `listen`, then `nodes`.
     std::vector<Endpoint> listeners() const;
+    bool tls() const { return !tlsCertFile.empty(); }
     /// The node list a login hands out: `advertised` if given, else the URLs of `nodes`, else
-    /// the URL of `listen`.
+    /// the URL of `listen` (https:// ones with TLS on).
     std::vector<std::string> nodeList(const std::vector<Endpoint>& bound) const;
 };
 

@@ -1,7 +1,8 @@
 // The real binary as a child process: reload on SIGHUP over a connection that stays open, stop
-// on SIGTERM, the exit status of a bad start, and clients that try to hold it (slow heads, many
-// connections from one address, endless header lines). Attackers connect from 127.0.0.2,
-// honest clients from 127.0.0.1; every attack is bounded in connections, bytes and time.
+// on SIGTERM, the exit status of a bad start, https to qeldns, and clients that try to hold it
+// (slow heads, many connections from one address, endless header lines). Attackers connect
+// from 127.0.0.2, honest clients from 127.0.0.1; every attack is bounded in connections, bytes
+// and time.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -22,12 +23,12 @@ namespace {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-// The binary with `options`, started once an honest login from 127.0.0.1 is answered.
+// The binary with `options`, started once it says it listens.
 struct Server {
     explicit Server(std::vector<std::string> options) {
         options.insert(options.end(), {"--accounts", accounts.path(), "--listen", "127.0.0.1:" + std::to_string(port)});
         process = std::make_unique<ChildProcess>(QEL_SERVER_BINARY, options);
-        EXPECT_TRUE(eventually([&] { return login() == 200; })) << process->errors();
+        EXPECT_TRUE(eventually([&] { return contains(process->errors(), "listening on"); })) << process->errors();
     }
     // The status of a signed login over a new connection, 0 without an answer.
     int login() const {
@@ -119,6 +120,10 @@ TEST(Process, EachWayOfNotStartingHasItsStatusAndMessage) {
         {with + " --zone " + zone.path(), zone.path() + ":3: '2001:db8::1' is not an IPv4 address"},
         {"--accounts " + accounts.path(), accounts.path() + ":2: expected two fields, AuthId and AuthSecret"},
         {"--verbose", "unknown option '--verbose' (see --help)"},
+        {with + " --tls-key " + zone.path(), "--tls-cert and --tls-key go together: give both or neither (see --help)"},
+        {with + " --tls-cert " + zone.path() + " --tls-key " + zone.path(),
+         zone.path() + " and " + zone.path() +
+             " are not a usable PEM certificate and key: The requested data were not available."},
         {with + " --listen 127.0.0.1:" + std::to_string(freePort(SOCK_STREAM)) + " --node " + busyNode,
          "cannot listen on " + busyNode + ": Address already in use"},
     };
@@ -128,6 +133,54 @@ TEST(Process, EachWayOfNotStartingHasItsStatusAndMessage) {
         EXPECT_EQ(server.wait(), error.rfind("cannot listen", 0) == 0 ? 3 : 2) << arguments;
         EXPECT_EQ(server.errors(), "qel-httpdns-server: " + error + "\n");
     }
+}
+
+// Over https, qeldns (the SDK) logs in and resolves only with the CA that signed the service's
+// certificate, for the name it was made for and, when pinned, its key; otherwise its log says
+// why. The limits hold before any handshake: the per-peer cap, and --head-timeout against a
+// handshake record trickled a byte every 100 ms.
+TEST(Process, OverHttpsQeldnsResolvesOnlyWithTheRightCaNameAndKeyAndLogsWhyNot) {
+    const qel::test::ScratchDirectory keys;
+    const std::string ca = keys.file("ca.pem");
+    ASSERT_EQ(std::system(("(cd " + keys.path() +
+                           " && k='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -x509' && "
+                           "openssl req $k -keyout ca.key -out ca.pem -subj /CN=ca && openssl req $k -keyout key.pem -out "
+                           "cert.pem -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -CA ca.pem -CAkey ca.key && "
+                           "openssl pkey -in key.pem -pubout -out pub.pem) >/dev/null 2>&1")
+                              .c_str()),
+              0)
+        << "openssl (Debian package openssl; scripts/setup.sh)";
+    const TempFile zone("www.example.test 60 A 192.0.2.10\n");
+    Server server({"--zone", zone.path(), "--tls-cert", keys.file("cert.pem"), "--tls-key", keys.file("key.pem"),
+                   "--max-per-peer", "2", "--head-timeout", "2"});
+    const std::string port = std::to_string(server.port), at = " --server https://127.0.0.1:" + port;
+    const std::pair<std::string, std::string> cases[] = {
+        // the options, and why the login fails ("" for the answer)
+        {"--cacert " + ca + " --server https://localhost:" + port,
+         "SSL: no alternative certificate subject name matches target host name 'localhost'"},
+        {at, "SSL certificate problem: unable to get local issuer certificate"},
+        {"--cacert " + ca + " --pin sha256//" + std::string(43, 'A') + "=" + at,
+         "SSL: public key does not match pinned public key"},
+        {"--cacert " + ca + " --pin " + keys.file("pub.pem") + at, ""},
+    };
+    for (const auto& [options, reason] : cases) {
+        std::istringstream words("-v --id acct-7 --secret " + std::string(kSecret) + " --store " + keys.file("store") + " " +
+                                 options);
+        std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+        arguments.push_back("www.example.test");
+        ChildProcess qeldns(QELDNS_BINARY, arguments);
+        EXPECT_EQ(qeldns.wait(), reason.empty() ? 0 : 1) << options;
+        EXPECT_EQ(qeldns.output(), reason.empty() ? "www.example.test 192.0.2.10\n" : "");
+        EXPECT_TRUE(reason.empty() || contains(qeldns.errors(), "request failed: " + reason + "\n")) << qeldns.errors();
+    }
+    const Attackers slow(server.port, 3);
+    slow.send(std::string("\x16\x03\x01\x02\x00", 5));  // a record header: 512 bytes to follow
+    EXPECT_TRUE(eventually([&] { return slow.open() == 2; }, 1s));
+    EXPECT_TRUE(eventually([&] {
+        slow.send("\x01");
+        std::this_thread::sleep_for(90ms);
+        return slow.open() == 0;
+    }));
 }
 
 TEST(Process, AThousandSlowHeadsLeaveHonestLoginsAnsweredUntilTheirDeadlineCutsThem) {
