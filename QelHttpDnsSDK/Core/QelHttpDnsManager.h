@@ -84,9 +84,10 @@ public:
     /// An installed QelDNSTraceObserver receives a trace of the lookup just before its callback.
     void getIPByDomain(const std::optional<std::string>& domain, int64_t type,
                        ReturnBlock returnBlock);
-    /// Resolves `domains` ahead of use to fill the cache (ignored while caching is off). The
-    /// list waits for the first successful login when there has been none; after that each
-    /// call runs at once, each entry as a lookup whose answer is dropped.
+    /// Resolves `domains` ahead of use to fill the cache (ignored while caching is off), each
+    /// entry as a lookup whose answer is dropped. It runs at once only when logged in (status
+    /// 4) with a network. Otherwise it logs why and keeps the list, which the next successful
+    /// login runs if no list has run yet in this process; in status 0 that is the first login.
     void preGetIPsWithDomains(const std::vector<QelDNSPreResolveModel>& domains);
 
     // ------------------------------------------------------------------ settings
