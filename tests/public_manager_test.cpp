@@ -519,6 +519,7 @@ TEST_F(PublicManager, TheResilienceProfileEndsEveryLookupFailsOverAndSharesMisse
     login();
     QelDNSResilienceOptions options;
     options.deadline = 0.5;
+    options.failuresToRest = 1;
     options.nodeRest = 30.0;
     QelDNSResilience::enable(options);
     const auto requests = [&](const std::string& host) {

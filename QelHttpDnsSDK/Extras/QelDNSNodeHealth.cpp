@@ -13,12 +13,14 @@ std::optional<std::string> QelDNSNodeHealth::pick(const std::vector<std::string>
     return std::nullopt;
 }
 
-void QelDNSNodeHealth::failed(const std::string& node, Clock::time_point now, double rest,
-                              double maxRest) {
+void QelDNSNodeHealth::failed(const std::string& node, Clock::time_point now, int inARow,
+                              double rest, double maxRest) {
     qel::platform::MutexLock lock(mutex_);
     State& state = nodes_[node];
-    const double seconds = std::min(rest * std::ldexp(1.0, std::min(state.failures, 30)), maxRest);
     ++state.failures;
+    if (state.failures < inARow) return;
+    const double seconds =
+        std::min(rest * std::ldexp(1.0, std::min(state.failures - inARow, 30)), maxRest);
     state.restsUntil = now + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(std::max(seconds, 0.0)));
 }

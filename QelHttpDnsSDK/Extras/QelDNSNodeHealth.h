@@ -1,6 +1,7 @@
-// Which resolve nodes may be asked now: a node whose request failed rests for a while, longer
-// after each failure in a row, and is asked again once its rest is over. Internal to the
-// resilience profile. Thread-safe.
+// Which resolve nodes may be asked now: a node whose requests failed several times in a row
+// rests for a while, longer after each further failure, and is asked again once its rest is
+// over; one answer ends its rest. A single failure (a reset on a lossy network) rests nothing.
+// Internal to the resilience profile. Thread-safe.
 #pragma once
 
 #include <chrono>
@@ -17,9 +18,10 @@ public:
 
     /// The first of `nodes` (in order of preference) not resting at `now`.
     std::optional<std::string> pick(const std::vector<std::string>& nodes, Clock::time_point now);
-    /// `node` failed at `now`: it rests `rest` seconds, doubled per earlier failure in a row,
-    /// at most `maxRest`.
-    void failed(const std::string& node, Clock::time_point now, double rest, double maxRest);
+    /// `node` failed at `now`. From the `inARow`-th failure in a row on it rests `rest`
+    /// seconds, doubled per further failure, at most `maxRest`.
+    void failed(const std::string& node, Clock::time_point now, int inARow, double rest,
+                double maxRest);
     /// `node` answered: its failures are forgotten.
     void answered(const std::string& node);
 

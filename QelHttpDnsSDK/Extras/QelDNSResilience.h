@@ -22,12 +22,14 @@ struct QelDNSResilienceOptions {
     /// drawn at random from its upper half (jitter).
     double firstBackoff = 0.05;
     double lastBackoff = 2.0;
-    /// A node whose request failed (-30000: refused, reset, timed out) rests this long, doubled
-    /// per failure in a row up to `maxNodeRest`; the next node of the login's list (the node the
-    /// login chose first, then "service_node_list") is tried meanwhile. With every node resting a
-    /// lookup fails at once with -50007 "every resolve node failed".
-    double nodeRest = 5.0;
-    double maxNodeRest = 60.0;
+    /// On a node's failure (-30000: refused, reset, timed out) the next node of the login's
+    /// list (the node the login chose first, then "service_node_list") is tried at once. After
+    /// `failuresToRest` failures in a row a node rests `nodeRest` seconds, doubled per further
+    /// failure up to `maxNodeRest`, and is tried again after it; one answer ends its rest. With
+    /// every node resting a lookup fails at once with -50007 "every resolve node failed".
+    int failuresToRest = 3;
+    double nodeRest = 1.0;
+    double maxNodeRest = 30.0;
     /// Each lookup reads and stores under its own domain and type ("name_v4", "name_v6");
     /// false keeps the manager's key (the previous lookup's type).
     bool ownKeys = true;

@@ -217,7 +217,9 @@ void QelDNSResilientResolver::onAnswer(const FlightRef& flight, const std::strin
     }
     const bool nodeFailed = error->code() == codes::kNeedRetry;
     if (nodeFailed) {
-        health_.failed(node, Clock::now(), flight->options->nodeRest, flight->options->maxNodeRest);
+        const QelDNSResilienceOptions& options = *flight->options;
+        health_.failed(node, Clock::now(), options.failuresToRest, options.nodeRest,
+                       options.maxNodeRest);
     }
     int attempts;
     {
