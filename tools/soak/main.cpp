@@ -5,6 +5,13 @@
 // fails.
 //
 //   qel-soak [--seconds N] [--threads N] [--fault-rate R] [--memory-slack MiB] [--server PATH]
+//            [--resilient DEADLINE] [--nodes N] [--stop-node 1]
+//
+// --resilient turns the SDK's resilience profile on with that deadline per lookup, and the
+// report then gives the largest lateness past it and the requests per lookup. --nodes puts N
+// fault proxies in front of the service, each a resolve node of the login; --stop-node 1 then
+// runs the load a second time with the preferred node stopped, and reports the share answered
+// and the 99th percentile latency of both runs.
 //
 // The service (qel-httpdns-server) and the proxy run as child processes, so the figures are
 // those of the SDK's process alone.
@@ -34,6 +41,8 @@
 
 #include "FaultProxy.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
+#include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
 #include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
@@ -60,6 +69,9 @@ struct Options {
     double faultRate = 0.25;
     long memorySlackMiB = 8;  // sanitizer builds grow shadow memory: give them more
     std::string server = QEL_SERVER_BINARY;
+    double resilientDeadline = 0;  // 0: the profile is off
+    int nodes = 1;
+    bool stopNode = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -76,11 +88,17 @@ Options parse(int argc, char** argv) {
             options.memorySlackMiB = std::atol(argv[i + 1]);
         } else if (name == "--server") {
             options.server = argv[i + 1];
+        } else if (name == "--resilient") {
+            options.resilientDeadline = std::atof(argv[i + 1]);
+        } else if (name == "--nodes") {
+            options.nodes = std::clamp(std::atoi(argv[i + 1]), 1, 8);
+        } else if (name == "--stop-node") {
+            options.stopNode = std::atoi(argv[i + 1]) != 0;
         } else {
             std::fprintf(
                 stderr,
                 "usage: %s [--seconds N] [--threads N] [--fault-rate R] [--memory-slack MiB]"
-                " [--server PATH]\n",
+                " [--server PATH] [--resilient DEADLINE] [--nodes N] [--stop-node 1]\n",
                 argv[0]);
             std::exit(2);
         }
@@ -91,8 +109,31 @@ Options parse(int argc, char** argv) {
 // What the lookups got, from every thread.
 struct Tally {
     std::atomic<uint64_t> issued{0}, answered{0}, repeated{0}, withAddresses{0};
+    std::atomic<uint64_t> traced{0}, requests{0}, mostRequests{0};
     std::mutex mutex;
     std::map<std::pair<int64_t, std::string>, uint64_t> errors;  // guarded by mutex
+    std::vector<double> latencies;                               // guarded by mutex, seconds
+
+    // A point of the run; what came after it is a phase.
+    struct Phase {
+        uint64_t issued = 0, withAddresses = 0;
+        size_t latencies = 0;
+    };
+    Phase mark() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return {issued.load(), withAddresses.load(), latencies.size()};
+    }
+    // The latency at `percentile` (1.0: the slowest) of the lookups answered since `from`.
+    double latencyAt(const Phase& from, double percentile) {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<double> since(latencies.begin() + static_cast<long>(from.latencies),
+                                  latencies.end());
+        if (since.empty()) return 0;
+        const size_t at =
+            std::min(since.size() - 1, static_cast<size_t>(percentile * since.size()));
+        std::nth_element(since.begin(), since.begin() + static_cast<long>(at), since.end());
+        return since[at];
+    }
 };
 
 // One lookup's calls, shared by its callback and the thread waiting for it.
@@ -173,7 +214,7 @@ pid_t startProxy(uint16_t servicePort, double faultRate, int& proxyPort) {
 }
 
 pid_t startService(const Options& options, const qel::test::ScratchDirectory& scratch,
-                   uint16_t port, int proxyPort) {
+                   uint16_t port, const std::vector<int>& proxyPorts) {
     std::ofstream(scratch.file("accounts")) << kAuthId << " " << kSecret << "\n";
     std::ofstream zone(scratch.file("zone"));
     for (size_t i = 0; i + 1 < kHosts.size(); ++i) {  // the last name stays unknown
@@ -181,14 +222,25 @@ pid_t startService(const Options& options, const qel::test::ScratchDirectory& sc
              << kHosts[i] << ". 60 IN AAAA 2001:db8::" << i + 1 << "\n";
     }
     zone.close();
-    const std::string listen = "127.0.0.1:" + std::to_string(port);
-    const std::string node = "http://127.0.0.1:" + std::to_string(proxyPort);
-    const std::string accounts = scratch.file("accounts"), zoneFile = scratch.file("zone");
+    std::vector<std::string> arguments{options.server,
+                                       "--accounts",
+                                       scratch.file("accounts"),
+                                       "--zone",
+                                       scratch.file("zone"),
+                                       "--listen",
+                                       "127.0.0.1:" + std::to_string(port),
+                                       "--access-log",
+                                       "/dev/null"};
+    for (int proxyPort : proxyPorts) {  // each proxy is a node; the first is the login's choice
+        arguments.push_back("--advertise");
+        arguments.push_back("http://127.0.0.1:" + std::to_string(proxyPort));
+    }
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
     const pid_t child = ::fork();
     if (child == 0) {
-        ::execl(options.server.c_str(), options.server.c_str(), "--accounts", accounts.c_str(),
-                "--zone", zoneFile.c_str(), "--listen", listen.c_str(), "--advertise", node.c_str(),
-                "--access-log", "/dev/null", static_cast<char*>(nullptr));
+        ::execv(options.server.c_str(), argv.data());
         std::perror("qel-soak: cannot run the service");
         std::_Exit(2);
     }
@@ -211,15 +263,20 @@ uint16_t freePort() {
 bool lookUp(Tally& tally, const std::string& host, int64_t type) {
     auto pending = std::make_shared<Pending>();
     tally.issued.fetch_add(1);
+    const auto start = Clock::now();
     QelHttpDnsManager::shared().getIPByDomain(
-        host, type, [&tally, pending](std::optional<QelDNSError> error, Ips ips) {
+        host, type, [&tally, pending, start](std::optional<QelDNSError> error, Ips ips) {
             if (pending->calls.fetch_add(1) != 0) {
                 tally.repeated.fetch_add(1);
                 return;
             }
-            if (error) {
+            {
                 std::lock_guard<std::mutex> lock(tally.mutex);
-                ++tally.errors[{error->code(), error->localizedDescription()}];
+                tally.latencies.push_back(
+                    std::chrono::duration<double>(Clock::now() - start).count());
+                if (error) ++tally.errors[{error->code(), error->localizedDescription()}];
+            }
+            if (error) {
                 pending->failed = true;
             } else if (ips) {
                 tally.withAddresses.fetch_add(1);
@@ -279,9 +336,9 @@ void load(Tally& tally, qel::test::FakeReachabilityFactory& network, int threads
 // at most once a second), one lookup clears them out and leaves one live connection. Twice:
 // the first round also lets the requests still under way (network-change refreshes retry
 // without end) finish, possibly on connections of their own.
-void settle(Tally& tally, pid_t proxy) {
+void settle(Tally& tally, const std::vector<pid_t>& proxies) {
     for (int round = 0; round < 2; ++round) {
-        ::kill(proxy, SIGUSR1);
+        for (pid_t proxy : proxies) ::kill(proxy, SIGUSR1);
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         QelHttpDnsManager::shared().cleanAllCache();
         lookUp(tally, kHosts[0], 1);
@@ -309,9 +366,14 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     qel::test::ScratchDirectory scratch;
     const uint16_t servicePort = freePort();
-    int proxyPort = 0;
-    const pid_t proxy = startProxy(servicePort, options.faultRate, proxyPort);
-    const pid_t service = startService(options, scratch, servicePort, proxyPort);
+    std::vector<int> proxyPorts(options.nodes);
+    std::vector<pid_t> proxies;
+    for (int& port : proxyPorts)
+        proxies.push_back(startProxy(servicePort, options.faultRate, port));
+    const pid_t service = startService(options, scratch, servicePort, proxyPorts);
+    const auto signalProxies = [&proxies](int signal) {
+        for (pid_t proxy : proxies) ::kill(proxy, signal);
+    };
 
     // These outlive main (made once, never destroyed, like the SDK's own managers): those
     // managers hold the network's sources, and a late second answer would still be counted.
@@ -331,28 +393,49 @@ int main(int argc, char** argv) {
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
     dns.setTimeout(1.0);
     dns.enableCacheIP(true);
-    dns.customServerUrl("http://127.0.0.1:" + std::to_string(proxyPort));
-    ::kill(proxy, SIGUSR1);  // the first login goes through, so no lookup meets status 0
+    // Logins go through the last proxy, which --stop-node leaves running.
+    dns.customServerUrl("http://127.0.0.1:" + std::to_string(proxyPorts.back()));
+    if (options.resilientDeadline > 0) {
+        QelDNSResilienceOptions resilience;
+        resilience.deadline = options.resilientDeadline;
+        QelDNSResilience::enable(resilience);
+    }
+    QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) {
+        tally.traced.fetch_add(1);
+        const uint64_t attempts = static_cast<uint64_t>(std::max(trace.attempts, 0));
+        tally.requests.fetch_add(attempts);
+        uint64_t most = tally.mostRequests.load();
+        while (attempts > most && !tally.mostRequests.compare_exchange_weak(most, attempts)) {}
+    });
+    signalProxies(SIGUSR1);  // the first login goes through, so no lookup meets status 0
     dns.registerAuthId(std::string(kAuthId), std::string(kSecret));
     for (int i = 0; i < 500 && dns.initStatus() == 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    ::kill(proxy, SIGUSR2);
+    signalProxies(SIGUSR2);
 
     load(tally, network, options.threads, std::max(2.0, options.seconds / 10));  // warm-up
     drained(tally);
-    settle(tally, proxy);
+    settle(tally, proxies);
     const size_t descriptorsAtStart = openDescriptors();
     const long residentAtStart = residentKiB();
-    ::kill(proxy, SIGUSR2);
+    signalProxies(SIGUSR2);
 
+    const Tally::Phase allUp = tally.mark();
     load(tally, network, options.threads, options.seconds);
-    const bool allAnswered = drained(tally);
+    bool allAnswered = drained(tally);
+    const Tally::Phase oneDown = tally.mark();
+    if (options.stopNode && proxies.size() > 1) {
+        stopChild(proxies.front());
+        load(tally, network, options.threads, options.seconds);
+        allAnswered = drained(tally) && allAnswered;
+    }
+    const Tally::Phase end = tally.mark();
     std::this_thread::sleep_for(std::chrono::seconds(1));  // room for a second call
-    settle(tally, proxy);
+    settle(tally, proxies);
     const size_t descriptorsAtEnd = openDescriptors();
     const long residentAtEnd = residentKiB();
-    stopChild(proxy);
+    for (pid_t proxy : proxies) stopChild(proxy);
     stopChild(service);
 
     const uint64_t unanswered = tally.issued.load() - tally.answered.load();
@@ -370,6 +453,23 @@ int main(int argc, char** argv) {
                     ("\"" + error.second + "\"").c_str(), static_cast<unsigned long long>(count));
     }
     std::printf("console lines      %llu\n", static_cast<unsigned long long>(consoleLines.load()));
+    std::printf(
+        "requests/lookup    %.2f on average, %llu at most\n",
+        tally.traced.load() ? double(tally.requests.load()) / double(tally.traced.load()) : 0.0,
+        static_cast<unsigned long long>(tally.mostRequests.load()));
+    const auto phase = [&](const char* name, const Tally::Phase& from, const Tally::Phase& to) {
+        const uint64_t issued = to.issued - from.issued;
+        std::printf(
+            "%-18s %.1f%% answered with addresses, p99 latency %.1f ms, slowest %.1f ms\n", name,
+            issued ? 100.0 * double(to.withAddresses - from.withAddresses) / double(issued) : 0.0,
+            tally.latencyAt(from, 0.99) * 1e3, tally.latencyAt(from, 1.0) * 1e3);
+    };
+    phase(options.nodes > 1 ? "all nodes up" : "load", allUp, oneDown);
+    if (options.stopNode && proxies.size() > 1) phase("first node stopped", oneDown, end);
+    // Past the deadline by more than the platform thread's scheduling: a lookup that did not end.
+    const double lateness = tally.latencyAt(allUp, 1.0) - options.resilientDeadline;
+    if (options.resilientDeadline > 0)
+        std::printf("largest lateness   %.1f ms past the deadline\n", lateness * 1e3);
     std::printf("descriptors        %zu at start, %zu at end\n", descriptorsAtStart,
                 descriptorsAtEnd);
     std::printf("resident KiB       %ld at start, %ld at end\n", residentAtStart, residentAtEnd);
@@ -377,6 +477,7 @@ int main(int argc, char** argv) {
     // Flat memory: the allocator keeps some of what the load freed, so allow a little.
     const long residentSlackKiB = options.memorySlackMiB * 1024;
     const bool ok = allAnswered && unanswered == 0 && tally.repeated.load() == 0 &&
+                    (options.resilientDeadline <= 0 || lateness < 0.5) &&
                     descriptorsAtEnd == descriptorsAtStart &&
                     residentAtEnd <= residentAtStart + residentSlackKiB;
     std::printf("%s\n", ok ? "OK" : "FAILED");
