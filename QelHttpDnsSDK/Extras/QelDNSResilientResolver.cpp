@@ -159,18 +159,20 @@ void QelDNSResilientResolver::join(std::string key, const std::string& domain, i
     attempt(flight);
 }
 
-// The node the login chose first, then the rest of its list, each once.
+// The node the login chose first, then the rest of its list, each once. A failed login clears
+// the registry's list while its node stays in use: the last list a login gave is kept for that.
 std::vector<std::string> QelDNSResilientResolver::nodesOfLogin() {
     std::vector<std::string> nodes;
-    auto add = [&nodes](const std::optional<std::string>& node) {
-        if (node && !node->empty() && std::find(nodes.begin(), nodes.end(), *node) == nodes.end()) {
-            nodes.push_back(*node);
+    auto add = [&nodes](const std::string& node) {
+        if (!node.empty() && std::find(nodes.begin(), nodes.end(), node) == nodes.end()) {
+            nodes.push_back(node);
         }
     };
-    add(QelHttpDnsCenterManager::shared().resolveUrl());
-    if (const auto list = QelDNSAuthManager::shared().hostList()) {
-        for (const std::string& node : *list) add(node);
-    }
+    if (const auto preferred = QelHttpDnsCenterManager::shared().resolveUrl()) add(*preferred);
+    const auto list = QelDNSAuthManager::shared().hostList();
+    qel::platform::MutexLock lock(mutex_);
+    if (list && !list->empty()) lastNodeList_ = *list;
+    for (const std::string& node : lastNodeList_) add(node);
     return nodes;
 }
 

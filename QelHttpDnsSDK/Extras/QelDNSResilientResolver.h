@@ -50,7 +50,7 @@ private:
     void retryLater(const FlightRef& flight, int attempts);
     void finish(const FlightRef& flight, std::optional<QelDNSError> error,
                 std::optional<std::vector<std::string>> addresses);
-    static std::vector<std::string> nodesOfLogin();
+    std::vector<std::string> nodesOfLogin();
 
     std::atomic<bool> ownKeys_{true};
     QelDNSNodeHealth health_;
@@ -60,4 +60,5 @@ private:
     std::shared_ptr<const QelDNSResilienceOptions> options_ QEL_GUARDED_BY(mutex_) =
         std::make_shared<const QelDNSResilienceOptions>();
     std::unordered_map<std::string, FlightRef> flights_ QEL_GUARDED_BY(mutex_);
+    std::vector<std::string> lastNodeList_ QEL_GUARDED_BY(mutex_);
 };

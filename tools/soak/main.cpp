@@ -197,7 +197,8 @@ bool accepting(uint16_t port) {
     return connected;
 }
 
-pid_t startProxy(uint16_t servicePort, double faultRate, int& proxyPort) {
+// Each proxy draws its own faults (`seed`): nodes that fail together would be one node.
+pid_t startProxy(uint16_t servicePort, double faultRate, uint32_t seed, int& proxyPort) {
     const int listener = listenOnLoopback();
     proxyPort = portOf(listener);
     // The proxy's signals stay blocked until it has its handlers: their default would kill it.
@@ -207,7 +208,7 @@ pid_t startProxy(uint16_t servicePort, double faultRate, int& proxyPort) {
     sigaddset(&signals, SIGUSR2);
     ::sigprocmask(SIG_BLOCK, &signals, &previous);
     const pid_t child = ::fork();  // before the SDK starts any thread
-    if (child == 0) qel::soak::FaultProxy(listener, servicePort, faultRate, 20261122).run();
+    if (child == 0) qel::soak::FaultProxy(listener, servicePort, faultRate, seed).run();
     ::sigprocmask(SIG_SETMASK, &previous, nullptr);
     ::close(listener);
     return child;
@@ -368,8 +369,10 @@ int main(int argc, char** argv) {
     const uint16_t servicePort = freePort();
     std::vector<int> proxyPorts(options.nodes);
     std::vector<pid_t> proxies;
-    for (int& port : proxyPorts)
-        proxies.push_back(startProxy(servicePort, options.faultRate, port));
+    for (int& port : proxyPorts) {
+        const uint32_t seed = 20261122 + static_cast<uint32_t>(proxies.size());
+        proxies.push_back(startProxy(servicePort, options.faultRate, seed, port));
+    }
     const pid_t service = startService(options, scratch, servicePort, proxyPorts);
     const auto signalProxies = [&proxies](int signal) {
         for (pid_t proxy : proxies) ::kill(proxy, signal);
