@@ -141,6 +141,7 @@ FaultProxy::FaultProxy(int listenFd, uint16_t upstreamPort, double faultRate, ui
       upstreamPort_(upstreamPort),
       port_(portOf(listenFd)),
       faultRate_(faultRate),
+      seed_(seed),
       random_(seed) {}
 
 void FaultProxy::run() {
@@ -152,7 +153,9 @@ void FaultProxy::run() {
     sigaddset(&signals, SIGUSR1);
     sigaddset(&signals, SIGUSR2);
     ::sigprocmask(SIG_UNBLOCK, &signals, nullptr);
-    auto nextOutage = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    // Proxies with other seeds go down at other moments, as separate machines would.
+    auto nextOutage = std::chrono::steady_clock::now() + std::chrono::seconds(3) +
+                      std::chrono::milliseconds(1000 * (seed_ % 3));
     for (;;) {
         if (calmRequested) {
             calmRequested = false;

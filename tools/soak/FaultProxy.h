@@ -58,6 +58,7 @@ private:
     const uint16_t port_;
     const double faultRate_;
     std::mutex mutex_;
+    const uint32_t seed_;
     std::mt19937 random_;        // guarded by mutex_
     std::set<int> connections_;  // guarded by mutex_; client sockets
 };
