@@ -1,7 +1,17 @@
 #include "QelHttpDnsSDK/Extras/QelDNSNodeHealth.h"
 
 #include <algorithm>
+#include <bitset>
 #include <cmath>
+
+namespace {
+
+void record(uint8_t& outcomes, int& recorded, bool failure) {
+    outcomes = static_cast<uint8_t>((outcomes << 1) | (failure ? 1 : 0));
+    recorded = std::min(recorded + 1, 8);
+}
+
+}  // namespace
 
 std::optional<std::string> QelDNSNodeHealth::pick(const std::vector<std::string>& nodes,
                                                   Clock::time_point now) {
@@ -17,15 +27,22 @@ void QelDNSNodeHealth::failed(const std::string& node, Clock::time_point now, in
                               double rest, double maxRest) {
     qel::platform::MutexLock lock(mutex_);
     State& state = nodes_[node];
-    ++state.failures;
-    if (state.failures < inARow) return;
-    const double seconds =
-        std::min(rest * std::ldexp(1.0, std::min(state.failures - inARow, 30)), maxRest);
+    if (state.restsUntil > now) return;  // under way when it went down: the same outage
+    record(state.outcomes, state.recorded, true);
+    const int failures = static_cast<int>(std::bitset<8>(state.outcomes).count());
+    // Right after a rest (rests > 0) one failure is enough.
+    const bool down =
+        state.rests > 0 || (failures >= std::max(inARow, 1) && 4 * failures >= 3 * state.recorded);
+    if (!down) return;
+    const double seconds = std::min(rest * std::ldexp(1.0, std::min(state.rests++, 30)), maxRest);
     state.restsUntil = now + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(std::max(seconds, 0.0)));
 }
 
 void QelDNSNodeHealth::answered(const std::string& node) {
     qel::platform::MutexLock lock(mutex_);
-    nodes_.erase(node);
+    const auto state = nodes_.find(node);
+    if (state == nodes_.end()) return;
+    state->second.rests = 0;
+    record(state->second.outcomes, state->second.recorded, false);
 }

@@ -23,10 +23,11 @@ struct QelDNSResilienceOptions {
     double firstBackoff = 0.05;
     double lastBackoff = 2.0;
     /// On a node's failure (-30000: refused, reset, timed out) the next node of the login's
-    /// list (the node the login chose first, then "service_node_list") is tried at once. After
-    /// `failuresToRest` failures in a row a node rests `nodeRest` seconds, doubled per further
-    /// failure up to `maxNodeRest`, and is tried again after it; one answer ends its rest. With
-    /// every node resting a lookup fails at once with -50007 "every resolve node failed".
+    /// list (the node the login chose first, then "service_node_list") is tried at once. A node
+    /// whose recent requests mostly failed (at least `failuresToRest`, and three in four of its
+    /// last eight) rests `nodeRest` seconds and is tried again after it; a failure then makes
+    /// it rest twice as long, up to `maxNodeRest`. With every node resting a lookup fails at
+    /// once with -50007 "every resolve node failed".
     int failuresToRest = 3;
     double nodeRest = 1.0;
     double maxNodeRest = 30.0;
