@@ -190,6 +190,9 @@ TEST_F(QelDNSRequestTest, SendsTheUrlAsThePercentEncodingLeavesItAndNothingWitho
     EXPECT_EQ(server.requests().size(), 1u);
     // Every exchange is logged whatever the log switch says; one line stands for them all.
     EXPECT_EQ(console.lines().at(0), "request url: " + url);
+    // An IPv6 literal host keeps its brackets (nothing listens on ::1 here: refused, not unusable).
+    EXPECT_EQ(get("http://[::1]:1/[x]"), "-30000 request error");
+    EXPECT_NE(console.lines().back().find("Couldn't connect"), std::string::npos) << console.lines().back();
 }
 
 TEST_F(QelDNSRequestTest, TakesItsTimeoutFromTheManagerAtEachRequest) {

@@ -60,6 +60,22 @@ std::string QelDNSRequest::percentEncode(const std::string& text) {
 
 namespace {
 
+// The URL a request is sent to: percent-encoded, except that an IPv6 literal host keeps its
+// brackets ("http://[::1]:18054/..."), which the encoding would turn into a host no one has.
+std::string encodedUrl(const std::string& url) {
+    const size_t host = url.find("://");
+    if (host != std::string::npos && url.compare(host + 3, 1, "[") == 0) {
+        const size_t close = url.find(']', host + 4);
+        const size_t literal = url.find_first_not_of("0123456789abcdefABCDEF:.", host + 4);
+        if (close != std::string::npos && literal == close) {
+            return QelDNSRequest::percentEncode(url.substr(0, host + 3)) +
+                   url.substr(host + 3, close - host - 2) +
+                   QelDNSRequest::percentEncode(url.substr(close + 1));
+        }
+    }
+    return QelDNSRequest::percentEncode(url);
+}
+
 std::string prettyJSON(const json& value) {
     return value.dump(2, ' ', false, json::error_handler_t::replace);
 }
@@ -178,7 +194,7 @@ void QelDNSRequest::baseRequest(uint64_t method, const std::optional<std::string
     if (!url || url->empty()) return;
 
     HttpRequest request;
-    request.url = percentEncode(*url);
+    request.url = encodedUrl(*url);
     // Read once, so a concurrent change to 0.0 cannot slip through as a zero timeout.
     const double timeout = requestTimeout.load(std::memory_order_relaxed);
     request.timeoutSeconds = timeout == 0.0 ? kDefaultTimeoutSeconds : timeout;
