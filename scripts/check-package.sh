@@ -33,6 +33,7 @@ dpkg-deb -x "$deb" "$root"
 libdir=$(dirname "$(find "$root" -name libQelHttpDnsSDK.so.1)")
 [ -d "$libdir" ] || fail "libQelHttpDnsSDK.so.1 is not in the package"
 for file in usr/bin/qeldns usr/bin/qel-httpdns-server usr/share/man/man1/qeldns.1 \
+            usr/share/man/man1/qel-httpdns-server.1 \
             usr/include/QelHttpDnsSDK/QelHttpDnsSDK.h; do
     [ -e "$root/$file" ] || fail "$file is not in the package"
 done
@@ -42,6 +43,12 @@ for file in libQelHttpDnsSDK.so pkgconfig/QelHttpDnsSDK.pc \
 done
 programs=$(ls "$root/usr/bin" | tr '\n' ' ')
 [ "$programs" = "qel-httpdns-server qeldns " ] || fail "unexpected programs: $programs"
+
+# Both man pages render without a warning (preconv reads their UTF-8).
+for page in qeldns qel-httpdns-server; do
+    warnings=$(groff -k -man -Tutf8 -ww -z "$root/usr/share/man/man1/$page.1" 2>&1)
+    [ -z "$warnings" ] || fail "man page $page.1: $warnings"
+done
 
 # The packaged programs run with the packaged library (no RPATH points back to the build tree).
 export LD_LIBRARY_PATH=$libdir

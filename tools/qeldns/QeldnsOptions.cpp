@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 const char QeldnsOptions::kUsage[] =
@@ -11,6 +12,7 @@ const char QeldnsOptions::kUsage[] =
     "Resolves names through an HTTP resolution service with the QelHttpDnsSDK.\n"
     "\n"
     "  -4, -6             IPv4 (default) or IPv6 addresses\n"
+    "  -a                 both: IPv4, then IPv6\n"
     "  --id ID            account AuthId (default: $QELDNS_AUTH_ID)\n"
     "  --secret SECRET    account AuthSecret (default: $QELDNS_AUTH_SECRET)\n"
     "  --server URL       service base URL (default: the SDK's built-in service)\n"
@@ -24,15 +26,18 @@ const char QeldnsOptions::kUsage[] =
     "  --store PATH       file of the persistent cache\n"
     "  --clear-cache      empty the cache before looking up\n"
     "  --repeat N         look each name up N times (shows cache hits)\n"
-    "  --resilient        the SDK's resilience profile: each lookup ends within --timeout,\n"
-    "                     failing nodes are skipped, each lookup keeps its own family\n"
+    "  --design-keys      the library's own behaviour instead of its resilience profile:\n"
+    "                     cache keys by the previous lookup's type, unbounded retries\n"
     "  -f FILE            names from FILE, one per line ('#' starts a comment)\n"
     "  --json             one JSON object per answer\n"
     "  -v                 the SDK's console log on standard error; with --json, a\n"
     "                     \"trace\" of each lookup in its object\n"
+    "  --version          the version, then exit\n"
     "  -h, --help         this text\n"
     "\n"
-    "Exit status: 0 every name answered, 1 some lookup failed, 2 bad usage.\n";
+    "Each lookup ends within --timeout with the SDK's resilience profile (the default).\n"
+    "Exit status: 0 every name answered, 1 some lookup failed, 2 bad usage, 3 the service\n"
+    "had no address for some name (and nothing else failed).\n";
 
 namespace {
 
@@ -68,6 +73,17 @@ std::vector<std::string> splitList(const std::string& text) {
     return items;
 }
 
+bool isServiceUrl(const std::string& text) {
+    for (const char* scheme : {"http://", "https://"}) {
+        const size_t length = std::strlen(scheme);
+        if (text.compare(0, length, scheme) == 0) {
+            return text.size() > length && text[length] != '/' && text[length] != ':' &&
+                   text.find_first_of(" \t\r\n") == std::string::npos;
+        }
+    }
+    return false;
+}
+
 std::optional<std::string> environment(const char* name) {
     const char* value = std::getenv(name);
     return value ? std::optional<std::string>(value) : std::nullopt;
@@ -99,8 +115,14 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
             options.verbose = true;
         } else if (arg == "--json") {
             options.json = true;
+        } else if (arg == "-a") {
+            options.bothFamilies = true;
         } else if (arg == "--resilient") {
-            options.resilient = true;
+            // The default now; kept so that scripts written for it go on working.
+        } else if (arg == "--design-keys") {
+            options.designKeys = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else if (arg == "--no-cache") {
             options.cache = false;
         } else if (arg == "--expired") {
@@ -112,7 +134,15 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
             if (!value(text)) return std::nullopt;
             if (arg == "--id") options.authId = text;
             if (arg == "--secret") options.authSecret = text;
-            if (arg == "--server") options.server = text;
+            if (arg == "--server") {
+                // Refused before anything is sent: the SDK would only fail at the login.
+                if (!isServiceUrl(text)) {
+                    error =
+                        "--server needs an http:// or https:// URL with a host, not '" + text + "'";
+                    return std::nullopt;
+                }
+                options.server = text;
+            }
             if (arg == "--store") options.storePath = text;
             if (arg == "--cacert") options.caFile = text;
             if (arg == "--pin") options.pin = text;
@@ -143,7 +173,7 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
             options.names.push_back(arg);
         }
     }
-    if (options.help) return options;
+    if (options.help || options.version) return options;
     if (!options.authId) options.authId = environment("QELDNS_AUTH_ID");
     if (!options.authSecret) options.authSecret = environment("QELDNS_AUTH_SECRET");
     if (options.names.empty() && !options.namesFile && !options.clearCache) {

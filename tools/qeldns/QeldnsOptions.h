@@ -6,7 +6,8 @@
 #include <vector>
 
 struct QeldnsOptions {
-    int64_t type = 1;  // 1 IPv4, 2 IPv6
+    int64_t type = 1;           // 1 IPv4, 2 IPv6
+    bool bothFamilies = false;  // -a: IPv4, then IPv6
     std::optional<std::string> authId, authSecret;
     std::optional<std::string> server;
     std::optional<std::string> caFile;  // PEM certificate authorities of an https service
@@ -19,8 +20,10 @@ struct QeldnsOptions {
     bool clearCache = false;
     bool verbose = false;
     bool json = false;
-    bool resilient =
-        false;  // the SDK's resilience profile; --timeout is then each lookup's deadline
+    // The SDK's resilience profile (own keys: never a wrong family; --timeout is each lookup's
+    // deadline), unless --design-keys asks for the library's own behaviour.
+    bool designKeys = false;
+    bool version = false;
     int repeat = 1;
     std::optional<std::string> namesFile;
     std::vector<std::string> names;

@@ -35,6 +35,61 @@ struct Result {
 // the callback finds its own lookup's trace here.
 thread_local std::optional<QelDNSLookupTrace> latestTrace;
 
+// Why the last request failed, as the SDK logs it: the transport's reason ("Couldn't connect to
+// server", "Operation timed out ...") or the service's refusal text. The SDK's codes for a
+// failed login (3) and a failed request (-30000) say neither.
+struct LastCause {
+    std::mutex mutex;
+    std::string text;
+};
+LastCause& lastCause() {
+    static auto* const cause = new LastCause();  // written by the SDK's thread until exit
+    return *cause;
+}
+
+void noteCause(const std::string& line) {
+    std::string cause;
+    if (line.rfind("request failed: ", 0) == 0) {
+        cause = line.substr(16);
+    } else if (line.rfind("response url ", 0) == 0) {
+        const auto answer = nlohmann::json::parse(line.substr(13), nullptr, false);
+        if (answer.is_object() && answer.contains("status") && answer.contains("message") &&
+            answer["message"].is_string()) {
+            cause = "the service said \"" + answer["message"].get<std::string>() + "\"";
+        }
+    }
+    if (cause.empty()) return;
+    std::lock_guard<std::mutex> lock(lastCause().mutex);
+    lastCause().text = std::move(cause);
+}
+
+std::string takeCause() {
+    std::lock_guard<std::mutex> lock(lastCause().mutex);
+    return std::exchange(lastCause().text, std::string());
+}
+
+// The English gloss of an SDK error from its table of codes: the row of its code and message,
+// else the first row of its code; nothing for a code of the service's own.
+std::optional<std::string> glossOf(const QelDNSError& error) {
+    const std::string message = error.localizedDescription();
+    const int64_t code = error.code();
+    const char* byCode = nullptr;
+#define QELDNS_GLOSS_(name, cName, rowCode, rowMessage, gloss)  \
+    if (code == (rowCode)) {                                    \
+        if (message == (rowMessage)) return std::string(gloss); \
+        if (!byCode) byCode = (gloss);                          \
+    }
+    QEL_DNS_ERROR_TABLE(QELDNS_GLOSS_)
+#undef QELDNS_GLOSS_
+    if (byCode) return std::string(byCode);
+    return std::nullopt;
+}
+
+// The service answered and had no address: a name that does not exist there.
+bool isNoAddress(const QelDNSError& error) {
+    return error.code() == QEL_HTTPDNS_E_RESOLVE_EMPTY_DATA;
+}
+
 nlohmann::json traceJson(const QelDNSLookupTrace& trace) {
     nlohmann::json object = {{"source", QelDNSLookupTrace::sourceName(trace.source)},
                              {"cache_key", trace.cacheKey},
@@ -131,22 +186,34 @@ std::string shown(const std::string& text) {
     return out;
 }
 
-// Prints one answer; true when it carried addresses. The SDK hands back the service's list
-// as it is: what is not an address of the family asked for is dropped and reported.
-bool report(const QeldnsOptions& options, const std::string& name, Result result,
-            double waitedSeconds) {
-    const std::string family = options.type == 1 ? "IPv4" : "IPv6";
+enum class Outcome { Answered, NoAddress, Failed };
+
+// Prints one answer. The SDK hands back the service's list as it is: what is not an address of
+// the family asked for is dropped and reported.
+Outcome report(const QeldnsOptions& options, const std::string& name, int64_t type, Result result,
+               double waitedSeconds) {
+    const std::string family = type == 1 ? "IPv4" : "IPv6";
     const bool addressed = result.answered && !result.error;
     if (addressed) {
-        for (const std::string& ip : QelDNSAddressCheck::keepAddresses(*result.ips, options.type)) {
+        for (const std::string& ip : QelDNSAddressCheck::keepAddresses(*result.ips, type)) {
             std::fprintf(stderr, "qeldns: %s: dropped \"%s\": not an %s address\n",
                          shown(name).c_str(), shown(ip).c_str(), family.c_str());
         }
     }
     const bool empty = addressed && result.ips->empty();
-    const std::string noAddress = "no " + family + " address in the answer";
+    const bool noAddress = result.error && isNoAddress(*result.error);
+    const std::string noFamilyAddress = "no " + family + " address in the answer";
+    const std::optional<std::string> gloss = result.error ? glossOf(*result.error) : std::nullopt;
+    // Why a login or a request failed, where the SDK's code and message do not say.
+    const int64_t code = result.error ? result.error->code() : 0;
+    const bool causeHelps = code == QEL_HTTPDNS_E_NOT_READY || code == QEL_HTTPDNS_E_NEED_RETRY ||
+                            code == -1 || code == QEL_HTTPDNS_E_DEADLINE_PASSED ||
+                            code == QEL_HTTPDNS_E_ALL_NODES_FAILED;
+    const std::string cause = causeHelps ? takeCause() : std::string();
+    const bool viaService =
+        result.trace && result.trace->source == QelDNSLookupTrace::Source::Service;
     if (options.json) {
-        nlohmann::json line = {{"domain", name}, {"type", options.type == 1 ? "A" : "AAAA"}};
+        nlohmann::json line = {{"domain", name}, {"type", type == 1 ? "A" : "AAAA"}};
         if (!result.answered) {
             line["error"] = {
                 {"code", nullptr},
@@ -154,46 +221,59 @@ bool report(const QeldnsOptions& options, const std::string& name, Result result
         } else if (result.error || empty) {
             line["error"]["code"] = empty ? nlohmann::json() : nlohmann::json(result.error->code());
             line["error"]["message"] =
-                empty ? noAddress : capped(result.error->localizedDescription());
+                empty ? noFamilyAddress : capped(result.error->localizedDescription());
+            if (gloss) line["error"]["gloss"] = *gloss;
+            if (!cause.empty()) line["error"]["cause"] = capped(cause);
             line["microseconds"] = result.microseconds;
         } else {
             line["addresses"] = *result.ips;
             line["source"] = result.onCallingThread ? "cache" : "network";
+            if (viaService && !result.trace->nodes.empty())
+                line["node"] = result.trace->nodes.back();
             line["microseconds"] = result.microseconds;
         }
-        if (result.trace) line["trace"] = traceJson(*result.trace);
+        if (result.trace && options.verbose) line["trace"] = traceJson(*result.trace);
         std::printf("%s\n",
                     line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else if (!result.answered) {
         std::fprintf(stderr, "qeldns: %s: no answer within %g s\n", shown(name).c_str(),
                      waitedSeconds);
+    } else if (noAddress) {
+        std::fprintf(stderr, "qeldns: no %s address for %s\n", family.c_str(), shown(name).c_str());
     } else if (result.error) {
-        std::fprintf(stderr, "qeldns: %s: error %lld: %s\n", shown(name).c_str(),
+        std::fprintf(stderr, "qeldns: %s: error %lld%s: %s%s\n", shown(name).c_str(),
                      static_cast<long long>(result.error->code()),
-                     shown(result.error->localizedDescription()).c_str());
+                     gloss ? (" (" + *gloss + ")").c_str() : "",
+                     shown(result.error->localizedDescription()).c_str(),
+                     cause.empty() ? "" : ("; " + shown(cause)).c_str());
     } else if (empty) {
-        std::fprintf(stderr, "qeldns: %s: %s\n", shown(name).c_str(), noAddress.c_str());
+        std::fprintf(stderr, "qeldns: %s: %s\n", shown(name).c_str(), noFamilyAddress.c_str());
     } else {
         std::string line = shown(name);
         for (const auto& ip : *result.ips) line += " " + ip;
         std::printf("%s\n", line.c_str());
     }
     std::fflush(stdout);
-    return addressed && !empty;
+    if (addressed && !empty) return Outcome::Answered;
+    return noAddress ? Outcome::NoAddress : Outcome::Failed;
 }
 
 void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
     QelDNSApplication::setBundleIdentifier(std::string("qeldns"));
     if (options.storePath) QelDNSApplication::setStorePath(*options.storePath);
-    // Without -v the SDK's console lines (it always logs each request) stay out of the output.
-    if (!options.verbose) QelDNSApplication::setLogSink([](const std::string&) {});
+    // The SDK logs each request and why one failed; qeldns keeps the reason for its report, and
+    // shows the lines themselves only with -v.
+    QelDNSApplication::setLogSink([verbose = options.verbose](const std::string& line) {
+        noteCause(line);
+        if (verbose) std::fprintf(stderr, "%s\n", line.c_str());
+    });
     dns.consolePrintLogEnable(options.verbose);
     dns.enableCacheIP(options.cache);
     dns.enableExpiredIp(options.expired);
     dns.setTimeout(options.timeout);
     if (!options.degradeHosts.empty()) dns.setDegradeHosts(options.degradeHosts);
     if (options.server) dns.customServerUrl(options.server);
-    if (options.resilient) {
+    if (!options.designKeys) {
         QelDNSResilienceOptions resilience;
         resilience.deadline = options.timeout;
         QelDNSResilience::enable(resilience);
@@ -201,9 +281,7 @@ void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
     // Before any request: the login is the first, and it goes to the service these check.
     if (options.caFile) QelDNSApplication::setCaFile(*options.caFile);
     if (options.pin) QelDNSApplication::setPinnedPublicKey(*options.pin);
-    if (options.verbose && options.json) {
-        QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) { latestTrace = trace; });
-    }
+    QelDNSTraceObserver::install([](const QelDNSLookupTrace& trace) { latestTrace = trace; });
 }
 
 }  // namespace
@@ -218,6 +296,10 @@ int main(int argc, char** argv) {
     const QeldnsOptions& options = *parsed;
     if (options.help) {
         std::fputs(QeldnsOptions::kUsage, stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::printf("qeldns (QelHttpDnsSDK) %s\n", QelHttpDnsManager::sdkVersion().c_str());
         return 0;
     }
     std::vector<std::string> names = options.names;
@@ -250,15 +332,25 @@ int main(int argc, char** argv) {
 
     const bool progress =
         options.namesFile && !options.json && isatty(STDERR_FILENO) && !options.verbose;
-    bool allAnswered = true;
+    bool failed = false, noAddress = false;
     size_t done = 0;
+    const std::vector<int64_t> types =
+        options.bothFamilies ? std::vector<int64_t>{1, 2} : std::vector<int64_t>{options.type};
     for (const std::string& name : names) {
+        // A zone file's absolute name, "www.example.test.", is the name without its dot.
+        const std::string asked =
+            name.size() > 1 && name.back() == '.' ? name.substr(0, name.size() - 1) : name;
         for (int round = 0; round < options.repeat; ++round) {
-            allAnswered &=
-                report(options, name, lookUp(dns, name, options.type, limit), waitSeconds);
+            for (const int64_t type : types) {
+                const Result result = lookUp(dns, asked, type, limit);
+                if (progress) std::fputs("\r\x1b[K", stderr);  // the progress line goes first
+                const Outcome outcome = report(options, name, type, result, waitSeconds);
+                failed |= outcome == Outcome::Failed;
+                noAddress |= outcome == Outcome::NoAddress;
+            }
         }
         if (progress) std::fprintf(stderr, "\r%zu/%zu names", ++done, names.size());
     }
     if (progress) std::fprintf(stderr, "\n");
-    return allAnswered ? 0 : 1;
+    return failed ? 1 : noAddress ? 3 : 0;
 }

@@ -42,18 +42,36 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         Lines out;
         Lines err;  // parts of standard error, in this order
         int status;
+        int logins = -1;  // at the service; -1: one, none for bad usage
     } cases[] = {
         // The resolve is refused with a message of half a megabyte that clears the screen.
-        {"a.test", {}, {"a.test: error 403: \\x1b[2Jxxx", "xxx... (499704 more bytes)"}, 1},
+        {"a.test",
+         {},
+         {"a.test: error 403 (refused by the service): \\x1b[2Jxxx", "xxx... (499704 more bytes)"},
+         1},
         {"b.test", {"b.test 192.0.2.5"}, {"\"<script>\"", escaped, "2001:db8::5"}, 0},
-        {"--resilient -6 b.test", {"b.test 2001:db8::5"}, {"192.0.2.5", "\"<script>\""}, 0},
+        {"--design-keys -6 b.test", {"b.test 2001:db8::5"}, {"192.0.2.5", "\"<script>\""}, 0},
+        // Both families, each its own, and a zone file's absolute name.
+        {"-a b.test.", {"b.test. 192.0.2.5", "b.test. 2001:db8::5"}, {"192.0.2.5"}, 0},
+        {"missing.test", {}, {"qeldns: no IPv4 address for missing.test\n"}, 3},
+        {"--json nope!",
+         {R"({"domain":"nope!","error":{"code":1,"gloss":"malformed name","message":"域名格式错误"},"type":"A"})"},
+         {},
+         1},
+        {"--server nonsense a.test", {}, {"qeldns: --server needs an http:// or https:// URL"}, 2},
+        // Why the login failed, beside the code that says only that it did.
+        {"--server http://127.0.0.1:1 a.test",
+         {},
+         {"a.test: error 3 (not logged in): ", "Couldn't connect to server"},
+         1,
+         0},
         {"--json c.test",
          {R"({"domain":"c.test","error":{"code":null,"message":"no IPv4 address in the answer"},"type":"A"})"},
          {},
          1},
         {"'a.test\nb.test 6.6.6.6' 'x\x1b]0;t\x07' '\\\t\r\x7f\xc2\x9b' -",
          {},
-         {"a.test\\nb.test 6.6.6.6: error 1", "x\\x1b]0;t\\x07: error 1",
+         {"a.test\\nb.test 6.6.6.6: error 1 (malformed name)", "x\\x1b]0;t\\x07: error 1",
           "\\\\\\t\\r\\x7f\\u009b: error 1", "-: error 1"},
          1},
         // A mistyped option's value may be a secret: the error names the option only.
@@ -65,7 +83,10 @@ TEST(Qeldns, PrintsWhatCameFromOutsideCheckedEscapedAndCappedAndExitsWithItsStat
         const size_t logins = service.logins();
         const auto [status, out] = run(c.arguments);
         EXPECT_EQ(status, c.status);
-        EXPECT_EQ(service.logins() - logins, c.status == 2 ? 0u : 1u) << "bad usage never logs in";
+        EXPECT_EQ(service.logins() - logins, c.logins >= 0   ? size_t(c.logins)
+                                             : c.status == 2 ? 0u
+                                                             : 1u)
+            << "bad usage never logs in";
         EXPECT_EQ(out, c.out);
         const auto bytes = scratch.read("err");
         const std::string errors(bytes.begin(), bytes.end());
