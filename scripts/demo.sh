@@ -6,8 +6,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
+echo "demo: building the SDK, qel-httpdns-server and qeldns (a release build: about 4 minutes"
+echo "      on two cores the first time, seconds after that)..."
 cmake --preset release -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF >/dev/null
 cmake --build --preset release -j2 --target qel-httpdns-server qeldns >/dev/null
+echo "demo: built."
 
 bin=build/release/tools
 work=$(mktemp -d)

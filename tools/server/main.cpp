@@ -32,7 +32,8 @@ int fail(int status, const std::string& message) {
 void reload(const Options& options, Service& service, AccessLog& log) {
     try {
         Accounts accounts = Accounts::load(options.accountsFile);
-        log.message("accounts reloaded: " + std::to_string(accounts.size()) + " accounts");
+        const size_t count = accounts.size();
+        log.message("accounts reloaded: " + std::to_string(count) + (count == 1 ? " account" : " accounts"));
         service.setAccounts(std::move(accounts));
     } catch (const std::exception& error) {
         log.message(std::string("accounts not reloaded, the previous ones stay: ") + error.what());
