@@ -183,6 +183,18 @@ TEST(Process, OverHttpsQeldnsResolvesOnlyWithTheRightCaNameAndKeyAndLogsWhyNot) 
     }));
 }
 
+// A service on an IPv6 literal: qeldns logs in and resolves through a bracketed URL.
+TEST(Process, QeldnsReachesAServiceOnAnIpv6Literal) {
+    const qel::test::ScratchDirectory scratch;
+    const TempFile zone("www.example.test 60 A 192.0.2.10\n");
+    const std::string node = "[::1]:" + std::to_string(freePort(SOCK_STREAM));
+    Server server({"--zone", zone.path(), "--node", node});
+    ChildProcess qeldns(QELDNS_BINARY, {"--id", kAuthId, "--secret", kSecret, "--store", scratch.file("store"), "--server",
+                                        "http://" + node, "www.example.test"});
+    EXPECT_EQ(qeldns.wait(), 0) << qeldns.errors();
+    EXPECT_EQ(qeldns.output(), "www.example.test 192.0.2.10\n");
+}
+
 TEST(Process, AThousandSlowHeadsLeaveHonestLoginsAnsweredUntilTheirDeadlineCutsThem) {
     Server server({"--access-log", "/dev/null", "--max-per-peer", "1000", "--max-connections", "1200", "--head-timeout", "5"});
     const Attackers slow(server.port, 1010);
