@@ -32,6 +32,9 @@ struct QEL_EXPORT QelDNSLookupTrace {
     int32_t attempts = 0;
     /// The resolve nodes those requests went to, each once, in the order first used.
     std::vector<std::string> nodes;
+    /// Seconds the answer's addresses have left to live (the shortest remaining TTL of their
+    /// records; 0 for expired ones the cache was allowed to give); -1 without addresses.
+    int64_t ttl = -1;
     /// The lookup found the login failed and logged in again before resolving.
     bool loginRetried = false;
     /// The error the lookup's callback receives; none when it receives addresses (or, for

@@ -64,6 +64,7 @@ struct QelDNSResilientResolver::Flight {
     int attempts = 0;
     bool done = false;
     std::optional<QelDNSError> lastError;
+    int64_t secondsLeft = 0;  // of the answer, once there is one
 
     template <typename Announce>
     void announce(Announce each) const {
@@ -99,7 +100,10 @@ void QelDNSResilientResolver::resolve(const std::optional<std::string>& domain, 
         ownKeys_.load(std::memory_order_acquire) ? ownKey(*domain, type, managersKey) : managersKey;
     if (center.cacheIP()) {
         bool fromStore = false;
-        if (auto addresses = center.readCached(key, fromStore)) {
+        int64_t left = 0;
+        if (auto addresses = lookup ? center.readCached(key, fromStore, &left)
+                                    : center.readCached(key, fromStore)) {
+            QelDNSLookupEvents::lifetimeKnown(lookup, left);
             QelDNSLookupEvents::cacheRead(lookup, key,
                                           fromStore ? CacheRead::Store : CacheRead::Memory);
             if (completion) completion(std::nullopt, std::move(addresses));
@@ -142,7 +146,8 @@ void QelDNSResilientResolver::join(std::string key, const std::string& domain, i
     // A flight of this key that ended between this lookup's cache read and now stored its
     // answer before it left the table: read again rather than send a request of our own.
     bool fromStore = false;
-    if (auto addresses = QelHttpDnsCenterManager::shared().readCached(flight->key, fromStore)) {
+    if (auto addresses = QelHttpDnsCenterManager::shared().readCached(flight->key, fromStore,
+                                                                      &flight->secondsLeft)) {
         return finish(flight, std::nullopt, std::move(addresses));
     }
     const std::optional<double> deadline = lookupDeadline(*flight->options);
@@ -208,6 +213,7 @@ void QelDNSResilientResolver::onAnswer(const FlightRef& flight, const std::strin
         health_.answered(node);
         // Stored even when the deadline has passed: the next lookup finds it.
         std::vector<std::string> addresses = QelHttpDnsCenterManager::filterIPs(*records);
+        flight->secondsLeft = QelHttpDnsCenterManager::secondsLeft(*records);
         QelHttpDnsCenterManager::shared().storeAnswer(std::move(records), flight->key);
         if (addresses.empty()) {
             return finish(
@@ -261,6 +267,11 @@ void QelDNSResilientResolver::finish(const FlightRef& flight, std::optional<QelD
         waiters.swap(flight->waiters);
         const auto entry = flights_.find(flight->key);
         if (entry != flights_.end() && entry->second == flight) flights_.erase(entry);
+    }
+    if (addresses) {
+        for (const Waiter& waiter : waiters) {
+            QelDNSLookupEvents::lifetimeKnown(waiter.lookup, flight->secondsLeft);
+        }
     }
     for (Waiter& waiter : waiters)
         QelDNSCallbacks::callCatching(waiter.completion, error, addresses);

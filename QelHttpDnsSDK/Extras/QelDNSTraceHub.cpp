@@ -68,6 +68,10 @@ void QelDNSTraceHub::cacheRead(QelDNSObservedLookup& lookup, const std::string& 
     if (read == CacheRead::Store) lookup.trace.source = QelDNSLookupTrace::Source::Store;
 }
 
+void QelDNSTraceHub::lifetimeKnown(QelDNSObservedLookup& lookup, int64_t seconds) {
+    lookup.trace.ttl = seconds;
+}
+
 void QelDNSTraceHub::loginRetried(QelDNSObservedLookup& lookup) {
     lookup.trace.loginRetried = true;
 }

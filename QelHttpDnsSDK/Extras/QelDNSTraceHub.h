@@ -48,6 +48,7 @@ public:
     void requestSent(QelDNSObservedLookup& lookup, const std::optional<std::string>& node) override;
     void attemptFailed(QelDNSObservedLookup&, const QelDNSError&) override {}
     void nodeSwitched(QelDNSObservedLookup&, const std::optional<std::string>&) override {}
+    void lifetimeKnown(QelDNSObservedLookup& lookup, int64_t seconds) override;
     void lookupEnded(QelDNSObservedLookup& lookup, const std::optional<QelDNSError>& error,
                      bool answered) override;
 

@@ -1,5 +1,7 @@
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 
+#include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <utility>
 
@@ -12,6 +14,7 @@
 #include "QelHttpDnsSDK/Other/QelDNSErrorCodes.h"
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 
 namespace {
@@ -66,8 +69,11 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
     using CacheRead = QelDNSLookupListener::CacheRead;
     if (cacheIP()) {
         bool fromStore = false;
-        std::optional<std::vector<std::string>> addresses = readCached(key, fromStore);
+        int64_t left = 0;
+        std::optional<std::vector<std::string>> addresses =
+            lookup ? readCached(key, fromStore, &left) : readCached(key, fromStore);
         if (addresses) {
+            QelDNSLookupEvents::lifetimeKnown(lookup, left);
             QelDNSLookupEvents::cacheRead(lookup, key,
                                           fromStore ? CacheRead::Store : CacheRead::Memory);
             if (completion) completion(std::nullopt, std::move(addresses));
@@ -76,9 +82,10 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
         QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
         requestIPsWithRetryCount(
             0,
-            [this, key = std::string(key), completion = std::move(completion)](
+            [this, key = std::string(key), completion = std::move(completion), lookup](
                 std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
                 if (error) return callCatching(completion, std::move(error), std::nullopt);
+                if (lookup) QelDNSLookupEvents::lifetimeKnown(lookup, secondsLeft(*records));
                 storeAnswer(records, key);
                 callCatching(completion, std::nullopt, filterIPs(*records));
             },
@@ -87,9 +94,10 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
     }
     requestIPsWithRetryCount(
         0,
-        [completion = std::move(completion)](std::optional<QelDNSError> error,
-                                             QelDNSIPModelListRef records) {
+        [completion = std::move(completion), lookup](std::optional<QelDNSError> error,
+                                                     QelDNSIPModelListRef records) {
             if (error) return callCatching(completion, std::move(error), std::nullopt);
+            if (lookup) QelDNSLookupEvents::lifetimeKnown(lookup, secondsLeft(*records));
             callCatching(completion, std::nullopt, filterIPs(*records));
         },
         std::move(lookup));
@@ -130,17 +138,31 @@ void QelHttpDnsCenterManager::sendResolve(const std::optional<std::string>& node
 }
 
 std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readCached(const std::string& key,
-                                                                            bool& fromStore) {
+                                                                            bool& fromStore,
+                                                                            int64_t* left) {
     std::optional<std::vector<std::string>> addresses;
     if (!cacheIP()) return addresses;
     QelDNSCacheManager::shared().readIPsWithDomain(
         key, expiredIP(),
-        [&addresses](const QelDNSIPModelListRef& cached) {
+        [&addresses, left](const QelDNSIPModelListRef& cached) {
             // A stored record may lack its address: a hit with none left is a miss.
             if (auto ips = filterIPs(*cached); !ips.empty()) addresses = std::move(ips);
+            if (left) *left = secondsLeft(*cached);
         },
         &fromStore);
     return addresses;
+}
+
+int64_t QelHttpDnsCenterManager::secondsLeft(const QelDNSIPModelList& records) {
+    const double now = qel::platform::Clock::currentTime();
+    double shortest = -1;
+    for (const auto& record : records) {
+        if (!record) continue;
+        const double left = record->lookupTime() + static_cast<double>(record->ttl()) - now;
+        if (shortest < 0 || left < shortest) shortest = std::max(left, 0.0);
+    }
+    // Rounded up: an answer just received shows the TTL the service gave.
+    return shortest < 0 ? 0 : static_cast<int64_t>(std::ceil(shortest));
 }
 
 void QelHttpDnsCenterManager::storeAnswer(QelDNSIPModelListRef records, const std::string& key) {

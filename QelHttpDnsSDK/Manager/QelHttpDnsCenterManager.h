@@ -75,7 +75,11 @@ public:
     }
     /// With `cacheIP`, the addresses cached under `key` (memory, else the store; expired ones
     /// only with `expiredIP`), or nothing when none is left. `fromStore` tells where.
-    std::optional<std::vector<std::string>> readCached(const std::string& key, bool& fromStore);
+    /// `secondsLeft`, when given, receives the records' shortest remaining lifetime.
+    std::optional<std::vector<std::string>> readCached(const std::string& key, bool& fromStore,
+                                                       int64_t* secondsLeft = nullptr);
+    /// The shortest remaining lifetime of `records`, in seconds rounded up, 0 when expired.
+    static int64_t secondsLeft(const QelDNSIPModelList& records);
     /// Keeps `records` under `key`, in memory and, with `cacheIP`, in the store.
     void storeAnswer(QelDNSIPModelListRef records, const std::string& key);
     /// One resolve request for `domain` and `type` to `node`, signed with the credentials of

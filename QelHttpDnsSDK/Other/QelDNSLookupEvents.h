@@ -42,6 +42,9 @@ public:
                              const std::optional<std::string>& node) = 0;
     /// A resolve request failed with `error`; what follows is a retry, a node switch or the end.
     virtual void attemptFailed(QelDNSObservedLookup& lookup, const QelDNSError& error) = 0;
+    /// The answer's addresses have `seconds` left to live: the shortest remaining TTL of their
+    /// records, from the cache or the service (0 for expired records that were allowed).
+    virtual void lifetimeKnown(QelDNSObservedLookup& lookup, int64_t seconds) = 0;
     /// The resolver moved to the resolve node `node`.
     virtual void nodeSwitched(QelDNSObservedLookup& lookup,
                               const std::optional<std::string>& node) = 0;
@@ -80,6 +83,9 @@ void announce(const QelDNSLookupHandle& lookup, Announcement&& announcement) {
 inline void cacheRead(const QelDNSLookupHandle& lookup, const std::string& key,
                       QelDNSLookupListener::CacheRead read) {
     announce(lookup, [&](auto& to, auto& of) { to.cacheRead(of, key, read); });
+}
+inline void lifetimeKnown(const QelDNSLookupHandle& lookup, int64_t seconds) {
+    announce(lookup, [&](auto& to, auto& of) { to.lifetimeKnown(of, seconds); });
 }
 inline void loginRetried(const QelDNSLookupHandle& lookup) {
     announce(lookup, [](auto& to, auto& of) { to.loginRetried(of); });

@@ -227,6 +227,7 @@ Outcome report(const QeldnsOptions& options, const std::string& name, int64_t ty
             line["microseconds"] = result.microseconds;
         } else {
             line["addresses"] = *result.ips;
+            if (result.trace && result.trace->ttl >= 0) line["ttl"] = result.trace->ttl;
             line["source"] = result.onCallingThread ? "cache" : "network";
             if (viaService && !result.trace->nodes.empty())
                 line["node"] = result.trace->nodes.back();
@@ -251,6 +252,8 @@ Outcome report(const QeldnsOptions& options, const std::string& name, int64_t ty
     } else {
         std::string line = shown(name);
         for (const auto& ip : *result.ips) line += " " + ip;
+        if (result.trace && result.trace->ttl >= 0)
+            line += " (ttl " + std::to_string(result.trace->ttl) + ")";
         std::printf("%s\n", line.c_str());
     }
     std::fflush(stdout);

@@ -170,7 +170,7 @@ TEST(Process, OverHttpsQeldnsResolvesOnlyWithTheRightCaNameAndKeyAndLogsWhyNot) 
         arguments.push_back("www.example.test");
         ChildProcess qeldns(QELDNS_BINARY, arguments);
         EXPECT_EQ(qeldns.wait(), reason.empty() ? 0 : 1) << options;
-        EXPECT_EQ(qeldns.output(), reason.empty() ? "www.example.test 192.0.2.10\n" : "");
+        EXPECT_EQ(qeldns.output(), reason.empty() ? "www.example.test 192.0.2.10 (ttl 60)\n" : "");
         EXPECT_TRUE(reason.empty() || contains(qeldns.errors(), "request failed: " + reason + "\n")) << qeldns.errors();
     }
     const Attackers slow(server.port, 3);
@@ -192,7 +192,7 @@ TEST(Process, QeldnsReachesAServiceOnAnIpv6Literal) {
     ChildProcess qeldns(QELDNS_BINARY, {"--id", kAuthId, "--secret", kSecret, "--store", scratch.file("store"), "--server",
                                         "http://" + node, "www.example.test"});
     EXPECT_EQ(qeldns.wait(), 0) << qeldns.errors();
-    EXPECT_EQ(qeldns.output(), "www.example.test 192.0.2.10\n");
+    EXPECT_EQ(qeldns.output(), "www.example.test 192.0.2.10 (ttl 60)\n");
 }
 
 TEST(Process, AThousandSlowHeadsLeaveHonestLoginsAnsweredUntilTheirDeadlineCutsThem) {
