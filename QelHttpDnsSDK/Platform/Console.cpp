@@ -7,12 +7,20 @@ namespace qel::platform {
 
 namespace {
 
-qel::platform::Mutex sinkMutex;
-std::shared_ptr<const Console::Sink> installedSink QEL_GUARDED_BY(sinkMutex);
+// Never destroyed: the platform thread may still log (a timer's work) while the process exits.
+struct SinkSlot {
+    qel::platform::Mutex mutex;
+    std::shared_ptr<const Console::Sink> sink QEL_GUARDED_BY(mutex);
+};
+
+SinkSlot& slot() {
+    static auto* const instance = new SinkSlot();
+    return *instance;
+}
 
 std::shared_ptr<const Console::Sink> currentSink() {
-    qel::platform::MutexLock lock(sinkMutex);
-    return installedSink;
+    qel::platform::MutexLock lock(slot().mutex);
+    return slot().sink;
 }
 
 }  // namespace
@@ -27,8 +35,8 @@ void Console::log(std::string_view message) {
 
 void Console::setSink(Sink sink) {
     auto next = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-    qel::platform::MutexLock lock(sinkMutex);
-    installedSink = std::move(next);
+    qel::platform::MutexLock lock(slot().mutex);
+    slot().sink = std::move(next);
 }
 
 }  // namespace qel::platform
