@@ -1,3 +1,4 @@
+#include "QelHttpDnsSDK/Platform/OpenSslLifetime.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 
 #include <arpa/inet.h>
@@ -38,6 +39,7 @@ const RE2& hostNamePattern() {
 // leave every request signed with an empty digest. Null when even that fails.
 const EVP_MD* signatureDigest() {
     static const EVP_MD* const digest = []() -> const EVP_MD* {
+        qel::platform::keepOpenSslUntilExit();
         OSSL_LIB_CTX* context = OSSL_LIB_CTX_new();
         OSSL_PROVIDER* provider = context ? OSSL_PROVIDER_load(context, "default") : nullptr;
         EVP_MD* md5 = provider ? EVP_MD_fetch(context, "MD5", nullptr) : nullptr;

@@ -16,6 +16,7 @@
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/OpenSslLifetime.h"
 #include "QelHttpDnsSDK/Platform/ProcessFork.h"
 #include "QelHttpDnsSDK/Platform/TransportSettings.h"
 
@@ -31,6 +32,7 @@ constexpr double kLongestTimerSleepSeconds = 3600.0;
 
 void initialiseCurlOnce() {
     static const bool initialised = [] {
+        keepOpenSslUntilExit();
         if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
             Console::log("http session: curl_global_init failed");
             return false;
