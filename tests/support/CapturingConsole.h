@@ -1,6 +1,9 @@
-// Captures console lines for the life of the object (installs a console sink).
+// Captures console lines for the life of the object (installs a console sink). The lines live
+// in state the sink shares, so a line the platform thread logs while the object goes away
+// lands there instead of in freed memory.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,9 +15,9 @@ namespace qel::test {
 class CapturingConsole {
 public:
     CapturingConsole() {
-        platform::Console::setSink([this](const std::string& line) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            lines_.push_back(line);
+        platform::Console::setSink([state = state_](const std::string& line) {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->lines.push_back(line);
         });
     }
     ~CapturingConsole() { platform::Console::setSink(nullptr); }
@@ -22,17 +25,20 @@ public:
     CapturingConsole& operator=(const CapturingConsole&) = delete;
 
     std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        return state_->lines;
     }
     void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.clear();
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->lines.clear();
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
+    struct State {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 }  // namespace qel::test
