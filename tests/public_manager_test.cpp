@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/QelDNSNodeHealth.h"
 #include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Extras/qel_httpdns.h"
@@ -569,6 +570,36 @@ TEST_F(PublicManager, TheResilienceProfileEndsEveryLookupFailsOverAndSharesMisse
     const Answer fast = ask("f.test");
     EXPECT_TRUE(fast.code == QEL_HTTPDNS_E_ALL_NODES_FAILED && fast.beforeReturn && requests("f.test") == 0);
     QelDNSResilience::disable();
+}
+
+// A node rests when most of its recent requests failed (3 at least, 3 in 4 of the last 8),
+// not on a lossy network's occasional failure; failures during a rest count for nothing, and
+// a failure right after a rest makes it rest again, twice as long.
+TEST(NodeHealth, ANodeRestsWhenMostOfItsRecentRequestsFailed) {
+    using Clock = QelDNSNodeHealth::Clock;
+    const Clock::time_point start = Clock::now();
+    const struct {
+        const char* outcomes;  // F failed, S answered, in order
+        bool rests;
+    } rows[] = {{"FF", false}, {"FFF", true}, {"SSSSSFFFFF", false}, {"SSSSSFFFFFF", true}, {"FSFSFSFSFSFSFF", false}};
+    for (const auto& row : rows) {
+        QelDNSNodeHealth health;
+        for (const char* outcome = row.outcomes; *outcome; ++outcome) {
+            if (*outcome == 'F') health.failed("n", start, 3, 1.0, 30.0);
+            if (*outcome == 'S') health.answered("n");
+        }
+        EXPECT_EQ(!health.pick({"n"}, start).has_value(), row.rests) << row.outcomes;
+    }
+    QelDNSNodeHealth health;
+    for (int i = 0; i < 5; ++i) health.failed("n", start, 3, 1.0, 30.0);  // two during the rest
+    const auto at = [&](double seconds) {
+        return start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    };
+    EXPECT_EQ(health.pick({"n", "m"}, at(0.5)), "m");
+    EXPECT_EQ(health.pick({"n", "m"}, at(1.01)), "n");
+    health.failed("n", at(1.01), 3, 1.0, 30.0);
+    EXPECT_EQ(health.pick({"n"}, at(2.9)), std::nullopt);
+    EXPECT_EQ(health.pick({"n"}, at(3.02)), "n");
 }
 
 // With the profile a login that found no network, or failed, is renewed by itself; lookups

@@ -41,8 +41,7 @@ void QelDNSNodeHealth::failed(const std::string& node, Clock::time_point now, in
 
 void QelDNSNodeHealth::answered(const std::string& node) {
     qel::platform::MutexLock lock(mutex_);
-    const auto state = nodes_.find(node);
-    if (state == nodes_.end()) return;
-    state->second.rests = 0;
-    record(state->second.outcomes, state->second.recorded, false);
+    State& state = nodes_[node];
+    state.rests = 0;
+    record(state.outcomes, state.recorded, false);
 }

@@ -1,8 +1,8 @@
 // Which resolve nodes may be asked now. A node rests for a while when most of its recent
 // requests failed (at least `inARow` failures, and three in four of its last eight outcomes),
 // and is asked again once its rest is over; if that request fails too it rests twice as long.
-// So a dead node is left after a few failures, while a node that loses one request in four on a
-// lossy network is never left. Failures that arrive while it rests (requests that were under
+// So a dead node is left after three failures (six after a run of answers), while a node that
+// loses one request in four on a lossy network is almost never left. Failures that arrive while it rests (requests that were under
 // way) count for nothing. Internal to the resilience profile. Thread-safe.
 #pragma once
 
