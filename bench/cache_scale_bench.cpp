@@ -1,0 +1,236 @@
+// The cache at scale, N = 1 000, 100 000 and 1 000 000 names of 40 characters with two IPv4
+// records each, against bare baselines measured in the same run:
+//   random hit of getIPV4ByDomain over N cached names   vs  a std::unordered_map find and copy
+//   filling the memory cache (saveIPs)                  vs  filling it and the store
+//   a hit found only in the store (every name after a restart)  vs  a memory hit
+//   heap bytes per cached name
+// The ratios are printed after the table.
+//
+//   build/release/bench/cache_scale_bench
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "BenchMain.h"
+#include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
+#include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/ReachabilityFlags.h"
+#include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "support/FakeReachability.h"
+#include "support/ResolutionService.h"
+#include "support/ScratchDirectory.h"
+
+namespace {
+
+using Ips = std::optional<std::vector<std::string>>;
+using qel::bench::divide;
+using qel::bench::MedianReporter;
+using qel::bench::printRatio;
+
+constexpr int kSizes[] = {1000, 100000, 1000000};
+constexpr int kStoreNames = 20000;  // the store part: SQLite writes are per name
+
+// 40 characters: "n0000042.scale-benchmark.example.test.x" and so on.
+std::string nameOf(int i) {
+    char name[48];
+    std::snprintf(name, sizeof name, "n%07d.scale-benchmark.example.test.xx", i);
+    return name;
+}
+
+QelDNSIPModelListRef listOf(int i) {
+    QelDNSIPModelList records;
+    for (int r = 0; r < 2; ++r) {
+        auto record = std::make_shared<QelDNSIPModel>();
+        record->setDomain(nameOf(i));
+        record->setType(1);
+        record->setIp("10." + std::to_string(i % 250) + "." + std::to_string(i / 250 % 250) + "." +
+                      std::to_string(r + 1));
+        record->setTtl(3600);
+        record->setLookupTime(4e9);  // alive for the whole run
+        records.push_back(std::move(record));
+    }
+    return std::make_shared<const QelDNSIPModelList>(std::move(records));
+}
+
+// The public manager logged in to a service on loopback, so that a lookup reaches the cache.
+struct Fixture {
+    qel::test::FakeReachabilityFactory network{qel::platform::ReachabilityFlags::Reachable};
+    qel::test::ScratchDirectory scratch;
+    qel::test::ResolutionService service{"acct", "secret", "com.example.scale"};
+    std::vector<std::string> names;
+    std::vector<int> order;  // random indexes, the same for every N (taken modulo N)
+    int filled = 0;          // the N the memory cache holds now
+
+    Fixture() {
+        qel::platform::Console::setSink([](const std::string&) {});
+        qel::platform::MainBundle::setIdentifier("com.example.scale");
+        qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
+        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+        dns.customServerUrl(service.baseUrl());
+        dns.registerAuthId(std::string("acct"), std::string("secret"));
+        for (int i = 0; i < 2000 && dns.initStatus() != 4; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        dns.enableCacheIP(true);
+        // Two IPv4 lookups first: from then on every IPv4 lookup's key ends in "_v4".
+        for (int i = 0; i < 2; ++i) dns.getIPV4ByDomain(std::string("warm.test"), nullptr);
+        for (int i = 0; i < kSizes[2]; ++i) names.push_back(nameOf(i));
+        std::mt19937 random(7);
+        order.resize(1 << 16);
+        for (int& index : order) index = static_cast<int>(random() & 0x7fffffff);
+    }
+
+    // The memory cache holds exactly the first n names.
+    void fill(int n) {
+        if (filled == n) return;
+        QelDNSCacheManager::Dict dict;
+        dict.reserve(n);
+        for (int i = 0; i < n; ++i) dict.emplace(names[i] + "_v4", listOf(i));
+        QelDNSCacheManager::shared().setDict(std::move(dict));
+        filled = n;
+    }
+};
+
+Fixture& fixture() {
+    static Fixture* const instance = new Fixture();
+    return *instance;
+}
+
+void BM_Hit_RandomOfN(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    Fixture& f = fixture();
+    f.fill(n);
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    std::vector<std::optional<std::string>> asked;
+    for (int index : f.order) asked.emplace_back(f.names[index % n]);
+    size_t next = 0;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        dns.getIPV4ByDomain(asked[next++ & 0xffff], [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+void BM_BareMap_RandomOfN(benchmark::State& state) {
+    const int n = static_cast<int>(state.range(0));
+    Fixture& f = fixture();
+    static std::unordered_map<int, std::unordered_map<std::string, std::vector<std::string>>> maps;
+    auto& map = maps[n];
+    if (map.empty()) {
+        for (int i = 0; i < n; ++i) map[f.names[i] + "_v4"] = {"10.0.0.1", "10.0.0.2"};
+    }
+    size_t next = 0;
+    for (auto _ : state) {
+        // The key is built as a lookup builds it, from the name asked.
+        const std::string key = f.names[f.order[next++ & 0xffff] % n] + "_v4";
+        Ips ips;
+        if (const auto found = map.find(key); found != map.end()) ips = found->second;
+        benchmark::DoNotOptimize(ips);
+    }
+}
+
+// Saves kStoreNames names, range(0) 0 in memory only, 1 in memory and the store; per name.
+void BM_Fill(benchmark::State& state) {
+    const bool toStore = state.range(0) != 0;
+    Fixture& f = fixture();
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    for (auto _ : state) {
+        for (int i = 0; i < kStoreNames; ++i) cache.saveIPs(listOf(i), f.names[i] + "_v4", toStore);
+    }
+    f.filled = -1;
+    state.SetItemsProcessed(state.iterations() * kStoreNames);
+}
+
+// A hit of a name the store holds and memory does not (range(0) 1), against a memory hit (0).
+void BM_StoreHit(benchmark::State& state) {
+    const bool storeOnly = state.range(0) != 0;
+    Fixture& f = fixture();
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    static const bool stored = [&] {
+        for (int i = 0; i < kStoreNames; ++i) cache.saveIPs(listOf(i), f.names[i] + "_v4", true);
+        return true;
+    }();
+    (void)stored;
+    if (storeOnly) {
+        cache.setDict({});
+        f.filled = 0;
+    } else {
+        f.fill(kStoreNames);
+    }
+    QelHttpDnsManager& dns = QelHttpDnsManager::shared();
+    std::vector<std::optional<std::string>> asked;
+    for (int index : f.order) asked.emplace_back(f.names[index % kStoreNames]);
+    size_t next = 0;
+    int64_t hits = 0;
+    for (auto _ : state) {
+        dns.getIPV4ByDomain(asked[next++ & 0xffff], [&hits](std::optional<QelDNSError>, Ips ips) {
+            hits += ips && ips->size() == 2;
+        });
+    }
+    if (hits != state.iterations()) state.SkipWithError("a lookup missed the cache");
+}
+
+BENCHMARK(BM_Hit_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2]);
+BENCHMARK(BM_BareMap_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2]);
+BENCHMARK(BM_Fill)->ArgName("store")->Arg(0)->Arg(1)->Iterations(1);
+BENCHMARK(BM_StoreHit)->ArgName("storeOnly")->Arg(0)->Arg(1);
+
+// Heap bytes per name of a memory cache of n names, filled through saveIPs.
+double bytesPerName(int n) {
+    Fixture& f = fixture();
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    cache.setDict({});
+    f.filled = -1;
+    malloc_trim(0);
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < n; ++i) cache.saveIPs(listOf(i), f.names[i] + "_v4", false);
+    const size_t after = mallinfo2().uordblks;
+    return double(after - before) / n;
+}
+
+void report(const MedianReporter& medians) {
+    for (int n : kSizes) {
+        const std::string arg = "/names:" + std::to_string(n);
+        printRatio(("random hit over " + std::to_string(n) + " names / bare map:").c_str(),
+                   divide(medians.seconds("BM_Hit_RandomOfN" + arg),
+                          medians.seconds("BM_BareMap_RandomOfN" + arg)),
+                   "<= 2x");
+    }
+    const auto memoryFill = medians.seconds("BM_Fill/store:0");
+    const auto storeFill = medians.seconds("BM_Fill/store:1");
+    if (memoryFill && storeFill) {
+        std::printf("%-58s %6.2f us and %.2f us per name\n",
+                    "fill, memory only and memory and store:", *memoryFill / kStoreNames * 1e6,
+                    *storeFill / kStoreNames * 1e6);
+    }
+    printRatio("fill, memory and store / memory only:", divide(storeFill, memoryFill));
+    printRatio("hit found only in the store / memory hit:",
+               divide(medians.seconds("BM_StoreHit/storeOnly:1"),
+                      medians.seconds("BM_StoreHit/storeOnly:0")));
+    for (int n : kSizes) {
+        std::printf("%-58s %6.0f B  (target <= 400 B)\n",
+                    ("memory per cached name, " + std::to_string(n) + " names:").c_str(),
+                    bytesPerName(n));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    fixture();
+    const int status = qel::bench::run(argc, argv, report, 5);
+    std::filesystem::remove_all(fixture().scratch.path());
+    return status;
+}
