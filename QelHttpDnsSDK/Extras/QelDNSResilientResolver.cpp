@@ -19,7 +19,6 @@ namespace {
 
 namespace codes = QelDNSErrorCodes;
 using Clock = QelDNSNodeHealth::Clock;
-using CacheRead = QelDNSLookupListener::CacheRead;
 
 // The key of a lookup's own domain and type. The manager's key is the domain with the suffix
 // of the previous lookup's type, so in the usual run of lookups of one type it is the own key
@@ -98,19 +97,7 @@ void QelDNSResilientResolver::resolve(const std::optional<std::string>& domain, 
     const std::string& managersKey = center.notePending(domain, type);
     const std::string& key =
         ownKeys_.load(std::memory_order_acquire) ? ownKey(*domain, type, managersKey) : managersKey;
-    if (center.cacheIP()) {
-        bool fromStore = false;
-        int64_t left = 0;
-        if (auto addresses = lookup ? center.readCached(key, fromStore, &left)
-                                    : center.readCached(key, fromStore)) {
-            QelDNSLookupEvents::lifetimeKnown(lookup, left);
-            QelDNSLookupEvents::cacheRead(lookup, key,
-                                          fromStore ? CacheRead::Store : CacheRead::Memory);
-            if (completion) completion(std::nullopt, std::move(addresses));
-            return;
-        }
-        QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
-    }
+    if (center.cacheIP() && center.answerFromCache(key, completion, lookup)) return;
     join(key, *domain, type, Waiter{std::move(completion), std::move(lookup)});
 }
 

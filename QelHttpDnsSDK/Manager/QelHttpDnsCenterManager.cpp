@@ -66,20 +66,8 @@ void QelHttpDnsCenterManager::getIPsWithDomain(const std::optional<std::string>&
                                                QelDNSLookupHandle lookup) {
     const std::string& key = pending_.store(domain, type);
 
-    using CacheRead = QelDNSLookupListener::CacheRead;
     if (cacheIP()) {
-        bool fromStore = false;
-        int64_t left = 0;
-        std::optional<std::vector<std::string>> addresses =
-            lookup ? readCached(key, fromStore, &left) : readCached(key, fromStore);
-        if (addresses) {
-            QelDNSLookupEvents::lifetimeKnown(lookup, left);
-            QelDNSLookupEvents::cacheRead(lookup, key,
-                                          fromStore ? CacheRead::Store : CacheRead::Memory);
-            if (completion) completion(std::nullopt, std::move(addresses));
-            return;
-        }
-        QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
+        if (answerFromCache(key, completion, lookup)) return;
         requestIPsWithRetryCount(
             0,
             [this, key = std::string(key), completion = std::move(completion), lookup](
@@ -151,6 +139,24 @@ std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readCached(cons
         },
         &fromStore);
     return addresses;
+}
+
+bool QelHttpDnsCenterManager::answerFromCache(const std::string& key, Completion& completion,
+                                              const QelDNSLookupHandle& lookup) {
+    using CacheRead = QelDNSLookupListener::CacheRead;
+    bool fromStore = false;
+    int64_t left = 0;
+    // The lifetime is worked out only for a lookup someone follows.
+    std::optional<std::vector<std::string>> addresses =
+        lookup ? readCached(key, fromStore, &left) : readCached(key, fromStore);
+    if (!addresses) {
+        QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
+        return false;
+    }
+    QelDNSLookupEvents::lifetimeKnown(lookup, left);
+    QelDNSLookupEvents::cacheRead(lookup, key, fromStore ? CacheRead::Store : CacheRead::Memory);
+    if (completion) completion(std::nullopt, std::move(addresses));
+    return true;
 }
 
 int64_t QelHttpDnsCenterManager::secondsLeft(const QelDNSIPModelList& records) {

@@ -80,6 +80,11 @@ public:
                                                        int64_t* secondsLeft = nullptr);
     /// The shortest remaining lifetime of `records`, in seconds rounded up, 0 when expired.
     static int64_t secondsLeft(const QelDNSIPModelList& records);
+    /// A cache read under `key` as a lookup makes it (call it with `cacheIP` on): with an
+    /// address there, the completion gets the addresses on the calling thread and it returns
+    /// true; otherwise false. The read, its outcome and the answer's lifetime are announced.
+    bool answerFromCache(const std::string& key, Completion& completion,
+                         const QelDNSLookupHandle& lookup);
     /// Keeps `records` under `key`, in memory and, with `cacheIP`, in the store.
     void storeAnswer(QelDNSIPModelListRef records, const std::string& key);
     /// One resolve request for `domain` and `type` to `node`, signed with the credentials of

@@ -6,7 +6,6 @@ namespace qel::platform {
 
 namespace {
 
-std::atomic<uint64_t> forks{0};
 std::atomic<void (*)()> beforeForkHook{nullptr};
 std::atomic<void (*)()> afterForkHook{nullptr};
 
@@ -18,15 +17,15 @@ void afterForkInParent() {
     if (auto hook = afterForkHook.load(std::memory_order_acquire)) hook();
 }
 
-void afterForkInChild() { forks.fetch_add(1, std::memory_order_acq_rel); }
-
 }  // namespace
 
-uint64_t ProcessFork::generation() {
-    static const bool installed =
-        pthread_atfork(&beforeFork, &afterForkInParent, &afterForkInChild) == 0;
+std::atomic<uint64_t> ProcessFork::forks_{0};
+
+void ProcessFork::watch() {
+    static const bool installed = pthread_atfork(&beforeFork, &afterForkInParent, [] {
+                                      forks_.fetch_add(1, std::memory_order_acq_rel);
+                                  }) == 0;
     (void)installed;
-    return forks.load(std::memory_order_acquire);
 }
 
 void ProcessFork::setParentHooks(void (*beforeFork)(), void (*afterForkInParent)()) {

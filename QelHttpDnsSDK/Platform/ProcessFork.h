@@ -19,13 +19,19 @@ public:
     ProcessFork() = delete;
 
     /// 0 in a process that no fork made since the library's first use; one more in each child.
-    /// One atomic load; the fork handlers are installed at the first call.
-    static uint64_t generation();
+    /// One atomic load: lookups read it.
+    static uint64_t generation() { return forks_.load(std::memory_order_acquire); }
+
+    /// Installs the fork handlers, once; a PerProcess instance does it when it is first made.
+    static void watch();
 
     /// Runs `beforeFork` in the forking thread just before a fork, and `afterForkInParent` in
     /// the parent just after it (the platform thread's parking). One pair; a later call
     /// replaces it.
     static void setParentHooks(void (*beforeFork)(), void (*afterForkInParent)());
+
+private:
+    static std::atomic<uint64_t> forks_;
 };
 
 /// The one T of this process: see above. Thread-safe; the fast path is two atomic loads.
@@ -43,6 +49,7 @@ public:
         std::lock_guard<std::mutex> lock(making_);
         made = made_.load(std::memory_order_acquire);
         if (made && made->generation == now && made->instance) return *made->instance;
+        ProcessFork::watch();
         if (made && made->generation != now && made->instance) {
             leaveBehind(*made->instance);
             made_.store(new Made{nullptr, now}, std::memory_order_release);  // left behind once
