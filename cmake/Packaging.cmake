@@ -24,7 +24,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # pkg-config resolves the library's Requires.private modules even for --cflags; building with
 # CMake needs none of them.
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS
-  "pkg-config, libcurl4-openssl-dev, libssl-dev, libsqlite3-dev, libre2-dev")
+  "pkg-config, libcurl4-openssl-dev, libssl-dev, libsqlite3-dev")
 # A shlibs file for the dpkg-shlibdeps of packages built against it, and ldconfig run after
 # installation and removal.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
@@ -34,6 +34,6 @@ if(QEL_DPKG_SHLIBDEPS)
 else()
   # Debian 12's names for the libraries the binaries link.
   set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libre2-9, libc-ares2, libmicrohttpd12")
+    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libc-ares2, libmicrohttpd12")
 endif()
 include(CPack)

@@ -24,7 +24,7 @@ for field in Package Version Architecture Maintainer Description; do
     [ -n "$(dpkg-deb -f "$deb" "$field")" ] || fail "the control file has no $field"
 done
 depends=$(dpkg-deb -f "$deb" Depends)
-for library in libcurl4 libssl3 libsqlite3-0 libre2-9 libc-ares2 libmicrohttpd12; do
+for library in libcurl4 libssl3 libsqlite3-0 libc-ares2 libmicrohttpd12; do
     grep -q "$library" <<<"$depends" || fail "Depends lacks $library: $depends"
 done
 

@@ -32,7 +32,7 @@ const std::vector<KeyedUnarchiver::AllowedClass>& allowedClasses() {
 struct LastMemoryHit {
     uint64_t generation = 0;  // none: generations start at 1
     std::string domain;
-    QelDNSIPModelListRef ips;
+    QelDNSCachedList::Ref list;
 };
 thread_local LastMemoryHit lastMemoryHit;
 
@@ -50,30 +50,41 @@ QelDNSCacheManager& QelDNSCacheManager::shared() {
 }
 
 QelDNSCacheManager::Dict QelDNSCacheManager::dict() const {
-    qel::platform::MutexLock lock(mutex_);
-    return dict_;
+    std::vector<std::pair<std::string, List>> lists;
+    {
+        qel::platform::MutexLock lock(mutex_);
+        lists.assign(lists_.begin(), lists_.end());
+    }
+    Dict dict;
+    for (const auto& [key, list] : lists) dict.emplace(key, list->records());
+    return dict;
 }
 
-void QelDNSCacheManager::setDict(Dict dict) {
-    Dict old;  // the replaced lists are released outside the lock
+void QelDNSCacheManager::setDict(const Dict& dict) {
+    std::unordered_map<std::string, List> lists;  // made, and the replaced ones freed, unlocked
+    lists.reserve(dict.size());
+    for (const auto& [key, records] : dict) {
+        lists.emplace(key, QelDNSCachedList::make(records ? *records : QelDNSIPModelList()));
+    }
     qel::platform::MutexLock lock(mutex_);
-    old.swap(dict_);
-    dict_ = std::move(dict);
+    lists.swap(lists_);
+    renewLocked();
+}
+
+void QelDNSCacheManager::renewLocked() {
     generation_.store(nextGeneration(), std::memory_order_release);
 }
 
 void QelDNSCacheManager::saveIPs(QelDNSIPModelListRef ips, const std::string& domain,
                                  bool cacheToDisk) {
-    if (!ips) ips = std::make_shared<const QelDNSIPModelList>();
-    QelDNSIPModelListRef replaced;
+    List list = QelDNSCachedList::make(ips ? *ips : QelDNSIPModelList());
     {
         qel::platform::MutexLock lock(mutex_);
-        QelDNSIPModelListRef& slot = dict_[domain];
-        replaced = std::move(slot);
-        slot = ips;
-        generation_.store(nextGeneration(), std::memory_order_release);
+        List& slot = lists_[domain];
+        std::swap(slot, list);  // the replaced list is freed outside the lock
+        renewLocked();
     }
-    if (cacheToDisk) saveCaches(*ips, domain);
+    if (cacheToDisk && ips) saveCaches(*ips, domain);
 }
 
 QelDNSIPModelListRef QelDNSCacheManager::getIPsWithDomain(const std::string& domain,
@@ -85,45 +96,108 @@ QelDNSIPModelListRef QelDNSCacheManager::getIPsWithDomain(const std::string& dom
 
 bool QelDNSCacheManager::readIPsWithDomain(const std::string& domain, bool expired,
                                            const Reader& read, bool* fromStore) const {
-    LastMemoryHit& last = lastMemoryHit;
-    if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
-        readAlive(last.ips, expired, read);
-        return true;
+    List holder;
+    const QelDNSCachedList* list = find(domain, fromStore, holder);
+    if (!list) return false;
+    QelDNSIPModelListRef records = list->records();
+    if (!expired) {
+        records = std::make_shared<const QelDNSIPModelList>(
+            aliveRecords(*records, qel::platform::Clock::currentTime()));
     }
-    QelDNSIPModelListRef ips;
-    uint64_t generation;
-    {
-        qel::platform::MutexLock lock(mutex_);
-        const auto found = dict_.find(domain);
-        if (found != dict_.end()) ips = found->second;
-        generation = generation_.load(std::memory_order_relaxed);
-    }
-    if (!ips || ips->empty()) {
-        // Not remembered: the store may be changed through another handle on it.
-        ips = getCacheWithDomain(domain);
-        if (!ips || ips->empty()) return false;
-        if (fromStore) *fromStore = true;
-        readAlive(ips, expired, read);
-        return true;
-    }
-    last.generation = generation;
-    last.domain = domain;
-    last.ips = std::move(ips);
-    readAlive(last.ips, expired, read);
+    read(records);
     return true;
 }
 
-void QelDNSCacheManager::readAlive(const QelDNSIPModelListRef& ips, bool expired,
-                                   const Reader& read) {
-    if (expired) return read(ips);
-    const double now = qel::platform::Clock::currentTime();
-    // Lists are immutable, so when every record is alive the list itself is as good as a
-    // copy, and a hit costs no allocation.
-    if (std::all_of(ips->begin(), ips->end(),
-                    [now](const auto& record) { return isAlive(record.get(), now); })) {
-        return read(ips);
+bool QelDNSCacheManager::readAddresses(const std::string& domain, bool expired,
+                                       Addresses& out) const {
+    bool fromStore = false;
+    List holder;
+    const QelDNSCachedList* list = find(domain, &fromStore, holder);
+    if (!list) return false;
+    std::vector<std::string> ips;
+    ips.reserve(list->size());
+    const int64_t left = list->appendAddresses(qel::platform::Clock::currentTime(), expired, ips);
+    // A stored record may lack its address: a list with none left is no answer.
+    if (ips.empty()) return false;
+    out.ips = std::move(ips);
+    out.secondsLeft = left;
+    out.fromStore = fromStore;
+    return true;
+}
+
+const QelDNSCachedList* QelDNSCacheManager::find(const std::string& domain, bool* fromStore,
+                                                 List& holder) const {
+    LastMemoryHit& last = lastMemoryHit;
+    if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
+        return last.list.get();
     }
-    read(std::make_shared<const QelDNSIPModelList>(aliveRecords(*ips, now)));
+    List list;
+    uint64_t generation;
+    {
+        qel::platform::MutexLock lock(mutex_);
+        const auto found = lists_.find(domain);
+        if (found != lists_.end()) list = found->second;
+        generation = generation_.load(std::memory_order_relaxed);
+    }
+    if (!list || list->empty()) {
+        holder = storedList(domain);
+        if (!holder || holder->empty()) return nullptr;
+        if (fromStore) *fromStore = true;
+        return holder.get();
+    }
+    last.generation = generation;
+    last.domain = domain;
+    last.list = std::move(list);
+    return last.list.get();
+}
+
+QelDNSCacheManager::List QelDNSCacheManager::storedList(const std::string& domain) const {
+    UserDefaults& store = UserDefaults::standard();
+    store.noticeExternalChanges();  // may forget every remembered entry
+    uint64_t version;
+    {
+        qel::platform::MutexLock lock(mutex_);
+        if (observedStore_ != &store) {
+            // The store of this process (a forked child has a new one): told of its changes.
+            observedStore_ = &store;
+            stored_.clear();
+            store.setChangeObserver([this](const std::string* key) { forgetStored(key); });
+        }
+        const auto found = stored_.find(domain);
+        if (found != stored_.end()) return found->second;
+        version = storedVersion_;
+    }
+    QelDNSIPModelListRef records = unarchivedObjects(store.data(domain));
+    List list = records ? QelDNSCachedList::make(*records) : List();
+    qel::platform::MutexLock lock(mutex_);
+    // A change since the read may have made it stale.
+    if (version == storedVersion_) rememberStored(domain, list);
+    return list;
+}
+
+void QelDNSCacheManager::rememberStored(const std::string& domain, List list) const {
+    if (stored_.size() >= kStoredListLimit) {
+        // A random entry goes: the memo stays bounded without a hit having to record its use.
+        const size_t buckets = stored_.bucket_count();
+        for (size_t b = static_cast<size_t>(generation_.load(std::memory_order_relaxed)) % buckets;;
+             b = (b + 1) % buckets) {
+            if (stored_.bucket_size(b) == 0) continue;
+            stored_.erase(stored_.begin(b)->first);
+            break;
+        }
+    }
+    stored_[domain] = std::move(list);
+}
+
+void QelDNSCacheManager::forgetStored(const std::string* domain) const {
+    std::unordered_map<std::string, List> forgotten;  // freed outside the lock
+    qel::platform::MutexLock lock(mutex_);
+    ++storedVersion_;
+    if (!domain) {
+        forgotten.swap(stored_);
+    } else if (const auto found = stored_.find(*domain); found != stored_.end()) {
+        stored_.erase(found);
+    }
 }
 
 bool QelDNSCacheManager::isAlive(const QelDNSIPModel* record, double now) {
@@ -146,14 +220,14 @@ QelDNSIPModelList QelDNSCacheManager::filterExpiredTTL(const QelDNSIPModelList& 
 }
 
 void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {
-    QelDNSIPModelListRef removed;
+    List removed;
     {
         qel::platform::MutexLock lock(mutex_);
-        const auto found = dict_.find(domain);
-        if (found != dict_.end()) {
+        const auto found = lists_.find(domain);
+        if (found != lists_.end()) {
             removed = std::move(found->second);
-            dict_.erase(found);
-            generation_.store(nextGeneration(), std::memory_order_release);
+            lists_.erase(found);
+            renewLocked();
         }
     }
     UserDefaults::standard().remove(domain);

@@ -20,10 +20,33 @@ struct LastPending {
 };
 thread_local LastPending lastPending;
 
+// Copies into the string already there, so that storing a name of no more than the old one's
+// length allocates nothing.
+void assignKeepingBuffer(std::optional<std::string>& to, const std::optional<std::string>& from) {
+    if (to && from) {
+        to->assign(*from);
+    } else {
+        to = from;
+    }
+}
+
 }  // namespace
 
 std::string QelDNSPendingLookup::cacheKey(const std::optional<std::string>& domain, int64_t type) {
-    return QelDNSNullable::text(domain) + (type == 1 ? "_v4" : "_v6");
+    std::string key;
+    writeCacheKey(domain, type, key);
+    return key;
+}
+
+// In place: a thread's key keeps its buffer from one lookup to the next.
+void QelDNSPendingLookup::writeCacheKey(const std::optional<std::string>& domain, int64_t type,
+                                        std::string& key) {
+    if (domain) {
+        key.assign(*domain);
+    } else {
+        key = QelDNSNullable::text(domain);
+    }
+    key.append(type == 1 ? "_v4" : "_v6");
 }
 
 // The type is exchanged in one step, so concurrent lookups each take a type that some lookup
@@ -34,12 +57,11 @@ const std::string& QelDNSPendingLookup::store(const std::optional<std::string>& 
     int64_t previousType = type;
     if (last.version != version_.load(std::memory_order_acquire) || last.type != type ||
         last.domain != domain) {
-        std::optional<std::string> pendingDomain = domain;
         {
             Lock lock(mutex_);
             previousType = type_.exchange(type, std::memory_order_acq_rel);
             const bool domainChanged = domain_ != domain;
-            if (domainChanged) domain_.swap(pendingDomain);
+            if (domainChanged) assignKeepingBuffer(domain_, domain);
             if (domainChanged || previousType != type) {
                 version_.store(version_.load(std::memory_order_relaxed) + 1,
                                std::memory_order_release);
@@ -48,12 +70,12 @@ const std::string& QelDNSPendingLookup::store(const std::optional<std::string>& 
         }
         if (last.type != type || last.domain != domain || last.key.empty()) {
             last.type = type;
-            last.domain = domain;
-            last.key = cacheKey(domain, type);
+            assignKeepingBuffer(last.domain, domain);
+            writeCacheKey(domain, type, last.key);
         }
     }
     if (previousType == type) return last.key;
-    last.ownKey = cacheKey(domain, previousType);
+    writeCacheKey(domain, previousType, last.ownKey);
     return last.ownKey;
 }
 

@@ -32,6 +32,8 @@ public:
 
     /// `domain` ("(null)" when absent) followed by the suffix of `type`.
     static std::string cacheKey(const std::optional<std::string>& domain, int64_t type);
+    static void writeCacheKey(const std::optional<std::string>& domain, int64_t type,
+                              std::string& key);
 
 private:
     std::atomic<int64_t> type_{0};

@@ -128,17 +128,12 @@ void QelHttpDnsCenterManager::sendResolve(const std::optional<std::string>& node
 std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readCached(const std::string& key,
                                                                             bool& fromStore,
                                                                             int64_t* left) {
-    std::optional<std::vector<std::string>> addresses;
-    if (!cacheIP()) return addresses;
-    QelDNSCacheManager::shared().readIPsWithDomain(
-        key, expiredIP(),
-        [&addresses, left](const QelDNSIPModelListRef& cached) {
-            // A stored record may lack its address: a hit with none left is a miss.
-            if (auto ips = filterIPs(*cached); !ips.empty()) addresses = std::move(ips);
-            if (left) *left = secondsLeft(*cached);
-        },
-        &fromStore);
-    return addresses;
+    if (!cacheIP()) return std::nullopt;
+    QelDNSCacheManager::Addresses cached;
+    if (!QelDNSCacheManager::shared().readAddresses(key, expiredIP(), cached)) return std::nullopt;
+    fromStore = cached.fromStore;
+    if (left) *left = cached.secondsLeft;
+    return std::move(cached.ips);
 }
 
 bool QelHttpDnsCenterManager::answerFromCache(const std::string& key, Completion& completion,
@@ -146,9 +141,7 @@ bool QelHttpDnsCenterManager::answerFromCache(const std::string& key, Completion
     using CacheRead = QelDNSLookupListener::CacheRead;
     bool fromStore = false;
     int64_t left = 0;
-    // The lifetime is worked out only for a lookup someone follows.
-    std::optional<std::vector<std::string>> addresses =
-        lookup ? readCached(key, fromStore, &left) : readCached(key, fromStore);
+    std::optional<std::vector<std::string>> addresses = readCached(key, fromStore, &left);
     if (!addresses) {
         QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
         return false;

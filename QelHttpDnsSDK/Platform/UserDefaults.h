@@ -7,6 +7,7 @@
 // implementation says how that is reported.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,6 +31,15 @@ public:
     virtual void remove(const std::string& key) = 0;
     /// Every key at the moment of the call, in ascending byte order.
     virtual std::vector<std::string> allKeys() = 0;
+
+    /// Told of changes: a key set or removed through this store (called on the writing thread,
+    /// after the change, without the store's lock), or nullptr when another connection to the
+    /// same file may have changed anything. One observer; a later call replaces it.
+    using ChangeObserver = std::function<void(const std::string* key)>;
+    virtual void setChangeObserver(ChangeObserver observer) { (void)observer; }
+    /// Looks for changes made through another connection, at most once per check interval
+    /// (cheap otherwise), and tells the observer when there were any.
+    virtual void noticeExternalChanges() {}
 
     /// The process-wide store, opened on first use at `standardPath()` (in memory when that
     /// is absent) and never destroyed. Callable from any thread.

@@ -4,7 +4,7 @@
 
 namespace qel::platform {
 
-/// The real wall clock (`std::chrono::system_clock`).
+/// The real wall clock (CLOCK_REALTIME_COARSE: it lags by at most a kernel tick).
 class SystemClock final : public Clock {
 public:
     double now() const override;

@@ -1,0 +1,103 @@
+#include "QelHttpDnsSDK/Manager/QelDNSCachedList.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+static_assert(sizeof(QelDNSCachedList) % alignof(double) == 0, "records follow the header");
+
+void QelDNSCachedList::Ref::retain() const {
+    if (list_) list_->owners_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void QelDNSCachedList::Ref::release() {
+    if (!list_ || list_->owners_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    list_->~QelDNSCachedList();
+    ::operator delete(list_);
+    list_ = nullptr;
+}
+
+QelDNSCachedList::Ref QelDNSCachedList::make(const QelDNSIPModelList& records) {
+    // Sizes first: one allocation for the header, the records and every text.
+    size_t count = 0, textBytes = 0;
+    const std::optional<std::string>* previousDomain = nullptr;
+    for (const auto& record : records) {
+        if (!record) continue;
+        ++count;
+        if (record->ip()) textBytes += sizeof(uint32_t) + record->ip()->size();
+        const auto& domain = record->domain();
+        if (domain && !(previousDomain && *previousDomain == domain)) {
+            textBytes += sizeof(uint32_t) + domain->size();
+        }
+        previousDomain = &domain;
+    }
+    if (count > kAbsent / 2 || textBytes >= kAbsent) throw std::length_error("cached list");
+    void* memory = ::operator new(sizeof(QelDNSCachedList) + count * sizeof(Record) + textBytes);
+    auto* list = new (memory) QelDNSCachedList(static_cast<uint32_t>(count));
+    char* const texts = const_cast<char*>(list->texts());
+    uint32_t used = 0;
+    const auto put = [&](const std::string& text) {
+        const auto length = static_cast<uint32_t>(text.size());
+        std::memcpy(texts + used, &length, sizeof length);
+        std::memcpy(texts + used + sizeof length, text.data(), text.size());
+        const uint32_t offset = used;
+        used += static_cast<uint32_t>(sizeof length + text.size());
+        return offset;
+    };
+    Record* out = list->recordsBegin();
+    previousDomain = nullptr;
+    uint32_t previousOffset = kAbsent;
+    for (const auto& record : records) {
+        if (!record) continue;
+        const auto& domain = record->domain();
+        uint32_t domainOffset = kAbsent;
+        if (domain) {
+            const bool same = previousDomain && *previousDomain == domain;
+            domainOffset = same ? previousOffset : put(*domain);
+        }
+        previousDomain = &domain;
+        previousOffset = domainOffset;
+        const uint32_t ipOffset = record->ip() ? put(*record->ip()) : kAbsent;
+        new (out++) Record{record->lookupTime(), record->ttl(), record->type(), domainOffset,
+                           ipOffset};
+    }
+    return Ref(list);
+}
+
+std::string_view QelDNSCachedList::text(uint32_t offset) const {
+    uint32_t length;
+    std::memcpy(&length, texts() + offset, sizeof length);
+    return {texts() + offset + sizeof length, length};
+}
+
+QelDNSIPModelListRef QelDNSCachedList::records() const {
+    QelDNSIPModelList made;
+    made.reserve(count_);
+    for (const Record* r = recordsBegin(); r != recordsBegin() + count_; ++r) {
+        auto record = std::make_shared<QelDNSIPModel>();
+        record->setLookupTime(r->lookupTime);
+        record->setTtl(r->ttl);
+        record->setType(r->type);
+        if (r->domain != kAbsent) record->setDomain(std::string(text(r->domain)));
+        if (r->ip != kAbsent) record->setIp(std::string(text(r->ip)));
+        made.push_back(std::move(record));
+    }
+    return std::make_shared<const QelDNSIPModelList>(std::move(made));
+}
+
+int64_t QelDNSCachedList::appendAddresses(double now, bool expired,
+                                          std::vector<std::string>& out) const {
+    double shortest = std::numeric_limits<double>::infinity();
+    bool any = false;
+    for (const Record* r = recordsBegin(); r != recordsBegin() + count_; ++r) {
+        const double end = static_cast<double>(r->ttl) + r->lookupTime;
+        if (!expired && !(end > now)) continue;
+        any = true;
+        shortest = std::min(shortest, std::max(end - now, 0.0));
+        if (r->ip != kAbsent) out.emplace_back(text(r->ip));
+    }
+    if (!any) return -1;
+    return static_cast<int64_t>(std::ceil(std::min(shortest, 0x1p62)));
+}
