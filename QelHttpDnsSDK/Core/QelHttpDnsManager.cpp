@@ -273,7 +273,7 @@ bool QelHttpDnsManager::lookUp(const std::optional<std::string>& domain, int64_t
 }
 
 bool QelHttpDnsManager::isDegraded(const std::optional<std::string>& domain) const {
-    if (!domain) return false;
+    if (!domain || !hasDegradeHosts_.load(std::memory_order_acquire)) return false;
     Lock lock(mutex_);
     return degradeHosts_ &&
            std::find(degradeHosts_->begin(), degradeHosts_->end(), *domain) != degradeHosts_->end();
@@ -316,25 +316,14 @@ bool QelHttpDnsManager::checkNetworkAvailable() {
     return QelHttpDnsCenterManager::shared().checkNetworkAvailable();
 }
 
+// No memo of names found valid: the check costs less than comparing and copying the name (a
+// memo of one name made a hit on one name 1.26x faster and a random hit over 4096 names 1.15x
+// slower: bench/public_manager_bench).
 bool QelHttpDnsManager::checkDomainIsValid(const std::optional<std::string>& domain) const {
-    // The answer depends on the text alone, and the address parse and the pattern match cost
-    // more than all the rest of a cache hit; applications ask for a few names again and
-    // again, so each thread remembers the last few names it found valid. Without it a hit on
-    // one name costs 2.0x (bench/public_manager_bench, BM_Hit_getIPV4ByDomain); over 64 or
-    // 4096 names, where it never hits, it costs 5%.
-    struct RecentNames {
-        std::array<std::string, 4> names;  // "" for a free slot: never valid
-        size_t next = 0;
-    };
-    thread_local RecentNames recent;
-    if (domain && !domain->empty() &&
-        std::find(recent.names.begin(), recent.names.end(), *domain) != recent.names.end()) {
-        return true;
-    }
-    if (QelDNSUntil::isIP(domain) || !QelDNSUntil::isDomain(domain)) return false;
-    recent.names[recent.next] = *domain;
-    recent.next = (recent.next + 1) % recent.names.size();
-    return true;
+    if (!QelDNSUntil::isDomain(domain)) return false;
+    // A host name can be an address only as a dotted quad: IPv6 text has colons.
+    const bool digitsAndDots = domain->find_first_not_of("0123456789.") == std::string::npos;
+    return !(digitsAndDots && QelDNSUntil::isIP(domain));
 }
 
 std::optional<std::vector<std::string>> QelHttpDnsManager::degradeHosts() const {
@@ -345,6 +334,7 @@ std::optional<std::vector<std::string>> QelHttpDnsManager::degradeHosts() const 
 void QelHttpDnsManager::setDegradeHosts(std::optional<std::vector<std::string>> degradeHosts) {
     Lock lock(mutex_);
     degradeHosts_.swap(degradeHosts);
+    hasDegradeHosts_.store(degradeHosts_ && !degradeHosts_->empty(), std::memory_order_release);
 }
 
 double QelHttpDnsManager::timeout() const { return QelDNSRequest::timeout(); }

@@ -144,6 +144,9 @@ private:
 
     mutable std::mutex mutex_;
     std::optional<std::vector<std::string>> degradeHosts_;                 // guarded by mutex_
+    // Whether degradeHosts_ names any host: a lookup then takes no lock. A random hit over
+    // 4096 names costs 1.05x without it (bench/public_manager_bench).
+    std::atomic<bool> hasDegradeHosts_{false};
     std::optional<std::string> authId_;                                    // guarded by mutex_
     std::optional<std::string> authSecret_;                                // guarded by mutex_
     std::optional<std::vector<QelDNSPreResolveModel>> preResolveDomians_;  // guarded by mutex_
