@@ -131,3 +131,28 @@ TEST_F(CacheManagerTest, AKeptListGivesBackEveryFieldOfItsRecords) {
     EXPECT_EQ(alive.ips, (Strings{"10.0.0.1", "x"}));
     EXPECT_EQ(alive.secondsLeft, 59);
 }
+
+// Past the bound the hand evicts the first unread name from the oldest on, clearing read marks
+// on its way; names read since survive a pass.
+TEST_F(CacheManagerTest, PastTheBoundTheFirstUnreadNameFromTheHandGoes) {
+    cache().setMaxLists(3);
+    const auto put = [](const char* name) { cache().saveIPs(list({record("10.0.0.1", 600, 1000)}), name, false); };
+    const auto kept = [] {
+        Strings keys;
+        for (const auto& [key, records] : cache().dict()) keys.push_back(key);
+        std::sort(keys.begin(), keys.end());
+        return keys;
+    };
+    for (const char* name : {"a", "b", "c"}) put(name);
+    cache().getIPsWithDomain("a", false);
+    put("d");
+    EXPECT_EQ(kept(), (Strings{"a", "c", "d"}));
+    put("e");
+    EXPECT_EQ(kept(), (Strings{"a", "d", "e"}));
+    cache().getIPsWithDomain("d", false);
+    put("f");
+    EXPECT_EQ(kept(), (Strings{"a", "d", "f"}));
+    cache().setMaxLists(1);
+    EXPECT_EQ(kept().size(), 1u);
+    cache().setMaxLists(0);
+}

@@ -33,6 +33,7 @@ struct LastMemoryHit {
     uint64_t generation = 0;  // none: generations start at 1
     std::string domain;
     QelDNSCachedList::Ref list;
+    const QelDNSBoundedLists::Slot* slot = nullptr;
 };
 thread_local LastMemoryHit lastMemoryHit;
 
@@ -53,7 +54,10 @@ QelDNSCacheManager::Dict QelDNSCacheManager::dict() const {
     std::vector<std::pair<std::string, List>> lists;
     {
         qel::platform::MutexLock lock(mutex_);
-        lists.assign(lists_.begin(), lists_.end());
+        lists.reserve(lists_.size());
+        lists_.forEach([&lists](const std::string& key, const List& list) {
+            lists.emplace_back(key, list);
+        });
     }
     Dict dict;
     for (const auto& [key, list] : lists) dict.emplace(key, list->records());
@@ -61,14 +65,23 @@ QelDNSCacheManager::Dict QelDNSCacheManager::dict() const {
 }
 
 void QelDNSCacheManager::setDict(const Dict& dict) {
-    std::unordered_map<std::string, List> lists;  // made, and the replaced ones freed, unlocked
+    std::vector<std::pair<std::string, List>> lists;  // made, and the replaced ones freed, unlocked
     lists.reserve(dict.size());
     for (const auto& [key, records] : dict) {
-        lists.emplace(key, QelDNSCachedList::make(records ? *records : QelDNSIPModelList()));
+        lists.emplace_back(key, QelDNSCachedList::make(records ? *records : QelDNSIPModelList()));
     }
+    std::vector<List> dropped;
     qel::platform::MutexLock lock(mutex_);
-    lists.swap(lists_);
+    dropped = lists_.clear();
+    for (auto& [key, list] : lists) lists_.put(key, std::move(list), dropped);
     renewLocked();
+}
+
+void QelDNSCacheManager::setMaxLists(size_t maxLists) {
+    std::vector<List> evicted;
+    qel::platform::MutexLock lock(mutex_);
+    lists_.setMaxSize(maxLists, evicted);
+    if (!evicted.empty()) renewLocked();
 }
 
 void QelDNSCacheManager::renewLocked() {
@@ -78,10 +91,10 @@ void QelDNSCacheManager::renewLocked() {
 void QelDNSCacheManager::saveIPs(QelDNSIPModelListRef ips, const std::string& domain,
                                  bool cacheToDisk) {
     List list = QelDNSCachedList::make(ips ? *ips : QelDNSIPModelList());
+    std::vector<List> evicted;  // these and the replaced list are freed outside the lock
     {
         qel::platform::MutexLock lock(mutex_);
-        List& slot = lists_[domain];
-        std::swap(slot, list);  // the replaced list is freed outside the lock
+        list = lists_.put(domain, std::move(list), evicted);
         renewLocked();
     }
     if (cacheToDisk && ips) saveCaches(*ips, domain);
@@ -129,14 +142,19 @@ const QelDNSCachedList* QelDNSCacheManager::find(const std::string& domain, bool
                                                  List& holder) const {
     LastMemoryHit& last = lastMemoryHit;
     if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
+        last.slot->markVisited();  // the slot lives while the generation is unchanged
         return last.list.get();
     }
     List list;
     uint64_t generation;
+    const QelDNSBoundedLists::Slot* slot;
     {
         qel::platform::MutexLock lock(mutex_);
-        const auto found = lists_.find(domain);
-        if (found != lists_.end()) list = found->second;
+        slot = lists_.find(domain);
+        if (slot) {
+            list = slot->list();
+            slot->markVisited();
+        }
         generation = generation_.load(std::memory_order_relaxed);
     }
     if (!list || list->empty()) {
@@ -148,6 +166,7 @@ const QelDNSCachedList* QelDNSCacheManager::find(const std::string& domain, bool
     last.generation = generation;
     last.domain = domain;
     last.list = std::move(list);
+    last.slot = slot;
     return last.list.get();
 }
 
@@ -223,12 +242,8 @@ void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {
     List removed;
     {
         qel::platform::MutexLock lock(mutex_);
-        const auto found = lists_.find(domain);
-        if (found != lists_.end()) {
-            removed = std::move(found->second);
-            lists_.erase(found);
-            renewLocked();
-        }
+        removed = lists_.remove(domain);
+        if (removed) renewLocked();
     }
     UserDefaults::standard().remove(domain);
 }

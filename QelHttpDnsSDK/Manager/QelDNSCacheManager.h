@@ -30,6 +30,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "QelHttpDnsSDK/Manager/QelDNSBoundedLists.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCachedList.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Platform/Data.h"
@@ -59,6 +60,10 @@ public:
     /// A snapshot of the memory cache (records made from the kept lists) / replaces it.
     Dict dict() const;
     void setDict(const Dict& dict);
+
+    /// The most names kept in memory (0, the default: no bound). Past it a name is evicted
+    /// (see QelDNSBoundedLists); its entry in the store stays.
+    void setMaxLists(size_t maxLists);
 
     /// Keeps `ips` in memory under `domain`, replacing any earlier list; with `cacheToDisk`
     /// also archives it into the store (which writes it to disk later, see `UserDefaults`).
@@ -124,7 +129,7 @@ private:
     void renewLocked() QEL_REQUIRES(mutex_);
 
     mutable qel::platform::Mutex mutex_;
-    std::unordered_map<std::string, List> lists_ QEL_GUARDED_BY(mutex_);
+    QelDNSBoundedLists lists_ QEL_GUARDED_BY(mutex_);
     // What the store holds, decoded (a null list: nothing). Any change of the store through
     // this process renews storedVersion_, so a read that raced a write is not remembered.
     mutable std::unordered_map<std::string, List> stored_ QEL_GUARDED_BY(mutex_);
