@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Extras/QelDNSBlockingLookup.h"
+#include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
 #include "QelHttpDnsSDK/Extras/QelDNSNodeHealth.h"
 #include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
@@ -30,6 +31,7 @@
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CallRecorder.h"
 #include "support/CapturingConsole.h"
+#include "support/FakeClock.h"
 #include "support/FakeReachability.h"
 #include "support/SdkAccount.h"
 #include "support/ScratchDirectory.h"
@@ -793,3 +795,44 @@ TEST_F(PublicManager, BlockingLookupBeforeTheFirstLoginReplyWaitsForItWithinTheD
 }
 
 }  // namespace
+
+// Stale answers while one request renews them, until too old; answers kept per network.
+TEST_F(PublicManager, TheCacheProfileGivesStaleAnswersWhileRenewingAndKeepsAnswersPerNetwork) {
+    qel::test::FakeClock clock(qel::platform::Clock::currentTime());
+    const double start = clock.now();
+    service.setAddresses("a.test", {"192.0.2.1"}, 60);
+    dns().enableCacheIP(true);
+    QelDNSCacheProfile::enable({0, 0, 30, true});
+    network.setNetwork("wlan0 via 10.0.0.1");
+    login();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(ask("a.test").trace.source, Source::Service);  // then keyed "_v4"
+    struct Step {
+        double at;
+        const char* network;
+        std::vector<ResolutionService::Behaviour> resolves;
+        Source source;
+        const char* ip;
+        size_t resolved;  // requests the service has had once the step settles
+    } steps[] = {
+        {70, "wlan0 via 10.0.0.1", {ResolutionService::status(500)}, Source::Memory, "192.0.2.1", 3},  // stale, renewal fails
+        {70.5, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 3},  // paused after the failure
+        {72, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 4},    // renewed: .2 from now on
+        {73, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 4},
+        {74, "eth0 via 10.1.0.1", {}, Source::Service, "192.0.2.2", 5},  // another network: its own entry
+        {75, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 5},  // and back
+        {200, "wlan0 via 10.0.0.1", {}, Source::Service, "192.0.2.3", 6},  // too stale: asked again
+    };
+    int step = 0;
+    for (const Step& s : steps) {
+        SCOPED_TRACE(step++);
+        clock.set(start + s.at);
+        network.setNetwork(s.network);
+        service.scriptResolves(s.resolves);
+        service.setAddresses("a.test", {step < 7 ? "192.0.2.2" : "192.0.2.3"}, 60);
+        const Answer answer = ask("a.test");
+        EXPECT_EQ(answer.trace.source, s.source);
+        EXPECT_EQ(answer.ips, Strings{s.ip});
+        EXPECT_TRUE(eventually([&] { return service.resolvedHosts().size() == s.resolved; }));
+    }
+    QelDNSCacheProfile::disable();
+}

@@ -1,6 +1,7 @@
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
@@ -129,11 +130,14 @@ bool QelDNSCacheManager::readAddresses(const std::string& domain, bool expired,
     if (!list) return false;
     std::vector<std::string> ips;
     ips.reserve(list->size());
-    const int64_t left = list->appendAddresses(qel::platform::Clock::currentTime(), expired, ips);
+    const double now = qel::platform::Clock::currentTime();
+    const double end = list->appendAddresses(now, expired, ips);
     // A stored record may lack its address: a list with none left is no answer.
     if (ips.empty()) return false;
     out.ips = std::move(ips);
-    out.secondsLeft = left;
+    out.expiresAt = end;
+    // Rounded up: an answer just received shows the TTL the service gave.
+    out.secondsLeft = end > now ? static_cast<int64_t>(std::ceil(std::min(end - now, 0x1p62))) : 0;
     out.fromStore = fromStore;
     return true;
 }

@@ -45,6 +45,7 @@ public:
     struct Addresses {
         std::vector<std::string> ips;  // in the order of the records
         int64_t secondsLeft = 0;       // the shortest remaining lifetime, rounded up
+        double expiresAt = 0;          // when the first of the records expires(d)
         bool fromStore = false;        // read from the store, not from memory
     };
 

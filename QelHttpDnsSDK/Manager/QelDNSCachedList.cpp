@@ -1,6 +1,5 @@
 #include "QelHttpDnsSDK/Manager/QelDNSCachedList.h"
 
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -87,17 +86,14 @@ QelDNSIPModelListRef QelDNSCachedList::records() const {
     return std::make_shared<const QelDNSIPModelList>(std::move(made));
 }
 
-int64_t QelDNSCachedList::appendAddresses(double now, bool expired,
-                                          std::vector<std::string>& out) const {
-    double shortest = std::numeric_limits<double>::infinity();
-    bool any = false;
+double QelDNSCachedList::appendAddresses(double now, bool expired,
+                                         std::vector<std::string>& out) const {
+    double earliest = std::numeric_limits<double>::quiet_NaN();
     for (const Record* r = recordsBegin(); r != recordsBegin() + count_; ++r) {
         const double end = static_cast<double>(r->ttl) + r->lookupTime;
         if (!expired && !(end > now)) continue;
-        any = true;
-        shortest = std::min(shortest, std::max(end - now, 0.0));
+        if (!(end >= earliest)) earliest = end;  // the first one, then any earlier
         if (r->ip != kAbsent) out.emplace_back(text(r->ip));
     }
-    if (!any) return -1;
-    return static_cast<int64_t>(std::ceil(std::min(shortest, 0x1p62)));
+    return earliest;
 }

@@ -52,10 +52,9 @@ public:
     /// from, the lookup time included.
     QelDNSIPModelListRef records() const;
     /// Appends the address of each record alive at `now` (every record with `expired`) to
-    /// `out` and returns the shortest remaining lifetime among those records in whole seconds
-    /// rounded up (0 when expired), or -1 when there is no such record. A record is alive while
-    /// lookupTime + ttl is strictly later than `now`.
-    int64_t appendAddresses(double now, bool expired, std::vector<std::string>& out) const;
+    /// `out` and returns the earliest end (lookupTime + ttl) among those records, NaN when
+    /// there is no such record. A record is alive while its end is strictly later than `now`.
+    double appendAddresses(double now, bool expired, std::vector<std::string>& out) const;
 
     QelDNSCachedList(const QelDNSCachedList&) = delete;
     QelDNSCachedList& operator=(const QelDNSCachedList&) = delete;

@@ -15,6 +15,7 @@
 #include "QelHttpDnsSDK/Other/QelDNSNullable.h"
 #include "QelHttpDnsSDK/Other/QelDNSUntil.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
+#include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Reachability/QelDNSNetworkManager.h"
 
 namespace {
@@ -130,7 +131,11 @@ std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readCached(cons
                                                                             int64_t* left) {
     if (!cacheIP()) return std::nullopt;
     QelDNSCacheManager::Addresses cached;
-    if (!QelDNSCacheManager::shared().readAddresses(key, expiredIP(), cached)) return std::nullopt;
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    if (!(answersPerNetwork() ? cache.readAddresses(placedKey(key), expiredIP(), cached)
+                              : cache.readAddresses(key, expiredIP(), cached))) {
+        return std::nullopt;
+    }
     fromStore = cached.fromStore;
     if (left) *left = cached.secondsLeft;
     return std::move(cached.ips);
@@ -142,7 +147,7 @@ bool QelHttpDnsCenterManager::answerFromCache(const std::string& key, Completion
     bool fromStore = false;
     int64_t left = 0;
     std::optional<std::vector<std::string>> addresses = readCached(key, fromStore, &left);
-    if (!addresses) {
+    if (!addresses && !(addresses = readStale(key, fromStore))) {
         QelDNSLookupEvents::cacheRead(lookup, key, CacheRead::Miss);
         return false;
     }
@@ -165,7 +170,40 @@ int64_t QelHttpDnsCenterManager::secondsLeft(const QelDNSIPModelList& records) {
 }
 
 void QelHttpDnsCenterManager::storeAnswer(QelDNSIPModelListRef records, const std::string& key) {
-    QelDNSCacheManager::shared().saveIPs(std::move(records), key, cacheIP());
+    QelDNSCacheManager::shared().saveIPs(std::move(records), placedKey(key), cacheIP());
+}
+
+std::string QelHttpDnsCenterManager::placedKey(const std::string& key) const {
+    if (!answersPerNetwork()) return key;
+    const std::string network = qel::platform::ReachabilitySourceFactory::networkIdentity();
+    return network.empty() ? key : key + "@" + network;
+}
+
+std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readStale(const std::string& key,
+                                                                           bool& fromStore) {
+    const double maxStale = maxStale_.load(std::memory_order_acquire);
+    if (!(maxStale > 0) || !cacheIP()) return std::nullopt;
+    const std::string placed = placedKey(key);
+    QelDNSCacheManager::Addresses cached;
+    if (!QelDNSCacheManager::shared().readAddresses(placed, true, cached)) return std::nullopt;
+    const double now = qel::platform::Clock::currentTime();
+    if (!(now - cached.expiresAt <= maxStale)) return std::nullopt;
+    if (staleRefresh_.begin(placed, now)) refreshStale(key, placed);
+    fromStore = cached.fromStore;
+    return std::move(cached.ips);
+}
+
+// The key's own name and family are asked for (its suffix), and the answer kept where the stale
+// one was read, even when the network changes meanwhile.
+void QelHttpDnsCenterManager::refreshStale(const std::string& key, const std::string& placed) {
+    const bool v4 = key.size() > 3 && key.compare(key.size() - 3, 3, "_v4") == 0;
+    const std::string domain = key.substr(0, key.size() >= 3 ? key.size() - 3 : 0);
+    sendResolve(resolveUrl(), domain, v4 ? 1 : 2,
+                [this, placed](std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+                    if (!error) QelDNSCacheManager::shared().saveIPs(records, placed, cacheIP());
+                    staleRefresh_.end(placed, error.has_value(),
+                                      qel::platform::Clock::currentTime());
+                });
 }
 
 void QelHttpDnsCenterManager::handleAttempt(int32_t count, const RecordsCompletion& completion,
@@ -209,7 +247,7 @@ void QelHttpDnsCenterManager::networkStatusChanged() {
     int64_t type;
     pending_.read(domain, type);
     if (type == 0 || !domain || domain->empty()) return;
-    std::string key = QelDNSPendingLookup::cacheKey(domain, type);
+    std::string key = placedKey(QelDNSPendingLookup::cacheKey(domain, type));
     QelDNSCacheManager::shared().clearCacheForDomain(key);
     requestIPsWithRetryCount(0, [this, key = std::move(key)](std::optional<QelDNSError> error,
                                                              QelDNSIPModelListRef records) {

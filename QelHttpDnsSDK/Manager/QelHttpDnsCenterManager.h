@@ -22,6 +22,7 @@
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
 #include "QelHttpDnsSDK/Manager/QelDNSPendingLookup.h"
+#include "QelHttpDnsSDK/Manager/QelDNSStaleRefresh.h"
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 #include "QelHttpDnsSDK/Other/QelDNSError.h"
 #include "QelHttpDnsSDK/Other/QelDNSLookupEvents.h"
@@ -109,6 +110,18 @@ public:
     void setCacheIP(bool cacheIP) { cacheIP_.store(cacheIP, std::memory_order_release); }
     bool expiredIP() const { return expiredIP_.load(std::memory_order_acquire); }
     void setExpiredIP(bool expiredIP) { expiredIP_.store(expiredIP, std::memory_order_release); }
+    /// An answer expired at most `seconds` ago (0, the default: none) is given at once when
+    /// there is no live one, and one request per key renews it in the background (its own
+    /// name and family); a failed renewal leaves it to be given until it is too old.
+    void setMaxStale(double seconds) { maxStale_.store(seconds, std::memory_order_release); }
+    /// With `perNetwork` (off by default) answers are read and kept under the cache key
+    /// followed by "@" and the network's name (ReachabilitySourceFactory::networkIdentity), so
+    /// that a move back to a network finds the answers given there.
+    void setAnswersPerNetwork(bool perNetwork) {
+        perNetwork_.store(perNetwork, std::memory_order_release);
+    }
+    bool answersPerNetwork() const { return perNetwork_.load(std::memory_order_acquire); }
+
     int32_t retryCountNum() const { return retryCountNum_.load(std::memory_order_acquire); }
     void setRetryCountNum(int32_t retryCountNum) {
         retryCountNum_.store(retryCountNum, std::memory_order_release);
@@ -134,11 +147,19 @@ private:
     void switchNode(int32_t count, const RecordsCompletion& completion,
                     const QelDNSLookupHandle& lookup);
     void networkStatusChanged();
+    // `key` as the cache holds it: followed by the network's name when answers are per network.
+    std::string placedKey(const std::string& key) const;
+    // An expired answer young enough to give (see setMaxStale), its renewal started.
+    std::optional<std::vector<std::string>> readStale(const std::string& key, bool& fromStore);
+    void refreshStale(const std::string& key, const std::string& placed);
 
     std::atomic<bool> serviceEnable_{false};
     std::atomic<bool> cacheIP_{false};
     std::atomic<bool> expiredIP_{false};
     std::atomic<int32_t> retryCountNum_{0};
+    std::atomic<double> maxStale_{0};
+    std::atomic<bool> perNetwork_{false};
+    QelDNSStaleRefresh staleRefresh_;
     QelDNSPendingLookup pending_;  // domain and type of the lookup made last
 
     mutable qel::platform::Mutex mutex_;

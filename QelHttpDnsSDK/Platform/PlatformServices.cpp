@@ -18,6 +18,7 @@
 #include "QelHttpDnsSDK/Platform/Linux/CurlHttpSession.h"
 #include "QelHttpDnsSDK/Platform/Linux/EventLoop.h"
 #include "QelHttpDnsSDK/Platform/Linux/NetlinkReachabilitySource.h"
+#include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/Linux/StandardErrorLog.h"
 #include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
@@ -130,6 +131,17 @@ std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithName(
     }
     return netlinkOrAssumedReachable(
         [&] { return NetlinkReachabilitySource::createWithName(hostName); });
+}
+
+std::string ReachabilitySourceFactory::networkIdentity() {
+    if (auto* factory = reachabilityOverride.load(std::memory_order_acquire)) {
+        return factory->identifyNetwork();
+    }
+    try {
+        return NetlinkRouteMonitor::shared().networkIdentity();
+    } catch (const std::exception&) {
+        return std::string();  // no monitoring: no name for the network
+    }
 }
 
 std::unique_ptr<ReachabilitySource> ReachabilitySourceFactory::createWithAddress(

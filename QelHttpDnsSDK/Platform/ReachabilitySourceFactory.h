@@ -22,9 +22,15 @@ public:
     /// internet as a whole); nullptr when none can be made.
     virtual std::unique_ptr<ReachabilitySource> makeWithAddress(const sockaddr* address) = 0;
 
+    /// The network the machine reaches the internet through now, as the platform names it
+    /// (on Linux the preferred default route's interface and gateway); "" when unknown.
+    virtual std::string identifyNetwork() { return std::string(); }
+
     /// Made by the factory in use. Callable from any thread.
     static std::unique_ptr<ReachabilitySource> createWithName(const std::string& hostName);
     static std::unique_ptr<ReachabilitySource> createWithAddress(const sockaddr* address);
+    /// `identifyNetwork` of the factory in use.
+    static std::string networkIdentity();
 };
 
 }  // namespace qel::platform

@@ -40,6 +40,16 @@ public:
         return static_cast<bool>(callback);
     }
 
+    /// The network later reads name.
+    void setNetwork(std::string network) {
+        Lock lock(mutex_);
+        network_ = std::move(network);
+    }
+    std::string identifyNetwork() override {
+        Lock lock(mutex_);
+        return network_;
+    }
+
     std::unique_ptr<platform::ReachabilitySource> makeWithName(const std::string&) override { return make(); }
     std::unique_ptr<platform::ReachabilitySource> makeWithAddress(const sockaddr*) override { return make(); }
 
@@ -71,6 +81,7 @@ private:
 
     std::mutex mutex_;
     uint32_t flags_;
+    std::string network_;
     bool scheduled_ = false;
     Callback callback_;
     platform::ScopedPlatformOverride scope_;

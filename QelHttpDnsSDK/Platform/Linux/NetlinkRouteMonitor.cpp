@@ -1,6 +1,7 @@
 #include "QelHttpDnsSDK/Platform/Linux/NetlinkRouteMonitor.h"
 
 // net/if.h before the kernel headers, which then leave its definitions alone.
+#include <arpa/inet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
@@ -379,6 +380,7 @@ NetlinkRouteMonitor::Link NetlinkRouteMonitor::makeLink(int index, unsigned flag
     link.usable = link.adminUp && (flags & IFF_RUNNING) != 0;
     link.loopback = (flags & IFF_LOOPBACK) != 0;
     link.cellular = isCellularInterface(name, kind, hardwareType, sysfsDeviceType(name, index));
+    link.name = name;
     return link;
 }
 
@@ -465,10 +467,11 @@ void NetlinkRouteMonitor::applyRoute(const nlmsghdr& message) {
     if (message.nlmsg_type == RTM_NEWROUTE) routes_.push_back(std::move(route));
 }
 
-uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
+uint32_t NetlinkRouteMonitor::computeInternetFlags(std::string& identity) const {
     bool found = false;
     std::tuple<uint32_t, bool> best{};  // (metric, is IPv6): lowest wins, IPv4 before IPv6
     bool bestCellular = false;
+    identity.clear();
     for (const Route& route : routes_) {
         for (int index : route.interfaces) {
             auto link = links_.find(index);
@@ -478,6 +481,7 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
                 found = true;
                 best = rank;
                 bestCellular = link->second.cellular;
+                identity = describeNetwork(link->second.name, route);
             }
         }
     }
@@ -487,12 +491,32 @@ uint32_t NetlinkRouteMonitor::computeInternetFlags() const {
 
 void NetlinkRouteMonitor::publish() {
     uint32_t flags = ReachabilityFlags::Reachable;
-    if (known_.load(std::memory_order_acquire)) {
+    {
         qel::platform::MutexLock lock(stateMutex_);
-        flags = computeInternetFlags();
+        if (known_.load(std::memory_order_acquire)) {
+            flags = computeInternetFlags(identity_);
+        } else {
+            identity_.clear();
+        }
     }
     internetFlags_.store(flags, std::memory_order_release);
     generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+std::string NetlinkRouteMonitor::networkIdentity() const {
+    qel::platform::MutexLock lock(stateMutex_);
+    return identity_;
+}
+
+// "<interface> via <gateway>", or the interface alone for a route without a gateway.
+std::string NetlinkRouteMonitor::describeNetwork(const std::string& interface, const Route& route) {
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool v4 = route.family == AF_INET && route.gateway.size() == 4;
+    const bool v6 = route.family == AF_INET6 && route.gateway.size() == 16;
+    if (!(v4 || v6) || !inet_ntop(route.family, route.gateway.data(), text, sizeof text)) {
+        return interface;
+    }
+    return interface + " via " + text;
 }
 
 void NetlinkRouteMonitor::addListener(std::weak_ptr<Listener> listener) {

@@ -71,6 +71,11 @@ public:
     /// modem. False when the kernel could not be asked.
     bool routeFlags(const sockaddr* address, uint32_t& flags);
 
+    /// The network the preferred default route (as for `internetFlags`) leads to, as
+    /// "<interface> via <gateway>" ("wlan0 via 192.168.1.1"), or the interface alone without a
+    /// gateway; "" while there is none or the routes are unknown. Takes a lock.
+    std::string networkIdentity() const;
+
     /// Adds a listener; expired ones are dropped on the way.
     void addListener(std::weak_ptr<Listener> listener);
 
@@ -88,6 +93,7 @@ private:
         bool adminUp = false;
         bool loopback = false;
         bool cellular = false;
+        std::string name;
     };
     // A route as rtnetlink describes it; the state keeps the default unicast ones.
     struct Route {
@@ -135,7 +141,9 @@ private:
     void applyRoute(const nlmsghdr& message);
     void publish();
     void notifyListeners();
-    uint32_t computeInternetFlags() const QEL_REQUIRES(stateMutex_);
+    // Also names the network of the preferred route in `identity` ("" when none).
+    uint32_t computeInternetFlags(std::string& identity) const QEL_REQUIRES(stateMutex_);
+    static std::string describeNetwork(const std::string& interface, const Route& route);
 
     EventLoop& loop_;
     int eventFd_ = -1;  // subscribed; loop thread only, once `start` posted to it
@@ -153,6 +161,7 @@ private:
     mutable qel::platform::Mutex stateMutex_;
     std::unordered_map<int, Link> links_ QEL_GUARDED_BY(stateMutex_);  // by interface index
     std::vector<Route> routes_ QEL_GUARDED_BY(stateMutex_);            // default unicast only
+    std::string identity_ QEL_GUARDED_BY(stateMutex_);                 // see networkIdentity
 
     std::atomic<bool> known_{false};
     std::atomic<uint32_t> internetFlags_{ReachabilityFlags::Reachable};

@@ -1,0 +1,13 @@
+#include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
+
+#include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
+#include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
+
+void QelDNSCacheProfile::enable(const QelDNSCacheOptions& options) {
+    QelDNSCacheManager::shared().setMaxLists(options.maxNames);
+    QelHttpDnsCenterManager& center = QelHttpDnsCenterManager::shared();
+    center.setMaxStale(options.maxStale > 0 ? options.maxStale : 0);
+    center.setAnswersPerNetwork(options.perNetwork);
+}
+
+void QelDNSCacheProfile::disable() { enable(QelDNSCacheOptions()); }
