@@ -69,8 +69,8 @@ std::unique_ptr<ReachabilitySource> watch(const std::string& address, Flags& rep
 
 // What a step expects once its command ran: the manager's status; the next status its change
 // block hears; that the block heard nothing more; the flags a source watching `target` reads
-// and, once it reported, last reported.
-enum class Expect { Status, Change, Quiet, Flags };
+// and, once it reported, last reported; the name of the network (`target`).
+enum class Expect { Status, Change, Quiet, Flags, Network };
 
 struct Step {
     std::string command;  // a shell command, background or foreground; empty for none
@@ -88,6 +88,7 @@ const std::vector<Step> kSteps = {
     // A worse default route through loopback, which never counts.
     {"ip link set lo up && ip route add default dev lo metric 10", Expect::Status, kWiFi},
     {"", Expect::Flags, kDirect | flags::IsLocalAddress, "198.51.100.1"},
+    {"", Expect::Network, 0, "v0 via 198.51.100.2"},
     {kDelDefault, Expect::Change, kNotReachable},
     {kAddDefault, Expect::Change, kWiFi},
     // Without carrier (v1 down) the route stays in the table but carries nothing.
@@ -97,6 +98,7 @@ const std::vector<Step> kSteps = {
     // Down, v0 lost its default route without notice: up, only its own prefix is reached.
     {"ip link set v0 up", Expect::Flags, kDirect, "198.51.100.2"},
     {"", Expect::Status, kNotReachable},
+    {"", Expect::Network, 0, ""},
     {kAddDefault, Expect::Change, kWiFi},
     // No change is heard in the background; in the foreground the next report is
     // compared with the status from before.
@@ -115,6 +117,8 @@ const std::vector<Step> kSteps = {
          waitUntilUp("wwan0"),
      Expect::Status, kWiFi},
     {"ip route del default", Expect::Change, QelDNSNetworkStatusWWAN},
+    {"", Expect::Network, 0, "wwan0"},
+    {"ip route add default via 198.51.100.3", Expect::Network, 0, "v0 via 198.51.100.3"},
 };
 
 class NetlinkReachability : public testing::Test {
@@ -167,6 +171,12 @@ TEST_F(NetlinkReachability, RoutesLinksAndTheirKindDecideTheStatusAndWhatEachTar
     for (const Step& step : kSteps) {
         SCOPED_TRACE(step.command + " " + step.target);
         ASSERT_TRUE(act(step.command));
+        if (step.expect == Expect::Network) {
+            EXPECT_TRUE(qel::test::eventually(
+                [&] { return qel::platform::ReachabilitySourceFactory::networkIdentity() == step.target; }))
+                << qel::platform::ReachabilitySourceFactory::networkIdentity();
+            continue;
+        }
         if (step.expect == Expect::Flags) {
             auto& [source, reports] = targets[step.target];
             if (!source) source = watch(step.target, reports);
