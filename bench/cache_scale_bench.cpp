@@ -1,14 +1,16 @@
-// The cache at scale, N = 1 000, 100 000 and 1 000 000 names of 40 characters with two IPv4
-// records each, against bare baselines measured in the same run:
+// The cache at scale, N = 1 000, 4 096, 100 000 and 1 000 000 names of 40 characters with two
+// IPv4 records each, against bare baselines measured in the same run:
 //   random hit of getIPV4ByDomain over N cached names   vs  a std::unordered_map find and copy
 //   filling the memory cache (saveIPs)                  vs  filling it and the store
 //   a hit found only in the store (every name after a restart)  vs  a memory hit
 //   heap bytes per cached name
+//   resident memory while 1 000 000 new names are read and saved with a bound of 100 000
 // The ratios are printed after the table.
 //
 //   build/release/bench/cache_scale_bench
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -37,7 +39,7 @@ using qel::bench::divide;
 using qel::bench::MedianReporter;
 using qel::bench::printRatio;
 
-constexpr int kSizes[] = {1000, 100000, 1000000};
+constexpr int kSizes[] = {1000, 4096, 100000, 1000000};
 constexpr int kStoreNames = 20000;  // the store part: SQLite writes are per name
 
 // 40 characters: "n0000042.scale-benchmark.example.test.x" and so on.
@@ -84,7 +86,7 @@ struct Fixture {
         dns.enableCacheIP(true);
         // Two IPv4 lookups first: from then on every IPv4 lookup's key ends in "_v4".
         for (int i = 0; i < 2; ++i) dns.getIPV4ByDomain(std::string("warm.test"), nullptr);
-        for (int i = 0; i < kSizes[2]; ++i) names.push_back(nameOf(i));
+        for (int i = 0; i < kSizes[3]; ++i) names.push_back(nameOf(i));
         std::mt19937 random(7);
         order.resize(1 << 16);
         for (int& index : order) index = static_cast<int>(random() & 0x7fffffff);
@@ -178,8 +180,8 @@ void BM_StoreHit(benchmark::State& state) {
     lookUpAtRandom(state, kStoreNames);
 }
 
-BENCHMARK(BM_Hit_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2]);
-BENCHMARK(BM_BareMap_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2]);
+BENCHMARK(BM_Hit_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->Arg(kSizes[3]);
+BENCHMARK(BM_BareMap_RandomOfN)->ArgName("names")->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->Arg(kSizes[3]);
 BENCHMARK(BM_Fill)->ArgName("store")->Arg(0)->Arg(1)->Iterations(1);
 BENCHMARK(BM_StoreHit)->ArgName("storeOnly")->Arg(0)->Arg(1);
 
@@ -194,6 +196,35 @@ double bytesPerName(int n) {
     for (int i = 0; i < n; ++i) cache.saveIPs(listOf(i), f.names[i] + "_v4", false);
     const size_t after = mallinfo2().uordblks;
     return double(after - before) / n;
+}
+
+size_t residentKiB() {
+    long pages = 0, resident = 0;
+    if (std::FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+        std::fclose(statm);
+    }
+    return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+// A miss's way through the cache for 1 000 000 names never seen before (a read that finds
+// nothing, then the answer saved in memory and the store), with at most 100 000 names kept.
+void printResidentWhileBounded() {
+    Fixture& f = fixture();
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    cache.setDict({});
+    f.filled = -1;
+    cache.setMaxLists(100000);
+    std::printf("resident memory, 1 000 000 new names, at most 100 000 kept:\n");
+    QelDNSCacheManager::Addresses found;
+    for (int i = 0; i < kSizes[3]; ++i) {
+        const std::string key = f.names[i] + "_v6";  // a key no other part of the run uses
+        if (cache.readAddresses(key, false, found)) std::printf("  unexpected hit\n");
+        cache.saveIPs(listOf(i), key, true);
+        if ((i + 1) % 100000 == 0) std::printf("  %7d names  %7zu KiB\n", i + 1, residentKiB());
+    }
+    cache.setMaxLists(0);
+    cache.setDict({});
 }
 
 void report(const MedianReporter& medians) {
@@ -220,6 +251,7 @@ void report(const MedianReporter& medians) {
                     ("memory per cached name, " + std::to_string(n) + " names:").c_str(),
                     bytesPerName(n));
     }
+    printResidentWhileBounded();
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
 #include "support/CapturingConsole.h"
+#include "support/Eventually.h"
 #include "support/FakeClock.h"
 #include "support/ScratchDirectory.h"
 
@@ -155,4 +157,18 @@ TEST_F(CacheManagerTest, PastTheBoundTheFirstUnreadNameFromTheHandGoes) {
     cache().setMaxLists(1);
     EXPECT_EQ(kept().size(), 1u);
     cache().setMaxLists(0);
+}
+
+// With a maximum age the store loses the entries whose every record expired longer ago, in
+// passes of a batch at a time; the application's keys and younger entries stay.
+TEST_F(CacheManagerTest, AMaximumAgeSweepsOldEntriesFromTheStore) {
+    store().setString("old_v4_setting", "app");
+    for (int i = 0; i < 150; ++i) {  // more than a batch: old ones on both sides of younger ones
+        const double lookupTime = i % 3 == 0 ? 1000 : i % 3 == 1 ? 900 : 950;  // alive, old, expired 5 s ago
+        cache().saveIPs(list({record("10.0.0.1", i % 3 == 2 ? 45 : 60, lookupTime)}), "n" + std::to_string(i) + "_v4", true);
+    }
+    QelDNSCacheProfile::enable({0, 10, 0, false});
+    EXPECT_TRUE(qel::test::eventually([] { return store().allKeys().size() == 101; })) << store().allKeys().size();
+    EXPECT_TRUE(store().data("n0_v4") && store().data("n2_v4") && !store().data("n1_v4") && store().string("old_v4_setting"));
+    QelDNSCacheProfile::disable();
 }

@@ -1,5 +1,6 @@
 #include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
 
+#include "QelHttpDnsSDK/Extras/QelDNSStoreSweeper.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Manager/QelHttpDnsCenterManager.h"
 
@@ -8,6 +9,7 @@ void QelDNSCacheProfile::enable(const QelDNSCacheOptions& options) {
     QelHttpDnsCenterManager& center = QelHttpDnsCenterManager::shared();
     center.setMaxStale(options.maxStale > 0 ? options.maxStale : 0);
     center.setAnswersPerNetwork(options.perNetwork);
+    QelDNSStoreSweeper::shared().start(options.maxAge > 0 ? options.maxAge : 0);
 }
 
 void QelDNSCacheProfile::disable() { enable(QelDNSCacheOptions()); }

@@ -4,6 +4,7 @@
 // load more than a direct call.
 #include "QelHttpDnsSDK/Platform/PlatformServices.h"
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -93,6 +94,14 @@ HttpSession& HttpSession::shared() {
 UserDefaults& UserDefaults::standard() {
     if (UserDefaults* store = defaultsOverride.load(std::memory_order_acquire)) return *store;
     return standardStore();
+}
+
+std::vector<std::string> UserDefaults::keysAfter(const std::string& after, size_t limit) {
+    std::vector<std::string> keys = allKeys();
+    const auto first = std::upper_bound(keys.begin(), keys.end(), after);
+    const auto last = first + static_cast<std::ptrdiff_t>(
+                                  std::min(limit, static_cast<size_t>(keys.end() - first)));
+    return std::vector<std::string>(first, last);
 }
 
 bool UserDefaults::setStandardPath(const std::string& path) {

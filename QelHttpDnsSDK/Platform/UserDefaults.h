@@ -31,6 +31,8 @@ public:
     virtual void remove(const std::string& key) = 0;
     /// Every key at the moment of the call, in ascending byte order.
     virtual std::vector<std::string> allKeys() = 0;
+    /// The first `limit` keys after `after` in ascending byte order: a store read in parts.
+    virtual std::vector<std::string> keysAfter(const std::string& after, size_t limit);
 
     /// Told of changes: a key set or removed through this store (called on the writing thread,
     /// after the change, without the store's lock), or nullptr when another connection to the
