@@ -250,6 +250,7 @@ void QelDNSCacheManager::clearCacheForDomain(const std::string& domain) {
         if (removed) renewLocked();
     }
     UserDefaults::standard().remove(domain);
+    forgetStored(&domain);  // also told by the store's observer, which another store may lack
 }
 
 void QelDNSCacheManager::clearAllCache() {
@@ -264,6 +265,7 @@ QelDNSIPModelListRef QelDNSCacheManager::getCacheWithDomain(const std::string& d
 void QelDNSCacheManager::saveCaches(const QelDNSIPModelList& ips, const std::string& domain) {
     if (std::optional<Data> data = archivedDataWithObjects(ips)) {
         UserDefaults::standard().setData(domain, *data);
+        forgetStored(&domain);
     }
 }
 
@@ -274,6 +276,7 @@ void QelDNSCacheManager::clearAllDiskCache() {
             store.remove(key);
         }
     }
+    forgetStored(nullptr);
 }
 
 std::optional<Data> QelDNSCacheManager::archivedDataWithObjects(
