@@ -13,6 +13,10 @@ namespace {
 // The waits before a batch that a lock kept out is tried again: the first, then doubling.
 constexpr std::chrono::milliseconds kFirstRetry{10};
 constexpr std::chrono::milliseconds kLastRetry{1000};
+// How long the writer keeps looking every kWriteDelay after its last batch before it sleeps
+// until woken: while writes come often, a write need not wake it (a futex call and a thread
+// switch on the answering path).
+constexpr std::chrono::seconds kLinger{1};
 
 }  // namespace
 
@@ -110,7 +114,7 @@ void WriteBehindUserDefaults::record(const std::string& key, std::optional<Value
             } catch (const std::system_error&) {
                 noThread = true;  // none to be had now: the next write tries again
             }
-        } else if (first || pending_.size() == kBatchSize) {
+        } else if ((first && idle_) || pending_.size() == kBatchSize) {
             wake_.notify_one();
         }
         observer = observer_;
@@ -162,9 +166,17 @@ bool WriteBehindUserDefaults::synchronize() {
 void WriteBehindUserDefaults::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     std::chrono::milliseconds retry{0};
+    auto lastBatch = std::chrono::steady_clock::now();
     while (!stopping_) {
         if (pending_.empty()) {
-            wake_.wait(lock);
+            const auto now = std::chrono::steady_clock::now();
+            if (now - lastBatch < kLinger) {
+                wake_.wait_until(lock, now + kWriteDelay);
+            } else {
+                idle_ = true;
+                wake_.wait(lock);
+                idle_ = false;
+            }
             continue;
         }
         const auto due = firstPending_ + kWriteDelay;
@@ -175,6 +187,7 @@ void WriteBehindUserDefaults::run() {
         lock.unlock();
         const Batch batch = writeBatch(UINT64_MAX);
         lock.lock();
+        lastBatch = std::chrono::steady_clock::now();
         if (batch != Batch::Locked) {
             retry = std::chrono::milliseconds(0);
             continue;

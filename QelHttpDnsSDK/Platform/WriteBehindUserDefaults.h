@@ -81,6 +81,7 @@ private:
     uint64_t sequence_ = 0;
     std::chrono::steady_clock::time_point firstPending_;
     bool stopping_ = false;
+    bool idle_ = false;   // the writer sleeps until a write wakes it
     std::thread writer_;  // started with the first write
     std::shared_ptr<const ChangeObserver> observer_;
 };

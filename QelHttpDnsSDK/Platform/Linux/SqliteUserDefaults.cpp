@@ -31,6 +31,10 @@ namespace {
 // a lookup that reads the store while the batch's connection is free.
 constexpr int kBusyTimeoutMillis = 100;
 
+// The log's size, in pages, from which a commit is followed by a checkpoint (SQLite's own
+// automatic checkpoint has the same mark).
+constexpr int kCheckpointPages = 1000;
+
 // How often `noticeExternalChanges` looks at the data version.
 constexpr double kExternalCheckSeconds = 0.1;
 
@@ -195,6 +199,10 @@ SqliteUserDefaults::SqliteUserDefaults(std::string path) : path_(std::move(path)
 }
 
 SqliteUserDefaults::~SqliteUserDefaults() {
+    {
+        MutexLock lock(checkpointMutex_);
+        sqlite3_close(checkpointDb_);
+    }
     qel::platform::MutexLock lock(mutex_);
     close();
 }
@@ -251,6 +259,17 @@ bool SqliteUserDefaults::open() {
         return failOpenLocked(sqlite3_errcode(db_));
     }
     if (!readDataVersionLocked(knownDataVersion_)) return failOpenLocked(sqlite3_errcode(db_));
+    // SQLite would checkpoint (and fsync) inside the commit that crosses the mark, holding
+    // this connection from readers for milliseconds; `checkpointIfDue` runs it on a connection
+    // of its own instead, after the commit, which a WAL reader does not wait for.
+    sqlite3_wal_hook(
+        db_,
+        [](void* store, sqlite3*, const char*, int pages) {
+            static_cast<SqliteUserDefaults*>(store)->logPages_.store(pages,
+                                                                     std::memory_order_relaxed);
+            return SQLITE_OK;
+        },
+        this);
     // A database in memory has no journal file to put in WAL mode.
     if (!inMemory && ::strcasecmp(journalMode.c_str(), "wal") != 0) {
         pendingReports_.push_back(prefix() + "journal mode is " + journalMode +
@@ -417,6 +436,7 @@ void SqliteUserDefaults::writeDirectly(const std::string& key, const Value* valu
         if (!readyLocked()) return;
         writeLocked(key, value, true);
     }
+    checkpointIfDue();
     notify(&key);
 }
 
@@ -433,6 +453,32 @@ void SqliteUserDefaults::setString(const std::string& key, const std::string& va
 void SqliteUserDefaults::remove(const std::string& key) { writeDirectly(key, nullptr); }
 
 bool SqliteUserDefaults::writeChanges(const std::vector<Change>& changes) {
+    const bool done = writeChangesOnce(changes);
+    checkpointIfDue();
+    return done;
+}
+
+void SqliteUserDefaults::checkpointIfDue() {
+    if (logPages_.load(std::memory_order_relaxed) < kCheckpointPages) return;
+    MutexLock lock(checkpointMutex_);
+    // A new connection knows the log once it has read the database.
+    if (!checkpointDb_ &&
+        (sqlite3_open_v2(path_.c_str(), &checkpointDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                         nullptr) != SQLITE_OK ||
+         sqlite3_exec(checkpointDb_, "PRAGMA schema_version", nullptr, nullptr, nullptr) !=
+             SQLITE_OK)) {
+        sqlite3_close(checkpointDb_);  // tried again after the next commit
+        checkpointDb_ = nullptr;
+        return;
+    }
+    // PASSIVE: copies what no reader still needs and waits for nobody.
+    if (sqlite3_wal_checkpoint_v2(checkpointDb_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                  nullptr) == SQLITE_OK) {
+        logPages_.store(0, std::memory_order_relaxed);
+    }
+}
+
+bool SqliteUserDefaults::writeChangesOnce(const std::vector<Change>& changes) {
     Session session(*this);
     if (!readyLocked()) return !retryOpen_;  // a store that cannot be used drops them
     if (changes.empty()) return true;

@@ -6,9 +6,10 @@
 // The database runs in WAL mode with synchronous=NORMAL: a commit is appended to the
 // write-ahead log with write(2) and not flushed to disk, so a commit costs no fsync, yet every
 // committed write survives a crash (even `kill -9`) of the process; only a crash of the whole
-// machine may lose the latest commits, never the file's consistency. SQLite's automatic
-// checkpoint still syncs, about once per 1000 pages written, on the thread whose commit
-// crosses that mark.
+// machine may lose the latest commits, never the file's consistency. The log is checkpointed
+// (and synced) once it holds 1000 pages, right after the commit that crossed the mark, on a
+// second connection: SQLite's own automatic checkpoint would run inside the commit, keeping
+// this connection from readers meanwhile.
 //
 // The standard store does not commit on the caller's thread: it is this store behind a
 // WriteBehindUserDefaults, which keeps each write in memory (readable at once) and commits it
@@ -121,6 +122,9 @@ private:
     // the value was dropped. A `direct` write waits for another connection's lock (above).
     int writeLocked(const std::string& key, const Value* value, bool direct) QEL_REQUIRES(mutex_);
     void writeDirectly(const std::string& key, const Value* value);
+    bool writeChangesOnce(const std::vector<Change>& changes);
+    // Checkpoints the log on a connection of its own once it holds kCheckpointPages pages.
+    void checkpointIfDue();
     bool readDataVersionLocked(int64_t& version) QEL_REQUIRES(mutex_);
     void notify(const std::string* key);
     void noteWrittenLocked() QEL_REQUIRES(mutex_);
@@ -143,6 +147,9 @@ private:
     int64_t knownDataVersion_ QEL_GUARDED_BY(mutex_) = 0;
     bool externalChange_ QEL_GUARDED_BY(mutex_) = false;  // reopened: anything may differ
     std::atomic<double> lastExternalCheck_{0};            // Clock::currentTime of the last look
+    std::atomic<int> logPages_{0};  // the log's size after this connection's last commit
+    qel::platform::Mutex checkpointMutex_;
+    sqlite3* checkpointDb_ QEL_GUARDED_BY(checkpointMutex_) = nullptr;
     qel::platform::Mutex observerMutex_;
     std::shared_ptr<const ChangeObserver> observer_ QEL_GUARDED_BY(observerMutex_);
     bool reported_ QEL_GUARDED_BY(mutex_) = false;
