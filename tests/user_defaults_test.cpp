@@ -12,7 +12,9 @@
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Linux/SqliteUserDefaults.h"
+#include "QelHttpDnsSDK/Platform/WriteBehindUserDefaults.h"
 #include "support/CapturingConsole.h"
+#include "support/FakeClock.h"
 #include "support/ScratchDirectory.h"
 #include "support/SqliteQuery.h"
 
@@ -165,4 +167,44 @@ TEST(SqliteUserDefaults, AnotherConnectionsLockSkipsWritesUntilItGoesAndIsSaidOn
     sqlite3_close(other);
     EXPECT_EQ(store.allKeys(), (Keys{"a", "app", "d"}));
     EXPECT_EQ(console.lines().size(), 4u) << testing::PrintToString(console.lines());
+}
+
+// Writes are read back at once and coalesce; another connection's lock keeps out the batch,
+// never a write or a read; the observer hears every write made here and other connections'
+// commits (not the store's own), at most once per 100 ms.
+TEST(WriteBehindUserDefaults, WritesReadBackAtOnceAndReachTheFileWhenTheLockGoes) {
+    ScratchDirectory dir;
+    const std::string path = dir.file("s.db");
+    qel::test::FakeClock clock;
+    qel::platform::WriteBehindUserDefaults store(std::make_unique<SqliteUserDefaults>(path));
+    Keys told, expected(200, "k");
+    store.setChangeObserver([&](const std::string* key) { told.push_back(key ? *key : "<all>"); });
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+    const auto otherRuns = [other](const char* sql) { return sqlite3_exec(other, sql, nullptr, nullptr, nullptr) == 0; };
+    ASSERT_TRUE(otherRuns("BEGIN EXCLUSIVE; INSERT INTO user_defaults VALUES ('app', 'a')"));
+    for (int i = 0; i < 200; ++i) store.setString("k", std::to_string(i));
+    store.setData("blob", Data{1, 2});
+    store.setString("gone", "x");
+    store.remove("gone");
+    EXPECT_EQ(store.string("k"), "199");
+    EXPECT_EQ(store.data("blob"), (Data{1, 2}));
+    EXPECT_FALSE(store.string("gone"));
+    EXPECT_EQ(store.allKeys(), (Keys{"blob", "k"}));
+    EXPECT_FALSE(store.synchronize()) << "the lock keeps the batch out";
+    ASSERT_TRUE(otherRuns("COMMIT"));
+    expected.insert(expected.end(), {"blob", "gone", "gone", "<all>"});  // at 0
+    for (double at : {0.0, 0.05, 0.2}) {
+        ASSERT_TRUE(otherRuns("INSERT OR REPLACE INTO user_defaults VALUES ('app', 'b')"));
+        clock.set(1e9 + at);
+        store.noticeExternalChanges();
+    }
+    expected.push_back("<all>");  // at 0.2; not at 0.05
+    EXPECT_TRUE(store.synchronize());
+    clock.set(1e9 + 0.4);
+    store.noticeExternalChanges();
+    EXPECT_EQ(told, expected) << "our own batch is not another connection's commit";
+    sqlite3_close(other);
+    EXPECT_EQ(appQuery(path, "SELECT group_concat(key || '=' || quote(value)) FROM user_defaults"),
+              "app='b',blob=X'0102',k='199'");
 }

@@ -20,6 +20,7 @@
 #define QEL_REQUIRES(...) QEL_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define QEL_ACQUIRE(...) QEL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define QEL_RELEASE(...) QEL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define QEL_TRY_ACQUIRE(...) QEL_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define QEL_EXCLUDES(...) QEL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define QEL_NO_THREAD_SAFETY_ANALYSIS QEL_THREAD_ANNOTATION(no_thread_safety_analysis)
 
@@ -29,6 +30,8 @@ class QEL_CAPABILITY("mutex") Mutex {
 public:
     void lock() QEL_ACQUIRE() { mutex_.lock(); }
     void unlock() QEL_RELEASE() { mutex_.unlock(); }
+    /// Takes the mutex only when nobody holds it; whether it did.
+    bool tryLock() QEL_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
 private:
     std::mutex mutex_;

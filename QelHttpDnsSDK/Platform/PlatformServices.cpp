@@ -4,14 +4,18 @@
 // load more than a direct call.
 #include "QelHttpDnsSDK/Platform/PlatformServices.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "QelHttpDnsSDK/Platform/Mutex.h"
+#include "QelHttpDnsSDK/Platform/ApplicationLifecycle.h"
 #include "QelHttpDnsSDK/Platform/AssumedReachableSource.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -24,10 +28,12 @@
 #include "QelHttpDnsSDK/Platform/Linux/StandardErrorLog.h"
 #include "QelHttpDnsSDK/Platform/Linux/SystemClock.h"
 #include "QelHttpDnsSDK/Platform/MainBundle.h"
+#include "QelHttpDnsSDK/Platform/NotificationCenter.h"
 #include "QelHttpDnsSDK/Platform/PlatformThread.h"
 #include "QelHttpDnsSDK/Platform/ProcessFork.h"
 #include "QelHttpDnsSDK/Platform/ReachabilitySourceFactory.h"
 #include "QelHttpDnsSDK/Platform/UserDefaults.h"
+#include "QelHttpDnsSDK/Platform/WriteBehindUserDefaults.h"
 
 namespace qel::platform {
 
@@ -48,7 +54,54 @@ std::optional<std::string> standardPathLocked() QEL_REQUIRES(standardMutex) {
     return SqliteUserDefaults::standardLocation(MainBundle::identifier());
 }
 
-UserDefaults* openStandardStore() {
+// A forked child opens a connection of its own, with a writer thread of its own: one SQLite
+// connection must never be used by two processes, and the parent's thread does not exist in
+// the child. The parent's store is left as it is (closing it here could undo the parent's
+// locks or journal; its mutexes may be held by a thread the child does not have).
+PerProcess<WriteBehindUserDefaults>& standardStores() {
+    static auto* const stores = new PerProcess<WriteBehindUserDefaults>();
+    return *stores;
+}
+
+// Writes what the standard store holds in memory, when this process made one: at exit, and
+// when the application enters the background (it may be killed there without notice).
+void synchronizeStandardStore() {
+    if (UserDefaults* store = defaultsOverride.load(std::memory_order_acquire)) {
+        store->synchronize();
+    } else if (WriteBehindUserDefaults* standard = standardStores().peek()) {
+        standard->synchronize();
+    }
+}
+
+// A fork waits for the batch under way, so that the child is not left with SQLite's own
+// locks held by a writer thread it does not have.
+thread_local WriteBehindUserDefaults* heldForFork = nullptr;
+
+void holdStandardStoreForFork() {
+    heldForFork = standardStores().peek();
+    if (heldForFork) heldForFork->holdWrites();
+}
+
+void releaseStandardStoreAfterFork() {
+    if (heldForFork) heldForFork->releaseWrites();
+    heldForFork = nullptr;
+}
+
+// Once per program (a forked child inherits them): the flushes, and the fork handlers.
+void installStandardStoreHooks() {
+    static const bool installed = [] {
+        std::atexit(synchronizeStandardStore);
+        NotificationCenter::defaultCenter().addObserver(
+            UIApplicationDidEnterBackgroundNotification,
+            [](const Notification&) { synchronizeStandardStore(); });
+        pthread_atfork(holdStandardStoreForFork, releaseStandardStoreAfterFork, nullptr);
+        return true;
+    }();
+    (void)installed;
+}
+
+WriteBehindUserDefaults* openStandardStore() {
+    installStandardStoreHooks();
     std::optional<std::string> path;
     {
         qel::platform::MutexLock lock(standardMutex);
@@ -60,17 +113,13 @@ UserDefaults* openStandardStore() {
         Console::log(
             "QelHttpDnsSDK: user defaults: no home directory (XDG_DATA_HOME, HOME "
             "or a passwd entry) or no program name; the store is kept in memory");
-        return new SqliteUserDefaults(SqliteUserDefaults::kInMemory);
+        path = SqliteUserDefaults::kInMemory;
     }
-    return new SqliteUserDefaults(std::move(*path));
+    return new WriteBehindUserDefaults(std::make_unique<SqliteUserDefaults>(std::move(*path)));
 }
 
-// A forked child opens a connection of its own: one SQLite connection must never be used by
-// two processes. The parent's is left as it is (closing it here could undo the parent's locks
-// or journal).
 UserDefaults& standardStore() {
-    static auto* const stores = new PerProcess<UserDefaults>();
-    return stores->get(openStandardStore, [](UserDefaults&) {});
+    return standardStores().get(openStandardStore, [](WriteBehindUserDefaults&) {});
 }
 
 template <typename T>

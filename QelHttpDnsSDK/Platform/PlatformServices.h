@@ -4,7 +4,8 @@
 //
 //   Clock::currentTime()                        SystemClock
 //   HttpSession::shared()                       CurlHttpSession on the platform thread
-//   UserDefaults::standard()                    SqliteUserDefaults at UserDefaults::standardPath()
+//   UserDefaults::standard()                    SqliteUserDefaults at UserDefaults::standardPath(),
+//                                               behind a WriteBehindUserDefaults
 //   ReachabilitySourceFactory::createWith...()  NetlinkReachabilitySource
 //   Console::log() without a sink               a stamped line on standard error
 //

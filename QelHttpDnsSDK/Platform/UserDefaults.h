@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "QelHttpDnsSDK/Platform/Data.h"
@@ -34,13 +35,46 @@ public:
     /// The first `limit` keys after `after` in ascending byte order: a store read in parts.
     virtual std::vector<std::string> keysAfter(const std::string& after, size_t limit);
 
-    /// Told of changes: a key set or removed through this store (called on the writing thread,
-    /// after the change, without the store's lock), or nullptr when another connection to the
-    /// same file may have changed anything. One observer; a later call replaces it.
+    /// What a key holds: a blob or a string.
+    using Value = std::variant<Data, std::string>;
+    /// One write: `key` gets `value`, or is removed when it has none.
+    struct Change {
+        std::string key;
+        std::optional<Value> value;
+    };
+
+    /// Writes `changes` in order, at once where the store can (one transaction). False when
+    /// another connection's lock kept them out: nothing was written and the caller may try
+    /// again later. A change the store cannot write for any other reason is dropped, as a
+    /// write of it alone would be. This default writes them one by one.
+    virtual bool writeChanges(const std::vector<Change>& changes) {
+        for (const Change& change : changes) {
+            if (!change.value) {
+                remove(change.key);
+            } else if (const Data* data = std::get_if<Data>(&*change.value)) {
+                setData(change.key, *data);
+            } else {
+                setString(change.key, std::get<std::string>(*change.value));
+            }
+        }
+        return true;
+    }
+
+    /// Writes every change still held in memory to the file now, on the calling thread; true
+    /// when nothing is left to write (false while another connection's lock keeps them out).
+    /// A store that writes as it goes has nothing to do.
+    virtual bool synchronize() { return true; }
+
+    /// Told of a change of the stored contents: with the key after an in-process write
+    /// (setData, setString, remove) of it, or with nullptr when anything may have changed
+    /// because another connection (another process, or the application's own) committed.
     using ChangeObserver = std::function<void(const std::string* key)>;
-    virtual void setChangeObserver(ChangeObserver observer) { (void)observer; }
-    /// Looks for changes made through another connection, at most once per check interval
-    /// (cheap otherwise), and tells the observer when there were any.
+    /// Installs the one observer (a later call replaces it; an empty one removes it). It runs
+    /// synchronously on the writing thread after the write, never under the store's lock.
+    virtual void setChangeObserver(ChangeObserver /*observer*/) {}
+    /// Looks for other connections' commits and tells the observer (with nullptr) when there
+    /// were some. Cheap enough for every lookup: it looks at most once per 100 ms and never
+    /// waits for the store.
     virtual void noticeExternalChanges() {}
 
     /// The process-wide store, opened on first use at `standardPath()` (in memory when that

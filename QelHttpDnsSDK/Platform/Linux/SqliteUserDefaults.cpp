@@ -13,20 +13,30 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
-#include "QelHttpDnsSDK/Platform/Mutex.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
+#include "QelHttpDnsSDK/Platform/Mutex.h"
 
 namespace qel::platform {
 
 namespace {
 
-// How long an operation waits for another connection's lock. Writes run on the platform
-// thread before the lookup's answer is delivered, and every other answer queues behind them,
-// so the wait must stay short of what a user notices; it still outlasts an ordinary
-// transaction of the application's (a few upserts and a sync). Once a wait has run out, later
-// operations do not wait at all until a write goes through (see `noteLockedLocked`).
+// How long a direct write waits for another connection's lock: short of what a user notices,
+// yet longer than an ordinary transaction of the application's (a few upserts and a sync).
+// Once a wait has run out, later ones do not wait at all until a write goes through. Reads and
+// batches never wait: the connection's busy timeout is 0 outside a direct write, so a lock
+// delays a batch of the write-behind layer (which holds its changes readable meanwhile), not
+// a lookup that reads the store while the batch's connection is free.
 constexpr int kBusyTimeoutMillis = 100;
+
+// The log's size, in pages, from which a commit is followed by a checkpoint (SQLite's own
+// automatic checkpoint has the same mark).
+constexpr int kCheckpointPages = 1000;
+
+// How often `noticeExternalChanges` looks at the data version.
+constexpr double kExternalCheckSeconds = 0.1;
 
 // Another connection holds a lock this operation needs.
 bool isLockConflict(int resultCode) {
@@ -189,6 +199,10 @@ SqliteUserDefaults::SqliteUserDefaults(std::string path) : path_(std::move(path)
 }
 
 SqliteUserDefaults::~SqliteUserDefaults() {
+    {
+        MutexLock lock(checkpointMutex_);
+        sqlite3_close(checkpointDb_);
+    }
     qel::platform::MutexLock lock(mutex_);
     close();
 }
@@ -229,13 +243,33 @@ bool SqliteUserDefaults::open() {
         rc = sqlite3_exec(db_, sql, firstColumn, &journalMode, nullptr);
         if (rc != SQLITE_OK) return failOpenLocked(rc);
     }
+    sqlite3_busy_timeout(db_, 0);
     select_ = prepare(db_, "SELECT value FROM user_defaults WHERE key = ?1");
     upsert_ = prepare(db_,
                       "INSERT INTO user_defaults (key, value) VALUES (?1, ?2) "
                       "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
     delete_ = prepare(db_, "DELETE FROM user_defaults WHERE key = ?1");
     keys_ = prepare(db_, "SELECT key FROM user_defaults ORDER BY key");
-    if (!select_ || !upsert_ || !delete_ || !keys_) return failOpenLocked(sqlite3_errcode(db_));
+    begin_ = prepare(db_, "BEGIN IMMEDIATE");
+    commit_ = prepare(db_, "COMMIT");
+    rollback_ = prepare(db_, "ROLLBACK");
+    dataVersion_ = prepare(db_, "PRAGMA data_version");
+    if (!select_ || !upsert_ || !delete_ || !keys_ || !begin_ || !commit_ || !rollback_ ||
+        !dataVersion_) {
+        return failOpenLocked(sqlite3_errcode(db_));
+    }
+    if (!readDataVersionLocked(knownDataVersion_)) return failOpenLocked(sqlite3_errcode(db_));
+    // SQLite would checkpoint (and fsync) inside the commit that crosses the mark, holding
+    // this connection from readers for milliseconds; `checkpointIfDue` runs it on a connection
+    // of its own instead, after the commit, which a WAL reader does not wait for.
+    sqlite3_wal_hook(
+        db_,
+        [](void* store, sqlite3*, const char*, int pages) {
+            static_cast<SqliteUserDefaults*>(store)->logPages_.store(pages,
+                                                                     std::memory_order_relaxed);
+            return SQLITE_OK;
+        },
+        this);
     // A database in memory has no journal file to put in WAL mode.
     if (!inMemory && ::strcasecmp(journalMode.c_str(), "wal") != 0) {
         pendingReports_.push_back(prefix() + "journal mode is " + journalMode +
@@ -257,7 +291,13 @@ bool SqliteUserDefaults::failOpenLocked(int resultCode) {
 }
 
 bool SqliteUserDefaults::readyLocked() {
-    if (!db_ && retryOpen_ && !open()) close();
+    if (!db_ && retryOpen_) {
+        if (open()) {
+            externalChange_ = true;  // what was missing may be there now
+        } else {
+            close();
+        }
+    }
     return db_ != nullptr;
 }
 
@@ -268,17 +308,14 @@ std::string SqliteUserDefaults::prefix() const {
 void SqliteUserDefaults::noteLockedLocked() {
     if (locked_) return;
     locked_ = true;
-    // The lock may last: later operations try it once rather than each waiting in turn.
-    if (db_) sqlite3_busy_timeout(db_, 0);
     pendingReports_.push_back(prefix() +
-                              "locked by another connection; writes are skipped "
+                              "locked by another connection; writes wait "
                               "until it releases the lock");
 }
 
 void SqliteUserDefaults::noteWrittenLocked() {
     if (!locked_) return;
     locked_ = false;
-    sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
     pendingReports_.push_back(prefix() + "the lock is released; writes are stored again");
 }
 
@@ -297,7 +334,8 @@ int SqliteUserDefaults::stepLocked(sqlite3_stmt* statement, const char* operatio
 }
 
 void SqliteUserDefaults::close() {
-    for (sqlite3_stmt** statement : {&select_, &upsert_, &delete_, &keys_}) {
+    for (sqlite3_stmt** statement :
+         {&select_, &upsert_, &delete_, &keys_, &begin_, &commit_, &rollback_, &dataVersion_}) {
         sqlite3_finalize(*statement);
         *statement = nullptr;
     }
@@ -362,47 +400,145 @@ std::optional<std::string> SqliteUserDefaults::string(const std::string& key) {
     return value;
 }
 
-void SqliteUserDefaults::writeBoundLocked(sqlite3_stmt* statement, int bindResult,
-                                          const char* operation) {
-    // A value that could not be bound (too big) must not be written as NULL in its place.
-    if (bindResult == SQLITE_OK) {
-        stepLocked(statement, operation, true);
+int SqliteUserDefaults::writeLocked(const std::string& key, const Value* value, bool direct) {
+    sqlite3_stmt* const statement = value ? upsert_ : delete_;
+    const char* const operation = value ? "write" : "remove";
+    int rc =
+        sqlite3_bind_text(statement, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK && value) {
+        if (const Data* data = std::get_if<Data>(value)) {
+            // A null pointer would store NULL, not an empty blob.
+            rc = data->empty()
+                     ? sqlite3_bind_zeroblob(statement, 2, 0)
+                     : sqlite3_bind_blob64(statement, 2, data->data(), data->size(), SQLITE_STATIC);
+        } else {
+            const std::string& text = std::get<std::string>(*value);
+            rc = sqlite3_bind_text64(statement, 2, text.data(), text.size(), SQLITE_STATIC,
+                                     SQLITE_UTF8);
+        }
+    }
+    if (rc == SQLITE_OK) {
+        if (direct) sqlite3_busy_timeout(db_, locked_ ? 0 : kBusyTimeoutMillis);
+        rc = stepLocked(statement, operation, direct);
+        if (direct) sqlite3_busy_timeout(db_, 0);
     } else {
-        reportOnceLocked(operation, bindResult);
+        // A value that could not be bound (too big) must not be written as NULL in its place.
+        reportOnceLocked(operation, rc);
+        rc = SQLITE_DONE;
     }
     finishLocked(statement);
+    return rc;
+}
+
+void SqliteUserDefaults::writeDirectly(const std::string& key, const Value* value) {
+    {
+        Session session(*this);
+        if (!readyLocked()) return;
+        writeLocked(key, value, true);
+    }
+    checkpointIfDue();
+    notify(&key);
 }
 
 void SqliteUserDefaults::setData(const std::string& key, const Data& value) {
-    Session session(*this);
-    if (!readyLocked()) return;
-    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    if (rc == SQLITE_OK) {
-        // A null pointer would store NULL, not an empty blob.
-        rc = value.empty()
-                 ? sqlite3_bind_zeroblob(upsert_, 2, 0)
-                 : sqlite3_bind_blob64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC);
-    }
-    writeBoundLocked(upsert_, rc, "write");
+    const Value stored(value);
+    writeDirectly(key, &stored);
 }
 
 void SqliteUserDefaults::setString(const std::string& key, const std::string& value) {
-    Session session(*this);
-    if (!readyLocked()) return;
-    int rc = sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    if (rc == SQLITE_OK) {
-        rc =
-            sqlite3_bind_text64(upsert_, 2, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
-    }
-    writeBoundLocked(upsert_, rc, "write");
+    const Value stored(value);
+    writeDirectly(key, &stored);
 }
 
-void SqliteUserDefaults::remove(const std::string& key) {
+void SqliteUserDefaults::remove(const std::string& key) { writeDirectly(key, nullptr); }
+
+bool SqliteUserDefaults::writeChanges(const std::vector<Change>& changes) {
+    const bool done = writeChangesOnce(changes);
+    checkpointIfDue();
+    return done;
+}
+
+void SqliteUserDefaults::checkpointIfDue() {
+    if (logPages_.load(std::memory_order_relaxed) < kCheckpointPages) return;
+    MutexLock lock(checkpointMutex_);
+    // A new connection knows the log once it has read the database.
+    if (!checkpointDb_ &&
+        (sqlite3_open_v2(path_.c_str(), &checkpointDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                         nullptr) != SQLITE_OK ||
+         sqlite3_exec(checkpointDb_, "PRAGMA schema_version", nullptr, nullptr, nullptr) !=
+             SQLITE_OK)) {
+        sqlite3_close(checkpointDb_);  // tried again after the next commit
+        checkpointDb_ = nullptr;
+        return;
+    }
+    // PASSIVE: copies what no reader still needs and waits for nobody.
+    if (sqlite3_wal_checkpoint_v2(checkpointDb_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                  nullptr) == SQLITE_OK) {
+        logPages_.store(0, std::memory_order_relaxed);
+    }
+}
+
+bool SqliteUserDefaults::writeChangesOnce(const std::vector<Change>& changes) {
     Session session(*this);
-    if (!readyLocked()) return;
-    const int rc =
-        sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-    writeBoundLocked(delete_, rc, "remove");
+    if (!readyLocked()) return !retryOpen_;  // a store that cannot be used drops them
+    if (changes.empty()) return true;
+    // IMMEDIATE takes the write lock now, without waiting: a lock held elsewhere costs one
+    // failed try, and the batch is left for later whole.
+    int rc = stepLocked(begin_, "write", false);
+    finishLocked(begin_);
+    if (rc != SQLITE_DONE) return !isLockConflict(rc);
+    for (const Change& change : changes) {
+        rc = writeLocked(change.key, change.value ? &*change.value : nullptr, false);
+        if (isLockConflict(rc)) break;  // a rollback journal's spill needs the exclusive lock
+    }
+    if (!isLockConflict(rc)) {
+        rc = stepLocked(commit_, "write", true);
+        finishLocked(commit_);
+    }
+    if (rc == SQLITE_DONE) return true;
+    if (!sqlite3_get_autocommit(db_)) {
+        sqlite3_step(rollback_);
+        finishLocked(rollback_);
+    }
+    return !isLockConflict(rc);
+}
+
+bool SqliteUserDefaults::readDataVersionLocked(int64_t& version) {
+    const bool read = sqlite3_step(dataVersion_) == SQLITE_ROW;
+    if (read) version = sqlite3_column_int64(dataVersion_, 0);
+    sqlite3_reset(dataVersion_);
+    return read;
+}
+
+void SqliteUserDefaults::noticeExternalChanges() {
+    const double now = Clock::currentTime();
+    const double last = lastExternalCheck_.load(std::memory_order_relaxed);
+    if (now >= last && now - last < kExternalCheckSeconds) return;
+    if (!mutex_.tryLock()) return;  // busy now: the next call looks
+    lastExternalCheck_.store(now, std::memory_order_relaxed);
+    bool changed = std::exchange(externalChange_, false);
+    int64_t version = 0;
+    if (db_ && readDataVersionLocked(version) && version != knownDataVersion_) {
+        knownDataVersion_ = version;
+        changed = true;
+    }
+    mutex_.unlock();
+    if (changed) notify(nullptr);
+}
+
+void SqliteUserDefaults::setChangeObserver(ChangeObserver observer) {
+    auto shared = observer ? std::make_shared<const ChangeObserver>(std::move(observer)) : nullptr;
+    MutexLock lock(observerMutex_);
+    observer_ = std::move(shared);
+}
+
+void SqliteUserDefaults::notify(const std::string* key) {
+    std::shared_ptr<const ChangeObserver> observer;
+    {
+        MutexLock lock(observerMutex_);
+        observer = observer_;
+    }
+    if (observer) (*observer)(key);
 }
 
 std::vector<std::string> SqliteUserDefaults::allKeys() {

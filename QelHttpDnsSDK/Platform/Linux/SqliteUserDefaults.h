@@ -4,11 +4,19 @@
 // the same file itself and keep its own rows in that table.
 //
 // The database runs in WAL mode with synchronous=NORMAL: a commit is appended to the
-// write-ahead log with write(2) and not flushed to disk, so a write on the lookup path costs
-// no fsync, yet every committed write survives a crash (even `kill -9`) of the process; only
-// a crash of the whole machine may lose the latest commits, never the file's consistency.
-// SQLite's automatic checkpoint still syncs, about once per 1000 pages written (some
-// hundreds of commits), on the thread whose commit crosses that mark.
+// write-ahead log with write(2) and not flushed to disk, so a commit costs no fsync, yet every
+// committed write survives a crash (even `kill -9`) of the process; only a crash of the whole
+// machine may lose the latest commits, never the file's consistency. The log is checkpointed
+// (and synced) once it holds 1000 pages, right after the commit that crossed the mark, on a
+// second connection: SQLite's own automatic checkpoint would run inside the commit, keeping
+// this connection from readers meanwhile.
+//
+// The standard store does not commit on the caller's thread: it is this store behind a
+// WriteBehindUserDefaults, which keeps each write in memory (readable at once) and commits it
+// within 100 ms, in batches (`writeChanges`, one transaction each), on its own thread; and at
+// once on `synchronize()`, when the application enters the background and at normal exit. A
+// process killed before then loses the writes of its last 100 ms, never the file's
+// consistency.
 //
 // One connection with prepared statements serves all threads, one operation at a time.
 //
@@ -30,16 +38,23 @@
 // journal mode and works on).
 //
 // Another connection (the application's, in this or another process) may hold the file's
-// lock. An operation waits 100 ms at most for it; when that runs out, the operation does
-// nothing (a read finds no value, a write is lost, the key list is empty) and later
-// operations do not wait at all, until a write goes through again. Reads of a WAL database
-// are not held up by another connection's write, only those of a database in rollback-journal
-// mode under an exclusive lock are. A lock that keeps the file from being opened does not make
-// the store unusable: later operations open it again. One line goes to the `Console` when a
-// lock first gets in the way, and one when a write goes through after it; these do not count
-// as the store's one problem above.
+// lock. Nothing on a caller's path waits for it: a read never waits (in WAL mode another
+// connection's write does not hold it up; a database in rollback-journal mode under an
+// exclusive lock reads as without the value), and a batch (`writeChanges`) tries the lock once
+// and, when it is taken, writes nothing and returns false, for the write-behind layer to try
+// again later. A write made directly (setData, setString, remove) waits 100 ms at most, then
+// is skipped, and later direct writes do not wait at all until a write goes through again. A
+// lock that keeps the file from being opened does not make the store unusable: later
+// operations open it again. One line goes to the `Console` when a lock first gets in the way,
+// and one when a write goes through after it; these do not count as the store's one problem
+// above.
+//
+// Commits of other connections are noticed with `PRAGMA data_version` on this connection (its
+// own commits leave it as it is); see `noticeExternalChanges`.
 #pragma once
 
+#include <atomic>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -82,6 +97,12 @@ public:
     void setString(const std::string& key, const std::string& value) override;
     void remove(const std::string& key) override;
     std::vector<std::string> allKeys() override;
+    /// One transaction, begun without waiting for another connection's lock.
+    bool writeChanges(const std::vector<Change>& changes) override;
+    /// Observes direct writes (with the key) and other connections' commits (with nullptr);
+    /// the batches of `writeChanges` are not reported again.
+    void setChangeObserver(ChangeObserver observer) override;
+    void noticeExternalChanges() override;
 
 private:
     class Session;
@@ -97,12 +118,19 @@ private:
     int stepLocked(sqlite3_stmt* statement, const char* operation, bool writes)
         QEL_REQUIRES(mutex_);
     void noteLockedLocked() QEL_REQUIRES(mutex_);
+    // Stores `value` under `key` (removes it without one); the step's result, SQLITE_DONE when
+    // the value was dropped. A `direct` write waits for another connection's lock (above).
+    int writeLocked(const std::string& key, const Value* value, bool direct) QEL_REQUIRES(mutex_);
+    void writeDirectly(const std::string& key, const Value* value);
+    bool writeChangesOnce(const std::vector<Change>& changes);
+    // Checkpoints the log on a connection of its own once it holds kCheckpointPages pages.
+    void checkpointIfDue();
+    bool readDataVersionLocked(int64_t& version) QEL_REQUIRES(mutex_);
+    void notify(const std::string* key);
     void noteWrittenLocked() QEL_REQUIRES(mutex_);
     // Runs `select_` for `key`; true with the row's column ready, false for no row or error.
     bool selectLocked(const std::string& key) QEL_REQUIRES(mutex_);
     void finishLocked(sqlite3_stmt* statement) QEL_REQUIRES(mutex_);
-    void writeBoundLocked(sqlite3_stmt* statement, int bindResult, const char* operation)
-        QEL_REQUIRES(mutex_);
     void reportOnceLocked(const char* operation, int resultCode) QEL_REQUIRES(mutex_);
 
     const std::string path_;
@@ -112,6 +140,18 @@ private:
     sqlite3_stmt* upsert_ QEL_GUARDED_BY(mutex_) = nullptr;
     sqlite3_stmt* delete_ QEL_GUARDED_BY(mutex_) = nullptr;
     sqlite3_stmt* keys_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* begin_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* commit_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* rollback_ QEL_GUARDED_BY(mutex_) = nullptr;
+    sqlite3_stmt* dataVersion_ QEL_GUARDED_BY(mutex_) = nullptr;
+    int64_t knownDataVersion_ QEL_GUARDED_BY(mutex_) = 0;
+    bool externalChange_ QEL_GUARDED_BY(mutex_) = false;  // reopened: anything may differ
+    std::atomic<double> lastExternalCheck_{0};            // Clock::currentTime of the last look
+    std::atomic<int> logPages_{0};  // the log's size after this connection's last commit
+    qel::platform::Mutex checkpointMutex_;
+    sqlite3* checkpointDb_ QEL_GUARDED_BY(checkpointMutex_) = nullptr;
+    qel::platform::Mutex observerMutex_;
+    std::shared_ptr<const ChangeObserver> observer_ QEL_GUARDED_BY(observerMutex_);
     bool reported_ QEL_GUARDED_BY(mutex_) = false;
     bool locked_ QEL_GUARDED_BY(mutex_) =
         false;  // another connection's lock got in the way and no write since
