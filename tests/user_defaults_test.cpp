@@ -207,4 +207,13 @@ TEST(WriteBehindUserDefaults, WritesReadBackAtOnceAndReachTheFileWhenTheLockGoes
     sqlite3_close(other);
     EXPECT_EQ(appQuery(path, "SELECT group_concat(key || '=' || quote(value)) FROM user_defaults"),
               "app='b',blob=X'0102',k='199'");
+    // Read in parts, with changes not yet written on both sides of a part's end.
+    store.remove("app"), store.remove("blob"), store.setString("c", ""), store.setString("z", "");
+    Keys parts;
+    for (Keys part{""}; !part.empty();) {
+        part = store.keysAfter(parts.empty() ? "" : parts.back(), 1);
+        parts.insert(parts.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(parts, (Keys{"c", "k", "z"}));
+    EXPECT_EQ(store.keysAfter("", 2), (Keys{"c", "k"}));
 }

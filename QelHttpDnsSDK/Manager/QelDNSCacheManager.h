@@ -67,7 +67,9 @@ public:
     void setMaxLists(size_t maxLists);
 
     /// Keeps `ips` in memory under `domain`, replacing any earlier list; with `cacheToDisk`
-    /// also archives it into the store (which writes it to disk later, see `UserDefaults`).
+    /// also archives it into the store, which keeps it in memory and writes it to the file on
+    /// a thread of its own within 100 ms (at once on `synchronize`, on entering the background
+    /// and at exit).
     /// Without `cacheToDisk` an earlier persisted entry is left as it was. A null list is kept
     /// as an empty one.
     void saveIPs(QelDNSIPModelListRef ips, const std::string& domain, bool cacheToDisk);

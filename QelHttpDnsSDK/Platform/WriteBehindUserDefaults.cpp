@@ -93,6 +93,41 @@ std::vector<std::string> WriteBehindUserDefaults::allKeys() {
     return {keys.begin(), keys.end()};
 }
 
+// The store behind is read a part at a time up to its last key read; the changes not yet
+// written are merged into each part, so that removals do not cut a part short.
+std::vector<std::string> WriteBehindUserDefaults::keysAfter(const std::string& after,
+                                                            size_t limit) {
+    std::map<std::string, bool> changed;  // key, whether it holds a value
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = pending_.upper_bound(after); it != pending_.end(); ++it) {
+            changed.emplace(it->first, it->second.value.has_value());
+        }
+    }
+    std::vector<std::string> keys;
+    std::string from = after;
+    while (keys.size() < limit) {
+        const std::vector<std::string> stored = backend_->keysAfter(from, limit);
+        const bool last = stored.size() < limit;
+        std::set<std::string> part(stored.begin(), stored.end());
+        const auto end = last ? changed.end() : changed.upper_bound(stored.back());
+        for (auto it = changed.upper_bound(from); it != end; ++it) {
+            if (it->second) {
+                part.insert(it->first);
+            } else {
+                part.erase(it->first);
+            }
+        }
+        for (const std::string& key : part) {
+            if (keys.size() == limit) break;
+            keys.push_back(key);
+        }
+        if (last) break;
+        from = stored.back();
+    }
+    return keys;
+}
+
 bool WriteBehindUserDefaults::writeChanges(const std::vector<Change>& changes) {
     for (const Change& change : changes) record(change.key, change.value);
     return true;

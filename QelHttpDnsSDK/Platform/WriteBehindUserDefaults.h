@@ -49,6 +49,7 @@ public:
     void setString(const std::string& key, const std::string& value) override;
     void remove(const std::string& key) override;
     std::vector<std::string> allKeys() override;
+    std::vector<std::string> keysAfter(const std::string& after, size_t limit) override;
     bool writeChanges(const std::vector<Change>& changes) override;
     bool synchronize() override;
     /// Told of every write made here, with its key, and (from the store behind) of other

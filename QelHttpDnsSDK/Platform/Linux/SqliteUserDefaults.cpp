@@ -249,7 +249,9 @@ bool SqliteUserDefaults::open() {
                       "INSERT INTO user_defaults (key, value) VALUES (?1, ?2) "
                       "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
     delete_ = prepare(db_, "DELETE FROM user_defaults WHERE key = ?1");
-    keys_ = prepare(db_, "SELECT key FROM user_defaults ORDER BY key");
+    keys_ = prepare(db_,
+                    "SELECT key FROM user_defaults WHERE ?1 IS NULL OR key > ?1 ORDER BY key "
+                    "LIMIT ?2");
     begin_ = prepare(db_, "BEGIN IMMEDIATE");
     commit_ = prepare(db_, "COMMIT");
     rollback_ = prepare(db_, "ROLLBACK");
@@ -541,10 +543,20 @@ void SqliteUserDefaults::notify(const std::string* key) {
     if (observer) (*observer)(key);
 }
 
-std::vector<std::string> SqliteUserDefaults::allKeys() {
+std::vector<std::string> SqliteUserDefaults::allKeys() { return listKeys(nullptr, -1); }
+
+std::vector<std::string> SqliteUserDefaults::keysAfter(const std::string& after, size_t limit) {
+    return listKeys(&after, static_cast<int64_t>(std::min<size_t>(limit, INT64_MAX)));
+}
+
+std::vector<std::string> SqliteUserDefaults::listKeys(const std::string* after, int64_t limit) {
     Session session(*this);
     std::vector<std::string> keys;
     if (!readyLocked()) return keys;
+    if (after) {
+        sqlite3_bind_text(keys_, 1, after->data(), static_cast<int>(after->size()), SQLITE_STATIC);
+    }
+    sqlite3_bind_int64(keys_, 2, limit);  // negative: no limit
     int rc;
     while ((rc = stepLocked(keys_, "list keys", false)) == SQLITE_ROW) {
         const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(keys_, 0));

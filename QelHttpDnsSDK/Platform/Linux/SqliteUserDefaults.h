@@ -97,6 +97,7 @@ public:
     void setString(const std::string& key, const std::string& value) override;
     void remove(const std::string& key) override;
     std::vector<std::string> allKeys() override;
+    std::vector<std::string> keysAfter(const std::string& after, size_t limit) override;
     /// One transaction, begun without waiting for another connection's lock.
     bool writeChanges(const std::vector<Change>& changes) override;
     /// Observes direct writes (with the key) and other connections' commits (with nullptr);
@@ -109,6 +110,8 @@ private:
 
     bool open() QEL_REQUIRES(mutex_);
     void close() QEL_REQUIRES(mutex_);
+    // Keys in order, after `*after` when given, `limit` at most (negative: all).
+    std::vector<std::string> listKeys(const std::string* after, int64_t limit);
     // Records why `open` failed and returns false: a lock is waited out, anything else ends it.
     bool failOpenLocked(int resultCode) QEL_REQUIRES(mutex_);
     // Opens the file again after a lock kept it from opening; whether the store is open.
