@@ -173,3 +173,26 @@ TEST_F(CacheManagerTest, AMaximumAgeSweepsOldEntriesFromTheStore) {
     EXPECT_TRUE(store().data("n0_v4") && store().data("n2_v4") && !store().data("n1_v4") && store().string("old_v4_setting"));
     QelDNSCacheProfile::disable();
 }
+
+// A name found only in the store is decoded once and remembered, until this process changes the
+// entry or another connection commits (seen at the next look, 100 ms apart at most).
+TEST_F(CacheManagerTest, AStoreEntryIsDecodedOnceUntilItChanges) {
+    const auto ipOf = [] {
+        QelDNSCacheManager::Addresses found;
+        return cache().readAddresses("a.test_v4", false, found) && found.fromStore ? found.ips.at(0) : "";
+    };
+    cache().saveIPs(list({record("10.0.0.1", 600, 1000)}), "a.test_v4", true);
+    cache().setDict({});
+    EXPECT_EQ(ipOf(), "10.0.0.1");
+    ASSERT_TRUE(store().synchronize());
+    qel::platform::SqliteUserDefaults app(storePath());
+    const auto archive = [](const char* ip) { return *cache().archivedDataWithObjects(*list({record(ip, 600, 1000)})); };
+    app.setData("a.test_v4", archive("10.0.0.2"));
+    EXPECT_EQ(ipOf(), "10.0.0.1") << "remembered";
+    clock_.set(1000.5);
+    EXPECT_EQ(ipOf(), "10.0.0.2") << "another connection's commit, seen";
+    cache().saveCaches(*list({record("10.0.0.3", 600, 1000)}), "a.test_v4");
+    EXPECT_EQ(ipOf(), "10.0.0.3") << "this process's change";
+    cache().clearCacheForDomain("a.test_v4");
+    EXPECT_EQ(ipOf(), "");
+}
