@@ -7,15 +7,9 @@
 
 static_assert(sizeof(QelDNSCachedList) % alignof(double) == 0, "records follow the header");
 
-void QelDNSCachedList::Ref::retain() const {
-    if (list_) list_->owners_.fetch_add(1, std::memory_order_relaxed);
-}
-
-void QelDNSCachedList::Ref::release() {
-    if (!list_ || list_->owners_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    list_->~QelDNSCachedList();
-    ::operator delete(list_);
-    list_ = nullptr;
+void QelDNSCachedList::destroy(QelDNSCachedList* list) {
+    list->~QelDNSCachedList();
+    ::operator delete(list);
 }
 
 QelDNSCachedList::Ref QelDNSCachedList::make(const QelDNSIPModelList& records) {

@@ -38,8 +38,13 @@ public:
     private:
         friend class QelDNSCachedList;
         explicit Ref(QelDNSCachedList* list) : list_(list) {}
-        void retain() const;
-        void release();
+        void retain() const {
+            if (list_) list_->owners_.fetch_add(1, std::memory_order_relaxed);
+        }
+        void release() {
+            if (list_ && list_->owners_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(list_);
+            list_ = nullptr;
+        }
         QelDNSCachedList* list_ = nullptr;
     };
 
@@ -70,7 +75,8 @@ private:
         uint32_t ip;      // offset of the address's text, or kAbsent
     };
 
-    QelDNSCachedList(uint32_t count) : count_(count) {}
+    explicit QelDNSCachedList(uint32_t count) : count_(count) {}
+    static void destroy(QelDNSCachedList* list);
     Record* recordsBegin() { return reinterpret_cast<Record*>(this + 1); }
     const Record* recordsBegin() const { return reinterpret_cast<const Record*>(this + 1); }
     // A text is its length (4 bytes, unaligned) followed by its bytes.
