@@ -68,11 +68,11 @@ const std::string& QelDNSPendingLookup::store(const std::optional<std::string>& 
             }
             last.version = version_.load(std::memory_order_relaxed);
         }
-        if (last.type != type || last.domain != domain || last.key.empty()) {
-            last.type = type;
-            assignKeepingBuffer(last.domain, domain);
-            writeCacheKey(domain, type, last.key);
-        }
+        // Here for a new pair, or for the same one after another thread changed the pending
+        // pair: the key is rebuilt either way, which costs no more than telling them apart.
+        last.type = type;
+        assignKeepingBuffer(last.domain, domain);
+        writeCacheKey(domain, type, last.key);
     }
     if (previousType == type) return last.key;
     writeCacheKey(domain, previousType, last.ownKey);
