@@ -4,12 +4,14 @@
 //   filling the memory cache (saveIPs)                  vs  filling it and the store
 //   a hit found only in the store (every name after a restart)  vs  a memory hit
 //   heap bytes per cached name
-//   resident memory while 1 000 000 new names are read and saved with a bound of 100 000
+//   resident memory while 1 000 000 new names are read and saved, with a bound of 100 000 and
+//   without; the store's file while names that expired are saved, with a maximum age and without
 // The ratios are printed after the table.
 //
 //   build/release/bench/cache_scale_bench
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,6 +24,8 @@
 #include <vector>
 
 #include "BenchMain.h"
+#include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
+#include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -49,7 +53,7 @@ std::string nameOf(int i) {
     return name;
 }
 
-QelDNSIPModelListRef listOf(int i) {
+QelDNSIPModelListRef listOf(int i, double lookupTime = 4e9, int64_t ttl = 3600) {
     QelDNSIPModelList records;
     for (int r = 0; r < 2; ++r) {
         auto record = std::make_shared<QelDNSIPModel>();
@@ -57,8 +61,8 @@ QelDNSIPModelListRef listOf(int i) {
         record->setType(1);
         record->setIp("10." + std::to_string(i % 250) + "." + std::to_string(i / 250 % 250) + "." +
                       std::to_string(r + 1));
-        record->setTtl(3600);
-        record->setLookupTime(4e9);  // alive for the whole run
+        record->setTtl(ttl);
+        record->setLookupTime(lookupTime);  // by default alive for the whole run
         records.push_back(std::move(record));
     }
     return std::make_shared<const QelDNSIPModelList>(std::move(records));
@@ -208,23 +212,59 @@ size_t residentKiB() {
 }
 
 // A miss's way through the cache for 1 000 000 names never seen before (a read that finds
-// nothing, then the answer saved in memory and the store), with at most 100 000 names kept.
-void printResidentWhileBounded() {
-    Fixture& f = fixture();
+// nothing, then the answer saved in memory and the store), with at most `bound` names kept
+// (0: no bound). Run in a child process of its own, before anything else, so that the figures
+// are this part's alone.
+void printResidentWhileBounded(int bound) {
+    qel::test::ScratchDirectory scratch;
+    qel::platform::Console::setSink([](const std::string&) {});
+    qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
     QelDNSCacheManager& cache = QelDNSCacheManager::shared();
-    cache.setDict({});
-    f.filled = -1;
-    cache.setMaxLists(100000);
-    std::printf("resident memory, 1 000 000 new names, at most 100 000 kept:\n");
+    cache.setMaxLists(static_cast<size_t>(bound));
+    std::printf("resident memory, 1 000 000 new names, at most %d kept (0: no bound): %zu KiB at start\n",
+                bound, residentKiB());
     QelDNSCacheManager::Addresses found;
     for (int i = 0; i < kSizes[3]; ++i) {
-        const std::string key = f.names[i] + "_v6";  // a key no other part of the run uses
+        const std::string key = nameOf(i) + "_v4";
         if (cache.readAddresses(key, false, found)) std::printf("  unexpected hit\n");
         cache.saveIPs(listOf(i), key, true);
         if ((i + 1) % 100000 == 0) std::printf("  %7d names  %7zu KiB\n", i + 1, residentKiB());
     }
-    cache.setMaxLists(0);
-    cache.setDict({});
+    qel::platform::UserDefaults::standard().synchronize();
+    std::fflush(stdout);
+}
+
+// Rounds of 20 000 new names whose records expired long ago, saved to the store, with a
+// maximum age of 1 s (0: none): the size of the store's file after each round and a pass.
+void printStoreSizeWithMaximumAge(int maxAge) {
+    qel::test::ScratchDirectory scratch;
+    qel::platform::Console::setSink([](const std::string&) {});
+    const std::string path = scratch.file("defaults.sqlite3");
+    qel::platform::UserDefaults::setStandardPath(path);
+    QelDNSCacheProfile::enable({0, static_cast<double>(maxAge), 0, false});
+    std::printf("store file, rounds of 20 000 new names, maximum age %d s (0: none):", maxAge);
+    QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+    for (int round = 0, next = 0; round < 6; ++round) {
+        for (int i = 0; i < 20000; ++i, ++next) {
+            cache.saveIPs(listOf(next, qel::platform::Clock::currentTime() - 100, 1), nameOf(next) + "_v4", true);
+        }
+        qel::platform::UserDefaults::standard().synchronize();
+        std::this_thread::sleep_for(std::chrono::milliseconds(4000));  // a pass, and its batches
+        std::printf(" %.1f", static_cast<double>(std::filesystem::file_size(path)) / 1e6);
+    }
+    std::printf(" MB\n");
+    std::fflush(stdout);
+}
+
+template <typename Part>
+void runInChild(Part part) {
+    const pid_t child = fork();
+    if (child == 0) {
+        part();
+        _exit(0);
+    }
+    int status = 0;
+    if (child > 0) waitpid(child, &status, 0);
 }
 
 void report(const MedianReporter& medians) {
@@ -251,12 +291,14 @@ void report(const MedianReporter& medians) {
                     ("memory per cached name, " + std::to_string(n) + " names:").c_str(),
                     bytesPerName(n));
     }
-    printResidentWhileBounded();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before any thread exists: the children fork a process with none.
+    for (int bound : {100000, 0}) runInChild([bound] { printResidentWhileBounded(bound); });
+    for (int maxAge : {1, 0}) runInChild([maxAge] { printStoreSizeWithMaximumAge(maxAge); });
     fixture();
     const int status = qel::bench::run(argc, argv, report, 5);
     std::filesystem::remove_all(fixture().scratch.path());
