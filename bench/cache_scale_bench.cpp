@@ -96,15 +96,21 @@ struct Fixture {
         for (int& index : order) index = static_cast<int>(random() & 0x7fffffff);
     }
 
-    // The memory cache holds exactly the first n names.
+    // The memory cache and the bare map hold exactly the first n names, made in turn so that
+    // both live in the same state of the heap.
     void fill(int n) {
         if (filled == n) return;
-        QelDNSCacheManager::Dict dict;
-        dict.reserve(n);
-        for (int i = 0; i < n; ++i) dict.emplace(names[i] + "_v4", listOf(i));
-        QelDNSCacheManager::shared().setDict(std::move(dict));
+        QelDNSCacheManager& cache = QelDNSCacheManager::shared();
+        cache.setDict({});
+        bare.clear();
+        bare.reserve(n);
+        for (int i = 0; i < n; ++i) {
+            cache.saveIPs(listOf(i), names[i] + "_v4", false);
+            bare.emplace(names[i] + "_v4", std::vector<std::string>{"10.0.0.1", "10.0.0.2"});
+        }
         filled = n;
     }
+    std::unordered_map<std::string, std::vector<std::string>> bare;
 };
 
 Fixture& fixture() {
@@ -138,11 +144,8 @@ void BM_Hit_RandomOfN(benchmark::State& state) {
 void BM_BareMap_RandomOfN(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0));
     Fixture& f = fixture();
-    static std::unordered_map<int, std::unordered_map<std::string, std::vector<std::string>>> maps;
-    auto& map = maps[n];
-    if (map.empty()) {
-        for (int i = 0; i < n; ++i) map[f.names[i] + "_v4"] = {"10.0.0.1", "10.0.0.2"};
-    }
+    f.fill(n);
+    const auto& map = f.bare;
     size_t next = 0;
     for (auto _ : state) {
         // The key is built as a lookup builds it, from the name asked.
