@@ -2,6 +2,7 @@
 // public manager logged in to the resolution service on loopback:
 //   a miss answered by the service, cacheIP on (answer saved)  vs  cacheIP off
 //   the same miss while another thread saves 1 000 answers     vs  with nothing in flight
+//   the same miss while another connection holds the file's lock  vs  without
 //   one batch of the writer (64 changes, one transaction): the longest a read of the store
 //   waits for the connection behind the writer
 // The ratios and the extra delay are printed after the table.
@@ -10,6 +11,7 @@
 //
 // A miss is timed from the call to the moment its callback runs on the platform thread.
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -165,8 +167,9 @@ private:
 };
 
 // One miss per iteration, its entry cleared (outside the timing) first. `cached`: cacheIP on,
-// so the answer is saved; `beside`: another thread starts saving kSaves answers just before.
-void timeMisses(benchmark::State& state, bool cached, bool beside) {
+// so the answer is saved; `beside`: another thread starts saving kSaves answers just before;
+// `locked`: another connection holds the file's exclusive lock meanwhile.
+void timeMisses(benchmark::State& state, bool cached, bool beside, bool locked = false) {
     Fixture& f = fixture();
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
     const std::optional<std::string> domain = kMissDomain;
@@ -174,9 +177,14 @@ void timeMisses(benchmark::State& state, bool cached, bool beside) {
     static Answer answer;  // outlives a late callback of the last lookup
     int failures = 0;
     dns.enableCacheIP(cached);
+    sqlite3* other = nullptr;
+    if (locked) sqlite3_open(f.scratch.file("defaults.sqlite3").c_str(), &other);
     for (auto _ : state) {
         QelDNSCacheManager::shared().clearCacheForDomain(key);
         qel::platform::UserDefaults::standard().synchronize();
+        if (other && sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            ++failures;
+        }
         answer.reset();
         if (beside) f.saver.start();
         const auto start = Clock::now();
@@ -184,7 +192,9 @@ void timeMisses(benchmark::State& state, bool cached, bool beside) {
         if (!answer.wait()) ++failures;
         state.SetIterationTime(answer.secondsSince(start));
         if (beside) f.saver.waitDone();
+        if (other) sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
     }
+    sqlite3_close(other);
     dns.enableCacheIP(true);
     if (failures) state.SkipWithError("lookups failed");
 }
@@ -192,6 +202,8 @@ void timeMisses(benchmark::State& state, bool cached, bool beside) {
 void BM_Miss(benchmark::State& state) { timeMisses(state, state.range(0) != 0, false); }
 
 void BM_MissBesideSaves(benchmark::State& state) { timeMisses(state, true, state.range(0) != 0); }
+
+void BM_MissWhileLocked(benchmark::State& state) { timeMisses(state, true, false, state.range(0) != 0); }
 
 // One full batch of answers, as the writer commits them, into a store of 20 000 names.
 void BM_Batch(benchmark::State& state) {
@@ -221,6 +233,7 @@ void BM_Batch(benchmark::State& state) {
 BENCHMARK(BM_Batch);
 BENCHMARK(BM_Miss)->ArgName("cacheIP")->Arg(0)->Arg(1)->UseManualTime();
 BENCHMARK(BM_MissBesideSaves)->ArgName("saving")->Arg(0)->Arg(1)->UseManualTime();
+BENCHMARK(BM_MissWhileLocked)->ArgName("locked")->Arg(0)->Arg(1)->UseManualTime();
 
 void report(const MedianReporter& medians) {
     printRatio("miss, cacheIP on / off:",
@@ -233,6 +246,9 @@ void report(const MedianReporter& medians) {
         std::printf("%-58s %8.1f us  (target well under 1000 us)\n",
                     "one batch of 64 changes (a read's longest wait):", *batch * 1e6);
     }
+    printRatio("miss while another connection holds the lock / not:",
+               divide(medians.seconds("BM_MissWhileLocked/locked:1"),
+                      medians.seconds("BM_MissWhileLocked/locked:0")));
     if (quiet && busy) {
         std::printf("%-58s %8.1f us  (target < 1000 us)\n",
                     "miss beside 1 000 saves in flight, extra delay:", (*busy - *quiet) * 1e6);
