@@ -56,10 +56,8 @@ const std::vector<int>& stream(double exponent) {
     return ranks;
 }
 
-QelDNSCachedList::Ref someList() {
-    static const QelDNSCachedList::Ref list = QelDNSCachedList::make({});
-    return list;
-}
+// One list per name, as the cache has: the read mark is the list's.
+QelDNSCachedList::Ref someList() { return QelDNSCachedList::make({}); }
 
 struct Sieve {
     QelDNSBoundedLists lists;
@@ -67,7 +65,7 @@ struct Sieve {
     explicit Sieve(size_t size) { lists.setMaxSize(size, evicted); }
     bool lookUp(const std::string& key) {
         if (const auto* slot = lists.find(key)) {
-            slot->markVisited();
+            slot->list()->markVisited();
             return true;
         }
         lists.put(key, someList(), evicted);

@@ -813,14 +813,15 @@ TEST_F(PublicManager, TheCacheProfileGivesStaleAnswersWhileRenewingAndKeepsAnswe
         Source source;
         const char* ip;
         size_t resolved;  // requests the service has had once the step settles
+        const char* kept;  // and the address the cache then keeps for the network
     } steps[] = {
-        {70, "wlan0 via 10.0.0.1", {ResolutionService::status(500)}, Source::Memory, "192.0.2.1", 3},  // stale, renewal fails
-        {70.5, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 3},  // paused after the failure
-        {72, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 4},    // renewed: .2 from now on
-        {73, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 4},
-        {74, "eth0 via 10.1.0.1", {}, Source::Service, "192.0.2.2", 5},  // another network: its own entry
-        {75, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 5},  // and back
-        {200, "wlan0 via 10.0.0.1", {}, Source::Service, "192.0.2.3", 6},  // too stale: asked again
+        {70, "wlan0 via 10.0.0.1", {ResolutionService::status(500)}, Source::Memory, "192.0.2.1", 3, "192.0.2.1"},  // stale, renewal fails
+        {70.5, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 3, "192.0.2.1"},  // paused after the failure
+        {72, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.1", 4, "192.0.2.2"},    // renewed
+        {73, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 4, "192.0.2.2"},
+        {74, "eth0 via 10.1.0.1", {}, Source::Service, "192.0.2.2", 5, "192.0.2.2"},  // another network: its own entry
+        {75, "wlan0 via 10.0.0.1", {}, Source::Memory, "192.0.2.2", 5, "192.0.2.2"},  // and back
+        {200, "wlan0 via 10.0.0.1", {}, Source::Service, "192.0.2.3", 6, "192.0.2.3"},  // too stale: asked again
     };
     int step = 0;
     for (const Step& s : steps) {
@@ -833,6 +834,10 @@ TEST_F(PublicManager, TheCacheProfileGivesStaleAnswersWhileRenewingAndKeepsAnswe
         EXPECT_EQ(answer.trace.source, s.source);
         EXPECT_EQ(answer.ips, Strings{s.ip});
         EXPECT_TRUE(eventually([&] { return service.resolvedHosts().size() == s.resolved; }));
+        EXPECT_TRUE(eventually([&] {
+            const auto records = QelDNSCacheManager::shared().getIPsWithDomain("a.test_v4@" + std::string(s.network), true);
+            return records && records->at(0)->ip() == s.kept;
+        }));
     }
     QelDNSCacheProfile::disable();
 }

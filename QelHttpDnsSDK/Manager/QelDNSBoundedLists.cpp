@@ -9,7 +9,7 @@ QelDNSBoundedLists::List QelDNSBoundedLists::put(const std::string& key, List li
                                                  std::vector<List>& evicted) {
     if (const auto found = slots_.find(key); found != slots_.end()) {
         std::swap(found->second.list_, list);
-        found->second.markVisited();  // a renewed answer is in use
+        found->second.list_->markVisited();  // a renewed answer is in use
         return list;
     }
     // Room first, so that the new key is not the one to go.
@@ -63,8 +63,8 @@ void QelDNSBoundedLists::unlink(Slot& slot) {
 void QelDNSBoundedLists::evictOne(std::vector<List>& evicted) {
     Slot* victim = hand_ ? hand_ : oldest_;
     // Ends within one lap: every mark passed is cleared.
-    while (victim->visited_.load(std::memory_order_relaxed)) {
-        victim->visited_.store(false, std::memory_order_relaxed);
+    while (victim->list_->visited()) {
+        victim->list_->clearVisited();
         victim = victim->newer_ ? victim->newer_ : oldest_;
     }
     hand_ = victim->newer_;

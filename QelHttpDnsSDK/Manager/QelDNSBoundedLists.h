@@ -5,8 +5,9 @@
 // more hits than LRU or FIFO, and a hit writes one flag instead of moving the key in a list
 // (bench/cache_eviction_bench compares it with FIFO and random eviction).
 //
-// Threads: none of its own; the cache manager's mutex guards every call. `markVisited` alone
-// may be called without it, on a slot found while the dictionary was unchanged.
+// Threads: none of its own; the cache manager's mutex guards every call. A list's read mark
+// lives in the list (QelDNSCachedList::markVisited), so a reader holding the list may mark it
+// without the mutex, even after its key went.
 #pragma once
 
 #include <atomic>
@@ -25,12 +26,6 @@ public:
     class Slot {
     public:
         const List& list() const { return list_; }
-        /// The key was read: it survives the hand's next pass.
-        void markVisited() const {
-            if (!visited_.load(std::memory_order_relaxed)) {
-                visited_.store(true, std::memory_order_relaxed);
-            }
-        }
 
     private:
         friend class QelDNSBoundedLists;
@@ -38,7 +33,6 @@ public:
         const std::string* key_ = nullptr;  // the node's own key
         Slot* newer_ = nullptr;
         Slot* older_ = nullptr;
-        mutable std::atomic<bool> visited_{false};
     };
 
     QelDNSBoundedLists() = default;

@@ -34,7 +34,6 @@ struct LastMemoryHit {
     uint64_t generation = 0;  // none: generations start at 1
     std::string domain;
     QelDNSCachedList::Ref list;
-    const QelDNSBoundedLists::Slot* slot = nullptr;
 };
 thread_local LastMemoryHit lastMemoryHit;
 
@@ -146,18 +145,16 @@ const QelDNSCachedList* QelDNSCacheManager::find(const std::string& domain, bool
                                                  List& holder) const {
     LastMemoryHit& last = lastMemoryHit;
     if (last.generation == generation_.load(std::memory_order_acquire) && last.domain == domain) {
-        last.slot->markVisited();  // the slot lives while the generation is unchanged
+        last.list->markVisited();
         return last.list.get();
     }
     List list;
     uint64_t generation;
-    const QelDNSBoundedLists::Slot* slot;
     {
         qel::platform::MutexLock lock(mutex_);
-        slot = lists_.find(domain);
-        if (slot) {
+        if (const QelDNSBoundedLists::Slot* slot = lists_.find(domain)) {
             list = slot->list();
-            slot->markVisited();
+            list->markVisited();
         }
         generation = generation_.load(std::memory_order_relaxed);
     }
@@ -170,7 +167,6 @@ const QelDNSCachedList* QelDNSCacheManager::find(const std::string& domain, bool
     last.generation = generation;
     last.domain = domain;
     last.list = std::move(list);
-    last.slot = slot;
     return last.list.get();
 }
 

@@ -16,7 +16,7 @@
 
 #include "QelHttpDnsSDK/Model/QelDNSIPModel.h"
 
-class QelDNSCachedList {
+class alignas(alignof(double)) QelDNSCachedList {
 public:
     /// A counted reference to a block; null when default-made.
     class Ref {
@@ -52,6 +52,13 @@ public:
     static Ref make(const QelDNSIPModelList& records);
 
     size_t size() const { return count_; }
+    /// Whether the list was read since the mark was last cleared: the cache's eviction keeps
+    /// what was read. A mark, not a part of the list's value.
+    bool visited() const { return visited_.load(std::memory_order_relaxed); }
+    void markVisited() const {
+        if (!visited_.load(std::memory_order_relaxed)) visited_.store(true, std::memory_order_relaxed);
+    }
+    void clearVisited() const { visited_.store(false, std::memory_order_relaxed); }
     bool empty() const { return count_ == 0; }
     /// The records as `QelDNSIPModel` objects, made anew: equal to those the block was made
     /// from, the lookup time included.
@@ -85,4 +92,5 @@ private:
 
     mutable std::atomic<uint32_t> owners_{1};
     const uint32_t count_;
+    mutable std::atomic<bool> visited_{false};
 };
