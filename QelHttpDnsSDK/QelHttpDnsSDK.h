@@ -9,6 +9,7 @@
 #include "QelHttpDnsSDK/Extras/QelDNSCurlPinning.h"
 #include "QelHttpDnsSDK/Extras/QelDNSLookupTrace.h"
 #include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
+#include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
 #include "QelHttpDnsSDK/Log/QelDNSLog.h"
 #include "QelHttpDnsSDK/Model/QelDNSPreResolveModel.h"
