@@ -35,7 +35,8 @@ std::vector<QelDNSBoundedLists::List> QelDNSBoundedLists::clear() {
     std::vector<List> lists;
     lists.reserve(slots_.size());
     for (auto& [key, slot] : slots_) lists.push_back(std::move(slot.list_));
-    slots_.clear();
+    // A new table: clear() would keep the buckets of the largest size it ever had.
+    std::unordered_map<std::string, Slot>().swap(slots_);
     newest_ = oldest_ = hand_ = nullptr;
     return lists;
 }
