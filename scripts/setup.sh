@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config
           libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev
           libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev iproute2
-          libc-ares-dev libmicrohttpd-dev dnsmasq-base tinyproxy-bin openssl groff-base python3 clang libclang-rt-14-dev ccache)
+          libc-ares-dev libmicrohttpd-dev libldns-dev libsystemd-dev bind9-dnsutils dnsmasq-base tinyproxy-bin openssl groff-base python3 clang libclang-rt-14-dev ccache)
 
 missing=()
 for package in "${packages[@]}"; do
