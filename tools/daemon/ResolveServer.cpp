@@ -1,0 +1,187 @@
+#include "ResolveServer.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <vector>
+
+namespace qel::daemon {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Reads exactly `size` bytes into `out` (appended) before `deadline`.
+bool readFully(int fd, size_t size, std::vector<uint8_t>& out, Clock::time_point deadline) {
+    while (size > 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd ready{fd, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) return false;
+        uint8_t buffer[QEL_MAX_REQUEST];
+        const ssize_t got = ::recv(fd, buffer, std::min(size, sizeof buffer), 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        out.insert(out.end(), buffer, buffer + got);
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+void sendAnswer(int fd, const ResolveAnswer& answer) {
+    const std::vector<uint8_t> bytes = encodeAnswer(answer);
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t wrote = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) return;  // the caller is gone
+        sent += static_cast<size_t>(wrote);
+    }
+}
+
+ResolveAnswer refusal(int status, const std::string& message) {
+    ResolveAnswer answer;
+    answer.status = status;
+    answer.message = message;
+    return answer;
+}
+
+const char* familyName(int family) {
+    return family == QEL_FAMILY_V4 ? "IPv4" : family == QEL_FAMILY_V6 ? "IPv6" : "IPv4+IPv6";
+}
+
+const char* statusName(int status) {
+    switch (status) {
+        case QEL_STATUS_ANSWERED: return "answered";
+        case QEL_STATUS_NOT_FOUND: return "not found";
+        case QEL_STATUS_UNAVAILABLE: return "unavailable";
+        case QEL_STATUS_BAD_REQUEST: return "bad request";
+        default: return "busy";
+    }
+}
+
+}  // namespace
+
+bool ResolveServer::start(const std::string& path, size_t maxPerPeer, std::string& error) {
+    maxPerPeer_.store(maxPerPeer);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        error = "socket path \"" + path + "\" is empty or too long";
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0) {
+        if (!S_ISSOCK(status.st_mode)) {
+            error = path + " exists and is not a socket";
+            return false;
+        }
+        ::unlink(path.c_str());  // left by an earlier run
+    }
+    listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    stopFd_ = ::eventfd(0, EFD_CLOEXEC);
+    if (listenFd_ < 0 || stopFd_ < 0 ||
+        ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::chmod(path.c_str(), 0666) != 0 || ::listen(listenFd_, 128) != 0) {
+        error = "cannot listen on " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    path_ = path;
+    acceptor_ = std::thread([this] { acceptLoop(); });
+    return true;
+}
+
+void ResolveServer::stop() {
+    if (acceptor_.joinable()) {
+        const uint64_t one = 1;
+        if (::write(stopFd_, &one, sizeof one) < 0) {
+        }
+        acceptor_.join();
+        std::unique_lock<std::mutex> lock(mutex_);
+        idle_.wait(lock, [this] { return workers_ == 0; });
+    }
+    if (listenFd_ >= 0) ::close(listenFd_);
+    if (stopFd_ >= 0) ::close(stopFd_);
+    listenFd_ = stopFd_ = -1;
+    if (!path_.empty()) ::unlink(path_.c_str());
+    path_.clear();
+}
+
+void ResolveServer::acceptLoop() {
+    for (;;) {
+        pollfd ready[2] = {{listenFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
+        if (::poll(ready, 2, -1) < 0 && errno != EINTR) return;
+        if (ready[1].revents) return;
+        if (!(ready[0].revents & POLLIN)) continue;
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;  // EMFILE and the like: the caller retries or falls back
+        ucred peer{};
+        socklen_t length = sizeof peer;
+        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) peer = ucred{-1, 0, 0};
+        if (!admit(peer.pid)) {
+            sendAnswer(fd, refusal(QEL_STATUS_BUSY, "too many requests at once"));
+            log_("pid " + std::to_string(peer.pid) + " uid " + std::to_string(peer.uid) +
+                 ": busy, request refused");
+            ::close(fd);
+            continue;
+        }
+        std::thread([this, fd, peer] { serve(fd, peer.pid, peer.uid, peer.gid); }).detach();
+    }
+}
+
+bool ResolveServer::admit(pid_t pid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    size_t& mine = perPeer_[pid];
+    if (workers_ >= kMaxWorkers || mine >= maxPerPeer_.load()) {
+        if (mine == 0) perPeer_.erase(pid);
+        return false;
+    }
+    ++mine;
+    ++workers_;
+    return true;
+}
+
+void ResolveServer::release(pid_t pid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--perPeer_[pid] == 0) perPeer_.erase(pid);
+    if (--workers_ == 0) idle_.notify_all();
+}
+
+void ResolveServer::serve(int fd, pid_t pid, uid_t uid, gid_t gid) {
+    const auto start = Clock::now();
+    std::vector<uint8_t> bytes;
+    std::optional<ResolveRequest> request;
+    const auto deadline = start + std::chrono::milliseconds(kReadDeadlineMillis);
+    if (readFully(fd, QEL_REQUEST_HEADER, bytes, deadline)) {
+        if (const auto size = requestSize(bytes.data());
+            size && readFully(fd, *size - QEL_REQUEST_HEADER, bytes, deadline)) {
+            request = decodeRequest(bytes);
+        }
+    }
+    const ResolveAnswer answer =
+        request ? resolver_(*request) : refusal(QEL_STATUS_BAD_REQUEST, "malformed request");
+    sendAnswer(fd, answer);
+    ::close(fd);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
+    std::string line = "pid " + std::to_string(pid) + " uid " + std::to_string(uid) + " gid " +
+                       std::to_string(gid) + ": ";
+    line += request ? request->name + " " + familyName(request->family) : std::string("?");
+    line += ": " + std::string(statusName(answer.status));
+    if (answer.status == QEL_STATUS_ANSWERED) {
+        line += ", " + std::to_string(answer.addresses.size()) + " address(es)";
+    } else if (!answer.message.empty()) {
+        line += " (" + std::to_string(answer.code) + " " + answer.message + ")";
+    }
+    line += ", " + std::to_string(micros.count()) + " us";
+    log_(line);
+    release(pid);
+}
+
+}  // namespace qel::daemon

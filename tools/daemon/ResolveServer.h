@@ -1,0 +1,69 @@
+// The daemon's Unix socket: one request and one answer per connection (qel_resolve_protocol.h).
+// Each accepted connection gets a worker thread that reads the request within a deadline,
+// resolves it and answers. Bounded: QEL_MAX_REQUEST bytes per request, `maxPerPeer` requests
+// of one process at once and `kMaxWorkers` in all (past them the caller gets QEL_STATUS_BUSY at
+// once); a malformed request gets QEL_STATUS_BAD_REQUEST. Each request's line in the log names
+// the caller by its SO_PEERCRED (pid, uid, gid).
+//
+// The socket is made 0666: any program of the machine may resolve, as with nscd's socket; the
+// answers hold only addresses, never the account or the secret.
+//
+// Threads: `start` and `stop` from one thread; the resolver and the log are called from the
+// workers, concurrently.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "ResolveMessage.h"
+
+namespace qel::daemon {
+
+class ResolveServer {
+public:
+    using Resolver = std::function<ResolveAnswer(const ResolveRequest& request)>;
+    using Log = std::function<void(const std::string& line)>;
+
+    static constexpr size_t kMaxWorkers = 256;
+    static constexpr int kReadDeadlineMillis = 2000;
+
+    ResolveServer(Resolver resolver, Log log) : resolver_(std::move(resolver)), log_(std::move(log)) {}
+    ~ResolveServer() { stop(); }
+    ResolveServer(const ResolveServer&) = delete;
+    ResolveServer& operator=(const ResolveServer&) = delete;
+
+    /// Listens on `path` (a socket file left there by an earlier run is replaced; any other
+    /// file is not) and starts accepting. False, with `error` set, when it cannot.
+    bool start(const std::string& path, size_t maxPerPeer, std::string& error);
+    /// Stops accepting, waits for the workers under way, removes the socket file.
+    void stop();
+    void setMaxPerPeer(size_t maxPerPeer) { maxPerPeer_.store(maxPerPeer); }
+
+private:
+    void acceptLoop();
+    void serve(int fd, pid_t pid, uid_t uid, gid_t gid);
+    bool admit(pid_t pid);
+    void release(pid_t pid);
+
+    const Resolver resolver_;
+    const Log log_;
+    std::string path_;
+    int listenFd_ = -1;
+    int stopFd_ = -1;
+    std::thread acceptor_;
+    std::atomic<size_t> maxPerPeer_{16};
+
+    std::mutex mutex_;  // guards what follows
+    std::condition_variable idle_;
+    std::map<pid_t, size_t> perPeer_;
+    size_t workers_ = 0;
+};
+
+}  // namespace qel::daemon

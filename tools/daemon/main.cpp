@@ -1,0 +1,122 @@
+// qel-httpdnsd: the SDK hosted once for the machine, answering every program through a Unix
+// socket (the name-service module libnss_qelhttpdns and `qeldns --daemon`) and, when
+// configured, a DNS stub. See qel-httpdnsd(8).
+#include <signal.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "DaemonConfig.h"
+#include "ResolveServer.h"
+#include "SdkResolver.h"
+
+namespace {
+
+using qel::daemon::DaemonConfig;
+
+constexpr char kUsage[] =
+    "Usage: qel-httpdnsd [--config FILE]\n"
+    "\n"
+    "Resolves names for every program of the machine through the HTTP name-resolution\n"
+    "service: one login, one cache, answers on a Unix socket (and a DNS stub when configured).\n"
+    "\n"
+    "  --config FILE   the configuration (default /etc/qel-httpdns/qel-httpdnsd.conf)\n"
+    "  -h, --help      this text\n"
+    "\n"
+    "Signals: SIGHUP reloads the configuration (a file that does not load leaves the old one in\n"
+    "place, and says why); SIGTERM and SIGINT stop. Exit status: 0 after a stop by signal, 2 for\n"
+    "a bad command line or configuration, 3 when the socket cannot be listened on.\n";
+
+// One line per write(2) on standard error, whole even when threads log at once; the journal
+// adds the time.
+void log(const std::string& line) {
+    std::string out = "qel-httpdnsd: " + line + "\n";
+    if (::write(STDERR_FILENO, out.data(), out.size()) < 0) {
+    }
+}
+
+// What a reload cannot change while running.
+void sayWhatNeedsARestart(const DaemonConfig& was, const DaemonConfig& now) {
+    const std::pair<const char*, bool> changes[] = {
+        {"service_url", was.serviceUrl != now.serviceUrl},
+        {"auth_id", was.authId != now.authId},
+        {"auth_secret_file", was.authSecret != now.authSecret},
+        {"app_id", was.appId != now.appId},
+        {"socket", was.socket != now.socket},
+        {"store", was.store != now.store},
+        {"dns_listen", was.dnsListen != now.dnsListen},
+        {"dns_upstream", was.dnsUpstream != now.dnsUpstream},
+    };
+    for (const auto& [key, changed] : changes) {
+        if (changed) log(std::string("reload: ") + key + " changed; it takes effect at the next start");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string path = DaemonConfig::kDefaultPath;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (arg == "--config" && i + 1 < argc) {
+            path = argv[++i];
+        } else {
+            std::fprintf(stderr, "qel-httpdnsd: unknown argument \"%s\"\n%s", arg.c_str(), kUsage);
+            return 2;
+        }
+    }
+    std::string error;
+    std::optional<DaemonConfig> config = DaemonConfig::load(path, error);
+    if (!config) {
+        log(error);
+        return 2;
+    }
+    // Signals are taken by sigwait on this thread only: every thread made later inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&signals, signal);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+
+    qel::daemon::SdkResolver sdk(*config, log);
+    qel::daemon::ResolveServer server(
+        [&sdk](const qel::daemon::ResolveRequest& request) { return sdk.resolve(request); }, log);
+    if (!server.start(config->socket, config->maxPerPeer, error)) {
+        log(error);
+        return 3;
+    }
+    log("answering on " + config->socket);
+    sd_notify(0, "READY=1\nSTATUS=answering");
+    for (;;) {
+        int signal = 0;
+        if (sigwait(&signals, &signal) != 0) continue;
+        if (signal != SIGHUP) {
+            log(std::string("stopping on ") + strsignal(signal));
+            sd_notify(0, "STOPPING=1");
+            break;
+        }
+        sd_notify(0, "RELOADING=1");
+        std::optional<DaemonConfig> next = DaemonConfig::load(path, error);
+        if (!next) {
+            log("reload: " + error + "; the configuration in use is kept");
+        } else {
+            sayWhatNeedsARestart(*config, *next);
+            sdk.apply(*next);
+            server.setMaxPerPeer(next->maxPerPeer);
+            config = std::move(next);
+            log("reloaded " + path);
+        }
+        sd_notify(0, "READY=1");
+    }
+    server.stop();
+    log("stopped");
+    return 0;  // the store writes what it still holds at exit
+}
