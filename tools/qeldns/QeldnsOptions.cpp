@@ -28,6 +28,9 @@ const char QeldnsOptions::kUsage[] =
     "  --repeat N         look each name up N times (shows cache hits)\n"
     "  --design-keys      the library's own behaviour instead of its resilience profile:\n"
     "                     cache keys by the previous lookup's type, unbounded retries\n"
+    "  --daemon [SOCKET]  ask the resolver daemon qel-httpdnsd (what every program of the\n"
+    "                     machine sees) instead of the service; the SDK options are unused\n"
+    "                     (default socket /run/qel-httpdns/resolve.sock)\n"
     "  -f FILE            names from FILE, one per line ('#' starts a comment)\n"
     "  --json             one JSON object per answer\n"
     "  -v                 the SDK's console log on standard error; with --json, a\n"
@@ -119,6 +122,10 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
             options.bothFamilies = true;
         } else if (arg == "--resilient") {
             // The default now; kept so that scripts written for it go on working.
+        } else if (arg == "--daemon") {
+            // The socket is optional: a path follows only when the next word is one.
+            const bool path = i + 1 < argc && argv[i + 1][0] == '/';
+            options.daemonSocket = path ? argv[++i] : "/run/qel-httpdns/resolve.sock";
         } else if (arg == "--design-keys") {
             options.designKeys = true;
         } else if (arg == "--version") {
@@ -180,7 +187,7 @@ std::optional<QeldnsOptions> QeldnsOptions::parse(int argc, char** argv, std::st
         error = "no domain given";
         return std::nullopt;
     }
-    if (!options.names.empty() || options.namesFile) {
+    if ((!options.names.empty() || options.namesFile) && !options.daemonSocket) {
         if (!options.authId || options.authId->empty() || !options.authSecret ||
             options.authSecret->empty()) {
             error =

@@ -23,6 +23,8 @@ struct QeldnsOptions {
     // The SDK's resilience profile (own keys: never a wrong family; --timeout is each lookup's
     // deadline), unless --design-keys asks for the library's own behaviour.
     bool designKeys = false;
+    // --daemon [SOCKET]: ask the resolver daemon instead of hosting the SDK.
+    std::optional<std::string> daemonSocket;
     bool version = false;
     int repeat = 1;
     std::optional<std::string> namesFile;

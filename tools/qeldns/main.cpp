@@ -1,6 +1,13 @@
 // qeldns: resolves names from a shell through the SDK, like `dig +short` or `getent hosts`
 // for an HTTP resolution service. Uses the library's public API only.
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <chrono>
 #include <condition_variable>
@@ -14,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QeldnsOptions.h"
+#include "ResolveMessage.h"
 #include "QelHttpDnsSDK/QelHttpDnsSDK.h"
 
 namespace {
@@ -128,6 +136,70 @@ Result lookUp(QelHttpDnsManager& dns, const std::string& name, int64_t type,
     std::unique_lock<std::mutex> lock(shared->mutex);
     shared->done.wait_for(lock, limit, [&] { return shared->result.answered; });
     return shared->result;
+}
+
+// Asks the resolver daemon on `socketPath` instead of hosting the SDK: what every program of the
+// machine sees through the name-service module. `unreachable` tells why when it did not answer.
+Result askDaemon(const std::string& socketPath, const std::string& name, int64_t type,
+                 Clock::duration limit, std::string& unreachable) {
+    Result result;
+    const auto start = Clock::now();
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
+    qel::daemon::ResolveRequest request;
+    request.family = type == 1 ? QEL_FAMILY_V4 : QEL_FAMILY_V6;
+    request.deadlineMillis = static_cast<uint32_t>(std::min<long long>(millis, UINT32_MAX));
+    request.name = name;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (socketPath.size() >= sizeof address.sun_path) {
+        unreachable = "the socket path is too long";
+    } else {
+        std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+        if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            unreachable = std::strerror(errno);
+        }
+    }
+    const std::vector<uint8_t> bytes = qel::daemon::encodeRequest(request);
+    std::vector<uint8_t> answerBytes;
+    if (unreachable.empty() &&
+        ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+        uint8_t buffer[QEL_MAX_ANSWER];
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(start + limit - Clock::now());
+            pollfd ready{fd, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) break;
+            const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+            if (got <= 0 || answerBytes.size() + static_cast<size_t>(got) > QEL_MAX_ANSWER) break;
+            answerBytes.insert(answerBytes.end(), buffer, buffer + got);
+        }
+    }
+    if (fd >= 0) ::close(fd);
+    if (!unreachable.empty()) return result;
+    const auto answer = qel::daemon::decodeAnswer(answerBytes);
+    if (!answer) {
+        unreachable = answerBytes.empty() ? "no answer" : "a malformed answer";
+        return result;
+    }
+    result.answered = true;
+    result.microseconds =
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+    if (answer->status != QEL_STATUS_ANSWERED) {
+        result.error = QelDNSUntil::errorCode(answer->code, answer->message);
+        return result;
+    }
+    QelDNSLookupTrace trace;
+    result.ips.emplace();
+    for (const auto& given : answer->addresses) {
+        char text[INET6_ADDRSTRLEN];
+        const int af = given.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6;
+        if (!inet_ntop(af, given.bytes.data(), text, sizeof text)) continue;
+        result.ips->push_back(text);
+        const auto ttl = static_cast<int64_t>(given.ttl);
+        trace.ttl = trace.ttl < 0 ? ttl : std::min(trace.ttl, ttl);
+    }
+    result.trace = trace;
+    return result;
 }
 
 bool readNames(const std::string& path, std::vector<std::string>& names) {
@@ -289,6 +361,32 @@ void configure(QelHttpDnsManager& dns, const QeldnsOptions& options) {
 
 }  // namespace
 
+// Every name of `names`, asked of the daemon; exit status as for the SDK's own lookups.
+int askDaemonFor(const QeldnsOptions& options, const std::vector<std::string>& names) {
+    const double seconds = options.timeout > 0 ? options.timeout : 20.0;
+    const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    bool failed = false, noAddress = false;
+    const std::vector<int64_t> types =
+        options.bothFamilies ? std::vector<int64_t>{1, 2} : std::vector<int64_t>{options.type};
+    for (const std::string& name : names) {
+        const std::string asked =
+            name.size() > 1 && name.back() == '.' ? name.substr(0, name.size() - 1) : name;
+        for (const int64_t type : types) {
+            std::string unreachable;
+            const Result result = askDaemon(*options.daemonSocket, asked, type, limit, unreachable);
+            if (!unreachable.empty()) {
+                std::fprintf(stderr, "qeldns: the daemon at %s did not answer: %s\n",
+                             shown(*options.daemonSocket).c_str(), unreachable.c_str());
+                return 1;
+            }
+            const Outcome outcome = report(options, name, type, result, seconds);
+            failed |= outcome == Outcome::Failed;
+            noAddress |= outcome == Outcome::NoAddress;
+        }
+    }
+    return failed ? 1 : noAddress ? 3 : 0;
+}
+
 int main(int argc, char** argv) {
     std::string usageError;
     std::optional<QeldnsOptions> parsed = QeldnsOptions::parse(argc, argv, usageError);
@@ -316,6 +414,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    if (options.daemonSocket) return askDaemonFor(options, names);
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
     configure(dns, options);
     if (options.clearCache) dns.cleanAllCache();
