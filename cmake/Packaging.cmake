@@ -14,8 +14,10 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "HTTP-based name resolution client library
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
   "Resolves host names over HTTP through a resolution service, with a cache kept
 in memory and on disk. Contains the QelHttpDnsSDK C++17 library with its
-headers, CMake and pkg-config files, the qeldns command-line client and
-qel-httpdns-server, a reference resolution service.")
+headers, CMake and pkg-config files, the qeldns command-line client,
+qel-httpdnsd (a resolver daemon for every program of the machine, with its
+name-service module libnss_qelhttpdns and a DNS stub) and qel-httpdns-server,
+a reference resolution service.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${QEL_PACKAGE_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -34,6 +36,10 @@ if(QEL_DPKG_SHLIBDEPS)
 else()
   # Debian 12's names for the libraries the binaries link.
   set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libc-ares2, libmicrohttpd12")
+    "libc6, libstdc++6, libgcc-s1, libcurl4, libssl3, libsqlite3-0, libc-ares2, libmicrohttpd12, libsystemd0, libldns3")
 endif()
+# The name-service module goes before "dns" on the hosts: line, and off it again; the
+# daemon's configuration is the administrator's.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+  "${PROJECT_SOURCE_DIR}/cmake/debian/postinst;${PROJECT_SOURCE_DIR}/cmake/debian/postrm;${PROJECT_SOURCE_DIR}/cmake/debian/conffiles")
 include(CPack)

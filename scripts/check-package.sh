@@ -33,7 +33,9 @@ dpkg-deb -x "$deb" "$root"
 libdir=$(dirname "$(find "$root" -name libQelHttpDnsSDK.so.1)")
 [ -d "$libdir" ] || fail "libQelHttpDnsSDK.so.1 is not in the package"
 for file in usr/bin/qeldns usr/bin/qel-httpdns-server usr/share/man/man1/qeldns.1 \
-            usr/share/man/man1/qel-httpdns-server.1 \
+            usr/share/man/man1/qel-httpdns-server.1 usr/sbin/qel-httpdnsd \
+            usr/share/man/man8/qel-httpdnsd.8 usr/lib/systemd/system/qel-httpdnsd.service \
+            etc/qel-httpdns/qel-httpdnsd.conf \
             usr/include/QelHttpDnsSDK/QelHttpDnsSDK.h; do
     [ -e "$root/$file" ] || fail "$file is not in the package"
 done
@@ -43,11 +45,31 @@ for file in libQelHttpDnsSDK.so pkgconfig/QelHttpDnsSDK.pc \
 done
 programs=$(ls "$root/usr/bin" | tr '\n' ' ')
 [ "$programs" = "qel-httpdns-server qeldns " ] || fail "unexpected programs: $programs"
+"$root/usr/sbin/qel-httpdnsd" --help >/dev/null 2>&1 || true  # checked below with the library
 
-# Both man pages render without a warning (preconv reads their UTF-8).
-for page in qeldns qel-httpdns-server; do
-    warnings=$(groff -k -man -Tutf8 -ww -z "$root/usr/share/man/man1/$page.1" 2>&1)
-    [ -z "$warnings" ] || fail "man page $page.1: $warnings"
+# Every man page renders without a warning (preconv reads their UTF-8).
+for page in man1/qeldns.1 man1/qel-httpdns-server.1 man8/qel-httpdnsd.8; do
+    warnings=$(groff -k -man -Tutf8 -ww -z "$root/usr/share/man/$page" 2>&1)
+    [ -z "$warnings" ] || fail "man page $page: $warnings"
+done
+dpkg-deb -I "$deb" conffiles | grep -qx /etc/qel-httpdns/qel-httpdnsd.conf ||
+    fail "the daemon's configuration is not a conffile"
+
+# The maintainer scripts put the module before "dns" once, and take it off again.
+mkdir -p "$work/nss/etc"
+for hosts in "files dns" "files mdns4_minimal [NOTFOUND=return] dns myhostname" "files"; do
+    printf 'passwd: files\nhosts: %s\n' "$hosts" >"$work/nss/etc/nsswitch.conf"
+    dpkg-deb -e "$deb" "$work/control"
+    for step in "postinst configure" "postinst configure" "postrm remove"; do
+        DPKG_ROOT=$work/nss sh "$work/control/${step%% *}" "${step#* }"
+        line=$(sed -n 's/^hosts: //p' "$work/nss/etc/nsswitch.conf")
+        case "$step" in
+            postinst*) [ "$line" = "$(printf '%s' "$hosts" | sed -E 's/(^| )dns( |$)/\1qelhttpdns dns\2/;t;s/$/ qelhttpdns/')" ] ||
+                fail "$step on \"$hosts\" left \"$line\"" ;;
+            postrm*) [ "$line" = "$hosts" ] || fail "$step on \"$hosts\" left \"$line\"" ;;
+        esac
+    done
+    rm -rf "$work/control"
 done
 
 # The packaged programs run with the packaged library (no RPATH points back to the build tree).
@@ -57,6 +79,7 @@ ldd "$root/usr/bin/qeldns" | grep -q "$libdir/libQelHttpDnsSDK.so.1" ||
 "$root/usr/bin/qeldns" --help | grep -q '^usage: qeldns' || fail "qeldns --help failed"
 "$root/usr/bin/qel-httpdns-server" --help | grep -q '^Usage: qel-httpdns-server' ||
     fail "qel-httpdns-server --help failed"
+"$root/usr/sbin/qel-httpdnsd" --help | grep -q '^Usage: qel-httpdnsd' || fail "qel-httpdnsd --help failed"
 
 # An application builds against the unpacked root alone; without arguments it prints its usage.
 cmake -S examples/minimal -B "$work/minimal" -DCMAKE_PREFIX_PATH="$root/usr" \

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -200,6 +201,17 @@ std::optional<DaemonConfig> DaemonConfig::parse(const std::string& text, const s
     }
     config.maxNames = static_cast<size_t>(maxNames);
     config.maxPerPeer = static_cast<size_t>(maxPerPeer);
+    // A relative path names a credential systemd passed in (LoadCredential=), which it makes
+    // readable by the service's user alone.
+    if (secretFile[0] != '/') {
+        const char* credentials = std::getenv("CREDENTIALS_DIRECTORY");
+        if (!credentials || credentials[0] != '/') {
+            error = path + ": auth_secret_file \"" + secretFile +
+                    "\" is relative, and no credentials directory was passed (LoadCredential=)";
+            return std::nullopt;
+        }
+        secretFile = std::string(credentials) + "/" + secretFile;
+    }
     std::string why;
     const auto secret = readSecret(secretFile, why);
     if (!secret) {
