@@ -20,7 +20,7 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text server_request)
+[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text server_request daemon_request)
 
 scripts/setup.sh
 cmake --preset fuzz >/dev/null
