@@ -1,0 +1,149 @@
+// qel-httpdnsd as a child process, in front of the reference service on loopback: what a caller
+// of its socket gets for each family, a malformed request and a busy caller; what it logs and
+// never logs; its configuration refused line by line, and reloaded.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ResolveMessage.h"
+#include "ServerTestSupport.h"
+
+namespace {
+
+using namespace qel::daemon;
+using namespace qel::server::test;
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Sends `bytes` to the socket and reads the answer to the end.
+std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std::vector<uint8_t>& bytes) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<uint8_t> answer;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+        uint8_t buffer[QEL_MAX_ANSWER];
+        for (ssize_t got; (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.insert(answer.end(), buffer, buffer + got);
+    }
+    ::close(fd);
+    return decodeAnswer(answer);
+}
+
+std::vector<std::string> addressesOf(const ResolveAnswer& answer) {
+    std::vector<std::string> texts;
+    for (const auto& address : answer.addresses) {
+        char text[INET6_ADDRSTRLEN];
+        inet_ntop(address.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6, address.bytes.data(), text, sizeof text);
+        texts.push_back(std::string(text) + "/" + std::to_string(address.ttl));
+    }
+    return texts;
+}
+
+// The service, a secret file only its owner reads, a configuration and the daemon.
+struct Daemon {
+    explicit Daemon(const std::string& extra = "") {
+        secret.write(std::string(kSecret) + "\n");
+        ::chmod(secret.path().c_str(), 0600);
+        writeConfig(extra);
+        process = std::make_unique<ChildProcess>(QEL_DAEMON_BINARY, std::vector<std::string>{"--config", config.path()});
+        EXPECT_TRUE(eventually([&] { return contains(process->errors(), "answering on"); })) << process->errors();
+    }
+    void writeConfig(const std::string& extra) const {
+        config.write("service_url = " + service.url() + "\nauth_id = " + kAuthId + "\nauth_secret_file = " +
+                     secret.path() + "\nsocket = " + socket + "\nstore = " + scratch.file("store") +
+                     "\ntimeout = 2\nmax_per_peer = 2\n" + extra);
+    }
+    std::optional<ResolveAnswer> ask(const std::string& name, int family) const {
+        return askSocket(socket, encodeRequest({family, 2000, name}));
+    }
+
+    LocalService service{"www.example.test 60 A 192.0.2.10\nwww.example.test 60 AAAA 2001:db8::10\n"
+                         "v4only.test 30 A 192.0.2.11\n"};
+    qel::test::ScratchDirectory scratch;
+    TempFile secret, config;
+    const std::string socket = scratch.file("resolve.sock");
+    std::unique_ptr<ChildProcess> process;
+};
+
+}  // namespace
+
+TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
+    const Daemon daemon;
+    using Strings = std::vector<std::string>;
+    const struct {
+        std::string name;
+        int family, status;
+        Strings addresses;
+    } rows[] = {
+        {"www.example.test", QEL_FAMILY_BOTH, QEL_STATUS_ANSWERED, {"192.0.2.10/60", "2001:db8::10/60"}},
+        {"www.example.test", QEL_FAMILY_V6, QEL_STATUS_ANSWERED, {"2001:db8::10/60"}},
+        {"v4only.test", QEL_FAMILY_V6, QEL_STATUS_NOT_FOUND, {}},  // the service has no address
+        {"bad..name", QEL_FAMILY_V4, QEL_STATUS_NOT_FOUND, {}},    // the SDK refuses the name
+    };
+    for (const auto& row : rows) {
+        const auto answer = daemon.ask(row.name, row.family);
+        ASSERT_TRUE(answer) << row.name;
+        EXPECT_EQ(answer->status, row.status) << row.name << " " << answer->message;
+        EXPECT_EQ(addressesOf(*answer), row.addresses) << row.name;
+    }
+    std::vector<uint8_t> control = encodeRequest({QEL_FAMILY_V4, 0, "a\nb.test"});
+    for (const auto& bytes : {std::vector<uint8_t>{'Q', 'E', 'L', '2', 0, 0, 0, 1, 0, 0, 0, 0, 'a'}, control}) {
+        const auto answer = askSocket(daemon.socket, bytes);
+        EXPECT_EQ(answer ? answer->status : -1, QEL_STATUS_BAD_REQUEST);
+    }
+    // What a user sees: the same answer through qeldns --daemon.
+    ChildProcess qeldns(QELDNS_BINARY, {"--daemon", daemon.socket, "-a", "www.example.test"});
+    EXPECT_EQ(qeldns.wait(), 0);
+    EXPECT_TRUE(contains(qeldns.output(), "www.example.test 2001:db8::10 (ttl 6")) << qeldns.output();
+    const std::string log = daemon.process->errors();
+    EXPECT_TRUE(contains(log, "pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid()))) << log;
+    EXPECT_FALSE(contains(log, kSecret) || contains(log, "request headers")) << log;
+}
+
+TEST(Daemon, RefusesABadConfigurationByItsLineAndKeepsTheOneInUseOnAFailedReload) {
+    Daemon daemon;
+    const struct {
+        std::string extra, error;
+    } rows[] = {
+        {"colour = blue\n", ":8: unknown key \"colour\""},
+        {"per_network = maybe\n", ":8: per_network needs yes or no"},
+        {"timeout = 1\n", ":8: timeout is given twice"},
+    };
+    for (const auto& row : rows) {
+        daemon.writeConfig(row.extra);
+        ChildProcess refused(QEL_DAEMON_BINARY, {"--config", daemon.config.path()});
+        EXPECT_EQ(refused.wait(), 2) << row.extra;
+        EXPECT_TRUE(contains(refused.errors(), daemon.config.path() + row.error)) << refused.errors();
+        ::kill(daemon.process->pid, SIGHUP);
+        EXPECT_TRUE(eventually([&] { return contains(daemon.process->errors(), row.error + "; the configuration in use is kept"); }));
+    }
+    ::chmod(daemon.secret.path().c_str(), 0640);
+    daemon.writeConfig("");
+    ChildProcess open(QEL_DAEMON_BINARY, {"--config", daemon.config.path()});
+    EXPECT_EQ(open.wait(), 2);
+    EXPECT_TRUE(contains(open.errors(), "readable or writable by others than its owner")) << open.errors();
+    // Debugging shows the SDK's requests, never the signature that could be replayed.
+    ::chmod(daemon.secret.path().c_str(), 0600);
+    daemon.writeConfig("debug = yes\n");
+    ::kill(daemon.process->pid, SIGHUP);
+    EXPECT_TRUE(eventually([&] { return contains(daemon.process->errors(), "reloaded"); }));
+    ASSERT_TRUE(daemon.ask("v4only.test", QEL_FAMILY_V4));
+    const std::string log = daemon.process->errors();
+    EXPECT_TRUE(contains(log, "\"Authorization\": \"(hidden)\"")) << log;
+    EXPECT_FALSE(contains(log, "MD5 ")) << log;
+    ::kill(daemon.process->pid, SIGTERM);
+    EXPECT_EQ(daemon.process->wait(), 0);
+    EXPECT_NE(::access(daemon.socket.c_str(), F_OK), 0) << "the socket is removed";
+}
