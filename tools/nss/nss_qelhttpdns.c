@@ -46,7 +46,7 @@ EXPORT nss_gethostbyname_r _nss_qelhttpdns_gethostbyname_r;
 struct address {
     int family; /* AF_INET or AF_INET6 */
     uint32_t ttl;
-    const unsigned char *bytes;
+    const unsigned char* bytes;
 };
 
 struct answer {
@@ -55,21 +55,21 @@ struct answer {
     struct address addresses[QEL_MAX_ADDRESSES];
 };
 
-static uint32_t read_u32(const unsigned char *p) {
+static uint32_t read_u32(const unsigned char* p) {
     return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3];
 }
 
-static enum nss_status fail(enum nss_status status, int error, int herror, int *errnop,
-                            int *h_errnop) {
+static enum nss_status fail(enum nss_status status, int error, int herror, int* errnop,
+                            int* h_errnop) {
     *errnop = error;
     *h_errnop = herror;
     return status;
 }
 
 static int timeout_ms(void) {
-    const char *text = secure_getenv("QEL_HTTPDNS_TIMEOUT_MS");
+    const char* text = secure_getenv("QEL_HTTPDNS_TIMEOUT_MS");
     if (text == NULL || *text == '\0') return DEFAULT_TIMEOUT_MS;
-    char *end;
+    char* end;
     unsigned long value = strtoul(text, &end, 10);
     return *end == '\0' && value > 0 && value <= 600000 ? (int)value : DEFAULT_TIMEOUT_MS;
 }
@@ -94,13 +94,13 @@ static int wait_for(int fd, short events, int64_t end) {
 }
 
 static int connect_daemon(int fd, int64_t end) {
-    const char *path = secure_getenv("QEL_HTTPDNS_SOCKET");
+    const char* path = secure_getenv("QEL_HTTPDNS_SOCKET");
     if (path == NULL || *path == '\0') path = QEL_DEFAULT_SOCKET;
     struct sockaddr_un to = {.sun_family = AF_UNIX};
     if (strlen(path) >= sizeof to.sun_path) return ENAMETOOLONG;
     strcpy(to.sun_path, path);
     for (;;) {
-        if (connect(fd, (const struct sockaddr *)&to, sizeof to) == 0) return 0;
+        if (connect(fd, (const struct sockaddr*)&to, sizeof to) == 0) return 0;
         if (errno == EAGAIN) { /* the daemon's backlog is full: try again shortly */
             int64_t left = end - now_ms();
             if (left <= 0) return ETIMEDOUT;
@@ -117,7 +117,7 @@ static int connect_daemon(int fd, int64_t end) {
     }
 }
 
-static int send_all(int fd, const unsigned char *data, size_t size, int64_t end) {
+static int send_all(int fd, const unsigned char* data, size_t size, int64_t end) {
     while (size > 0) {
         ssize_t sent = send(fd, data, size, MSG_NOSIGNAL);
         if (sent > 0) {
@@ -135,8 +135,8 @@ static int send_all(int fd, const unsigned char *data, size_t size, int64_t end)
 
 /* How much of an answer `have` bytes are: 0 complete, 1 more to come, -1 malformed. Fills the
  * list of addresses, each checked against its family and the one that was asked for. */
-static int parse(struct answer *a, size_t have, int asked) {
-    const unsigned char *w = a->wire;
+static int parse(struct answer* a, size_t have, int asked) {
+    const unsigned char* w = a->wire;
     if (have < QEL_ANSWER_HEADER) return 1;
     if (memcmp(w, QEL_PROTOCOL_MAGIC, 4) != 0) return -1;
     size_t count = (size_t)w[6] << 8 | w[7], message = (size_t)w[12] << 8 | w[13];
@@ -157,8 +157,8 @@ static int parse(struct answer *a, size_t have, int asked) {
 
 /* Asks the daemon for `name` (one trailing dot dropped) in `family`; SUCCESS with at least one
  * address in `a`, or the caller's status. */
-static enum nss_status ask(const char *name, int family, struct answer *a, int *errnop,
-                           int *h_errnop) {
+static enum nss_status ask(const char* name, int family, struct answer* a, int* errnop,
+                           int* h_errnop) {
     size_t length = strnlen(name, QEL_MAX_NAME + 2);
     if (length > 0 && name[length - 1] == '.') length--;
     if (length == 0 || length > QEL_MAX_NAME)
@@ -194,8 +194,8 @@ static enum nss_status ask(const char *name, int family, struct answer *a, int *
     }
     close(fd);
     if (error != 0)
-        return fail(NSS_STATUS_UNAVAIL, error, error == ETIMEDOUT ? TRY_AGAIN : NO_RECOVERY,
-                    errnop, h_errnop);
+        return fail(NSS_STATUS_UNAVAIL, error, error == ETIMEDOUT ? TRY_AGAIN : NO_RECOVERY, errnop,
+                    h_errnop);
     switch (state < 0 ? -1 : a->wire[4]) {
         case QEL_STATUS_ANSWERED:
             if (a->count > 0) return NSS_STATUS_SUCCESS;
@@ -203,8 +203,7 @@ static enum nss_status ask(const char *name, int family, struct answer *a, int *
         case QEL_STATUS_NOT_FOUND:
             return fail(NSS_STATUS_NOTFOUND, ENOENT, HOST_NOT_FOUND, errnop, h_errnop);
         case QEL_STATUS_UNAVAILABLE:
-        case QEL_STATUS_BUSY:
-            return fail(NSS_STATUS_UNAVAIL, EAGAIN, TRY_AGAIN, errnop, h_errnop);
+        case QEL_STATUS_BUSY: return fail(NSS_STATUS_UNAVAIL, EAGAIN, TRY_AGAIN, errnop, h_errnop);
         case QEL_STATUS_BAD_REQUEST:
             return fail(NSS_STATUS_UNAVAIL, EINVAL, NO_RECOVERY, errnop, h_errnop);
     }
@@ -212,46 +211,45 @@ static enum nss_status ask(const char *name, int family, struct answer *a, int *
 }
 
 /* Hands out `size` bytes of the caller's buffer at `align`, or NULL when it is too small. */
-static void *take(char **next, char *end, size_t size, size_t align) {
+static void* take(char** next, char* end, size_t size, size_t align) {
     uintptr_t at = ((uintptr_t)*next + align - 1) & ~(uintptr_t)(align - 1);
     if (at > (uintptr_t)end || size > (uintptr_t)end - at) return NULL;
-    *next = (char *)at + size;
-    return (void *)at;
+    *next = (char*)at + size;
+    return (void*)at;
 }
 
-static char *copy_name(const char *name, char **next, char *end) {
+static char* copy_name(const char* name, char** next, char* end) {
     size_t length = strlen(name);
-    char *copy = take(next, end, length + 1, 1);
+    char* copy = take(next, end, length + 1, 1);
     if (copy != NULL) memcpy(copy, name, length + 1);
     return copy;
 }
 
-static int32_t smallest_ttl(const struct answer *a) {
+static int32_t smallest_ttl(const struct answer* a) {
     uint32_t ttl = UINT32_MAX;
     for (size_t i = 0; i < a->count; i++)
         if (a->addresses[i].ttl < ttl) ttl = a->addresses[i].ttl;
     return ttl > INT32_MAX ? INT32_MAX : (int32_t)ttl;
 }
 
-static enum nss_status too_small(int *errnop, int *h_errnop) {
+static enum nss_status too_small(int* errnop, int* h_errnop) {
     return fail(NSS_STATUS_TRYAGAIN, ERANGE, NETDB_INTERNAL, errnop, h_errnop);
 }
 
-enum nss_status _nss_qelhttpdns_gethostbyname4_r(const char *name,
-                                                         struct gaih_addrtuple **pat,
-                                                         char *buffer, size_t buflen, int *errnop,
-                                                         int *h_errnop, int32_t *ttlp) {
+enum nss_status _nss_qelhttpdns_gethostbyname4_r(const char* name, struct gaih_addrtuple** pat,
+                                                 char* buffer, size_t buflen, int* errnop,
+                                                 int* h_errnop, int32_t* ttlp) {
     struct answer a;
     enum nss_status status = ask(name, QEL_FAMILY_BOTH, &a, errnop, h_errnop);
     if (status != NSS_STATUS_SUCCESS) return status;
     char *next = buffer, *end = buffer + buflen;
-    char *copy = copy_name(name, &next, end);
-    struct gaih_addrtuple *list = take(&next, end, a.count * sizeof *list, alignof(*list));
+    char* copy = copy_name(name, &next, end);
+    struct gaih_addrtuple* list = take(&next, end, a.count * sizeof *list, alignof(*list));
     if (copy == NULL || list == NULL) return too_small(errnop, h_errnop);
     for (size_t i = 0; i < a.count; i++) {
-        list[i] = (struct gaih_addrtuple){
-            .next = i + 1 < a.count ? &list[i + 1] : NULL, .name = copy,
-            .family = a.addresses[i].family};
+        list[i] = (struct gaih_addrtuple){.next = i + 1 < a.count ? &list[i + 1] : NULL,
+                                          .name = copy,
+                                          .family = a.addresses[i].family};
         memcpy(list[i].addr, a.addresses[i].bytes, a.addresses[i].family == AF_INET ? 4 : 16);
     }
     /* A caller may hand in a tuple of its own to fill first. */
@@ -263,11 +261,9 @@ enum nss_status _nss_qelhttpdns_gethostbyname4_r(const char *name,
     return NSS_STATUS_SUCCESS;
 }
 
-enum nss_status _nss_qelhttpdns_gethostbyname3_r(const char *name, int af,
-                                                         struct hostent *host, char *buffer,
-                                                         size_t buflen, int *errnop,
-                                                         int *h_errnop, int32_t *ttlp,
-                                                         char **canonp) {
+enum nss_status _nss_qelhttpdns_gethostbyname3_r(const char* name, int af, struct hostent* host,
+                                                 char* buffer, size_t buflen, int* errnop,
+                                                 int* h_errnop, int32_t* ttlp, char** canonp) {
     if (af != AF_INET && af != AF_INET6)
         return fail(NSS_STATUS_UNAVAIL, EAFNOSUPPORT, NO_RECOVERY, errnop, h_errnop);
     struct answer a;
@@ -276,10 +272,10 @@ enum nss_status _nss_qelhttpdns_gethostbyname3_r(const char *name, int af,
     if (status != NSS_STATUS_SUCCESS) return status;
     size_t size = af == AF_INET ? 4 : 16;
     char *next = buffer, *end = buffer + buflen;
-    char *copy = copy_name(name, &next, end);
-    char **aliases = take(&next, end, sizeof(char *), alignof(char *));
-    char **list = take(&next, end, (a.count + 1) * sizeof(char *), alignof(char *));
-    char *bytes = take(&next, end, a.count * size, alignof(uint32_t));
+    char* copy = copy_name(name, &next, end);
+    char** aliases = take(&next, end, sizeof(char*), alignof(char*));
+    char** list = take(&next, end, (a.count + 1) * sizeof(char*), alignof(char*));
+    char* bytes = take(&next, end, a.count * size, alignof(uint32_t));
     if (copy == NULL || aliases == NULL || list == NULL || bytes == NULL)
         return too_small(errnop, h_errnop);
     for (size_t i = 0; i < a.count; i++) {
@@ -287,24 +283,26 @@ enum nss_status _nss_qelhttpdns_gethostbyname3_r(const char *name, int af,
     }
     list[a.count] = NULL;
     aliases[0] = NULL;
-    *host = (struct hostent){.h_name = copy, .h_aliases = aliases, .h_addrtype = af,
-                             .h_length = (int)size, .h_addr_list = list};
+    *host = (struct hostent){.h_name = copy,
+                             .h_aliases = aliases,
+                             .h_addrtype = af,
+                             .h_length = (int)size,
+                             .h_addr_list = list};
     if (ttlp != NULL) *ttlp = smallest_ttl(&a);
     if (canonp != NULL) *canonp = copy;
     return NSS_STATUS_SUCCESS;
 }
 
-enum nss_status _nss_qelhttpdns_gethostbyname2_r(const char *name, int af,
-                                                         struct hostent *host, char *buffer,
-                                                         size_t buflen, int *errnop,
-                                                         int *h_errnop) {
-    return _nss_qelhttpdns_gethostbyname3_r(name, af, host, buffer, buflen, errnop, h_errnop,
-                                            NULL, NULL);
+enum nss_status _nss_qelhttpdns_gethostbyname2_r(const char* name, int af, struct hostent* host,
+                                                 char* buffer, size_t buflen, int* errnop,
+                                                 int* h_errnop) {
+    return _nss_qelhttpdns_gethostbyname3_r(name, af, host, buffer, buflen, errnop, h_errnop, NULL,
+                                            NULL);
 }
 
-enum nss_status _nss_qelhttpdns_gethostbyname_r(const char *name, struct hostent *host,
-                                                        char *buffer, size_t buflen, int *errnop,
-                                                        int *h_errnop) {
+enum nss_status _nss_qelhttpdns_gethostbyname_r(const char* name, struct hostent* host,
+                                                char* buffer, size_t buflen, int* errnop,
+                                                int* h_errnop) {
     return _nss_qelhttpdns_gethostbyname3_r(name, AF_INET, host, buffer, buflen, errnop, h_errnop,
                                             NULL, NULL);
 }
