@@ -13,8 +13,12 @@
  *   buffer too small             TRYAGAIN, ERANGE, NETDB_INTERNAL (glibc retries with more)
  *   daemon busy, unavailable,
  *   or silent past the deadline  UNAVAIL, EAGAIN or ETIMEDOUT, TRY_AGAIN
- *   no daemon, a request it
- *   refused, a garbled answer    UNAVAIL, the errno (or EBADMSG), NO_RECOVERY
+ *   no daemon, a request it      UNAVAIL, NO_RECOVERY, and the errno of the socket call, EINVAL
+ *   refused, a garbled answer    (refused) or EBADMSG (garbled)
+ *   an address family other
+ *   than AF_INET or AF_INET6     UNAVAIL, EAFNOSUPPORT, NO_RECOVERY
+ * Under glibc's getaddrinfo, TRY_AGAIN becomes EAI_AGAIN when no other source answers, and
+ * NO_RECOVERY or HOST_NOT_FOUND become EAI_NONAME.
  * The deadline is 5 s from the call ($QEL_HTTPDNS_TIMEOUT_MS overrides it), sent to the daemon
  * and enforced here on connect, send and receive. */
 #define _GNU_SOURCE
