@@ -1,7 +1,9 @@
 // qel-httpdnsd as a child process, in front of the reference service on loopback: what a caller
 // of its socket gets for each family, a malformed request and a busy caller; what it logs and
 // never logs; its configuration refused line by line, and reloaded.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,6 +26,31 @@ using namespace qel::daemon;
 using namespace qel::server::test;
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+extern "C" int __nss_configure_lookup(const char* database, const char* service);
+
+// What getaddrinfo says for `name` with the name-service module as the only source of hosts.
+std::string throughTheModule(const std::string& socketPath, const char* name, int family) {
+    static void* const module = dlopen(NSS_MODULE, RTLD_NOW);  // found again by its name
+    if (!module) return "no module";
+    ::setenv("QEL_HTTPDNS_SOCKET", socketPath.c_str(), 1);
+    __nss_configure_lookup("hosts", "qelhttpdns");
+    addrinfo hints{};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int status = ::getaddrinfo(name, nullptr, &hints, &found);
+    if (status != 0) return gai_strerror(status);
+    std::string addresses;
+    for (const addrinfo* at = found; at; at = at->ai_next) {
+        char text[INET6_ADDRSTRLEN];
+        const void* bytes = at->ai_family == AF_INET ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(at->ai_addr)->sin_addr)
+                                                     : &reinterpret_cast<sockaddr_in6*>(at->ai_addr)->sin6_addr;
+        addresses += (addresses.empty() ? "" : " ") + std::string(inet_ntop(at->ai_family, bytes, text, sizeof text));
+    }
+    ::freeaddrinfo(found);
+    return addresses;
+}
 
 // Sends `bytes` to the socket and reads the answer to the end.
 std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std::vector<uint8_t>& bytes) {
@@ -103,7 +130,9 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
         const auto answer = askSocket(daemon.socket, bytes);
         EXPECT_EQ(answer ? answer->status : -1, QEL_STATUS_BAD_REQUEST);
     }
-    // What a user sees: the same answer through qeldns --daemon.
+    // What every program sees through the name-service module, and a user through qeldns.
+    EXPECT_EQ(throughTheModule(daemon.socket, "www.example.test.", AF_UNSPEC), "192.0.2.10 2001:db8::10");
+    EXPECT_EQ(throughTheModule(daemon.socket, "v4only.test", AF_INET6), gai_strerror(EAI_NONAME));
     ChildProcess qeldns(QELDNS_BINARY, {"--daemon", daemon.socket, "-a", "www.example.test"});
     EXPECT_EQ(qeldns.wait(), 0);
     EXPECT_TRUE(contains(qeldns.output(), "www.example.test 2001:db8::10 (ttl 6")) << qeldns.output();
