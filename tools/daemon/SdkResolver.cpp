@@ -108,6 +108,11 @@ ResolveAnswer SdkResolver::resolve(const ResolveRequest& request) {
         std::condition_variable done;
         Outcome outcomes[2];
     };
+    // The SDK drops a lookup made before the first login reply: wait for it, within the deadline.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (QelHttpDnsManager::shared().initStatus() == 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     auto shared = std::make_shared<Shared>();
     const std::vector<int> families = request.family == QEL_FAMILY_BOTH
                                           ? std::vector<int>{QEL_FAMILY_V4, QEL_FAMILY_V6}
@@ -127,8 +132,8 @@ ResolveAnswer SdkResolver::resolve(const ResolveRequest& request) {
             });
     }
     std::unique_lock<std::mutex> lock(shared->mutex);
-    const bool all = shared->done.wait_for(
-        lock, std::chrono::duration<double>(seconds), [&] {
+    const bool all = shared->done.wait_until(
+        lock, deadline, [&] {
             return shared->outcomes[0].answered && (families.size() == 1 || shared->outcomes[1].answered);
         });
     ResolveAnswer answer;

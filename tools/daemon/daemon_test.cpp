@@ -130,6 +130,17 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
         const auto answer = askSocket(daemon.socket, bytes);
         EXPECT_EQ(answer ? answer->status : -1, QEL_STATUS_BAD_REQUEST);
     }
+    // Two requests of this process under way (max_per_peer = 2): a third is told "busy" at once.
+    std::vector<int> held;
+    for (int i = 0; i < 2; ++i) {
+        sockaddr_un address{AF_UNIX, {}};
+        std::strncpy(address.sun_path, daemon.socket.c_str(), sizeof address.sun_path - 1);
+        held.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ::connect(held.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_BUSY; }));
+    for (int fd : held) ::close(fd);
+    EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_ANSWERED; }));
     // What every program sees through the name-service module, and a user through qeldns.
     EXPECT_EQ(throughTheModule(daemon.socket, "www.example.test.", AF_UNSPEC), "192.0.2.10 2001:db8::10");
     EXPECT_EQ(throughTheModule(daemon.socket, "v4only.test", AF_INET6), gai_strerror(EAI_NONAME));
