@@ -29,8 +29,9 @@ void checkHostName(const DnsQuery& query) {
                   query.hostName.find("..") == std::string::npos,
               "the host name has no empty label");
     for (char c : query.hostName) {
-        fuzzCheck((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.',
-                  "the host name holds only host-name bytes");
+        fuzzCheck(
+            (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.',
+            "the host name holds only host-name bytes");
     }
 }
 
@@ -41,7 +42,8 @@ void checkRoundTrip(const DnsQuery& query) {
     wire.append(reinterpret_cast<const char*>(ldns_rdf_data(owner)), ldns_rdf_size(owner));
     ldns_rdf_deep_free(owner);
     wire += {char(query.type >> 8), char(query.type), char(query.qclass >> 8), char(query.qclass)};
-    const auto again = DnsQueryDecoder::decode(reinterpret_cast<const uint8_t*>(wire.data()), wire.size());
+    const auto again =
+        DnsQueryDecoder::decode(reinterpret_cast<const uint8_t*>(wire.data()), wire.size());
     fuzzCheck(again.verdict == DnsQueryDecoder::Verdict::Query && again.query.name == query.name &&
                   again.query.type == query.type && again.query.qclass == query.qclass,
               "the question written again decodes the same");
@@ -52,10 +54,12 @@ void checkRoundTrip(const DnsQuery& query) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto result = DnsQueryDecoder::decode(data, size);
     if (size < LDNS_HEADER_SIZE || LDNS_QR_WIRE(data)) {
-        fuzzCheck(result.verdict == DnsQueryDecoder::Verdict::Drop, "no reply to a runt or a response");
+        fuzzCheck(result.verdict == DnsQueryDecoder::Verdict::Drop,
+                  "no reply to a runt or a response");
         return 0;
     }
-    fuzzCheck(result.verdict != DnsQueryDecoder::Verdict::Drop, "a query with a header gets a reply");
+    fuzzCheck(result.verdict != DnsQueryDecoder::Verdict::Drop,
+              "a query with a header gets a reply");
     fuzzCheck(result.query.id == ldns_read_uint16(data), "the reply echoes the id");
     if (result.verdict != DnsQueryDecoder::Verdict::Query) return 0;
     const DnsQuery& query = result.query;

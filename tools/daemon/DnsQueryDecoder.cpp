@@ -15,14 +15,15 @@ struct PktFree {
 };
 
 bool isHostByte(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           c == '-' || c == '_' || c == '.';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == '.';
 }
 
 // ldns escapes every byte that is not plain in presentation form, so a name free of
 // backslashes holds only the bytes it shows.
 std::string hostNameOf(const std::string& presentation) {
-    if (presentation.size() < 2 || !std::all_of(presentation.begin(), presentation.end(), isHostByte)) {
+    if (presentation.size() < 2 ||
+        !std::all_of(presentation.begin(), presentation.end(), isHostByte)) {
         return {};
     }
     std::string host = presentation.substr(0, presentation.size() - 1);
@@ -51,7 +52,8 @@ DnsQueryDecoder::Result DnsQueryDecoder::decode(const uint8_t* data, size_t size
     ldns_pkt* raw = nullptr;
     if (ldns_wire2pkt(&raw, data, size) != LDNS_STATUS_OK) return result;
     const std::unique_ptr<ldns_pkt, PktFree> pkt(raw);
-    if (ldns_pkt_qdcount(pkt.get()) != 1 || ldns_rr_list_rr_count(ldns_pkt_question(pkt.get())) != 1) {
+    if (ldns_pkt_qdcount(pkt.get()) != 1 ||
+        ldns_rr_list_rr_count(ldns_pkt_question(pkt.get())) != 1) {
         return result;
     }
     const ldns_rr* question = ldns_rr_list_rr(ldns_pkt_question(pkt.get()), 0);

@@ -29,10 +29,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kMaxMessage = 65535;      // what a TCP length prefix can say
-constexpr size_t kPerConnInFlight = 16;    // questions one TCP connection may have waiting
+constexpr size_t kMaxMessage = 65535;          // what a TCP length prefix can say
+constexpr size_t kPerConnInFlight = 16;        // questions one TCP connection may have waiting
 constexpr size_t kMaxPendingOut = 256 * 1024;  // answers a TCP client has not read yet
-constexpr uint16_t kOurUdpSize = 1232;     // what our OPT record offers (no IP fragmentation)
+constexpr uint16_t kOurUdpSize = 1232;         // what our OPT record offers (no IP fragmentation)
 // epoll keys below this name the fixed sockets; the rest are connections and relays.
 constexpr uint64_t kUdpKey = 0, kTcpKey = 1, kWakeKey = 2, kFirstKey = 16;
 
@@ -486,7 +486,8 @@ struct DnsStub::Loop {
         }
         for (const auto& [token, answer] : answers) {
             auto found = pending.find(token);
-            if (found == pending.end() || found->second.relay >= 0) continue;  // answered at its deadline
+            if (found == pending.end() || found->second.relay >= 0)
+                continue;  // answered at its deadline
             finish(found, addressAnswer(found->second.query, answer));
         }
     }
@@ -635,9 +636,11 @@ DnsStub::~DnsStub() {
 
 void DnsStub::start() {
     if (loop_) return;
-    auto loop = std::make_unique<Loop>(options_, resolve_, udp_, tcp_, findUpstream(options_, udp_));
+    auto loop =
+        std::make_unique<Loop>(options_, resolve_, udp_, tcp_, findUpstream(options_, udp_));
     if (loop->epoll < 0 || loop->inbox->wake < 0 || !loop->watch(udp_, kUdpKey, EPOLLIN) ||
-        !loop->watch(tcp_, kTcpKey, EPOLLIN) || !loop->watch(loop->inbox->wake, kWakeKey, EPOLLIN)) {
+        !loop->watch(tcp_, kTcpKey, EPOLLIN) ||
+        !loop->watch(loop->inbox->wake, kWakeKey, EPOLLIN)) {
         throw DnsStubError(std::string("cannot start the DNS stub: ") + std::strerror(errno));
     }
     loop_ = std::move(loop);

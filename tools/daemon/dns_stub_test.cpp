@@ -52,9 +52,17 @@ class DnsStubTest : public ::testing::Test {
 protected:
     void SetUp() override {
         const std::string port = std::to_string(freeUdpPort());
-        std::vector<std::string> args{"dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=" + port,
-                                      "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv", "--no-hosts",
-                                      "--pid-file=", "--txt-record=fwd.test,hello", "--mx-host=fwd.test,mail.fwd.test,10"};
+        std::vector<std::string> args{"dnsmasq",
+                                      "--no-daemon",
+                                      "--conf-file=/dev/null",
+                                      "--port=" + port,
+                                      "--listen-address=127.0.0.1",
+                                      "--bind-interfaces",
+                                      "--no-resolv",
+                                      "--no-hosts",
+                                      "--pid-file=",
+                                      "--txt-record=fwd.test,hello",
+                                      "--mx-host=fwd.test,mail.fwd.test,10"};
         std::vector<char*> argv;
         for (auto& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
@@ -121,7 +129,10 @@ TEST_F(DnsStubTest, AnswersRelaysAndRefuses) {
         const char* question;
         std::vector<const char*> expected;  // patterns, each must be found in dig's output
     } rows[] = {
-        {0, "v4.test A", {"status: NOERROR", "ANSWER: 2,", "v4\\.test\\.\\s+300\\s+IN\\s+A\\s+192\\.0\\.2\\.1", "v4\\.test\\.\\s+299\\s+IN\\s+A\\s+192\\.0\\.2\\.2"}},
+        {0,
+         "v4.test A",
+         {"status: NOERROR", "ANSWER: 2,", "v4\\.test\\.\\s+300\\s+IN\\s+A\\s+192\\.0\\.2\\.1",
+          "v4\\.test\\.\\s+299\\s+IN\\s+A\\s+192\\.0\\.2\\.2"}},
         {0, "+tcp V6.Test AAAA", {"status: NOERROR", "ANSWER: 1,", "V6\\.Test\\.\\s+77\\s+IN\\s+AAAA\\s+2001:db8::1"}},
         {0, "v4.test AAAA", {"status: NOERROR", "ANSWER: 0,"}},
         {0, "unknown.test A", {"status: NOERROR", "ANSWER: 0,"}},
@@ -148,7 +159,12 @@ TEST_F(DnsStubTest, AnswersRelaysAndRefuses) {
 TEST_F(DnsStubTest, MalformedQueries) {
     const std::string header12("\x12\x34\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00", 12);
     const std::string twoQuestions = std::string("\x12\x34\x01\x00\x00\x02", 6) + std::string(6, '\0') +
-                                     std::string("\x01" "a\x00\x00\x01\x00\x01" "\x01" "b\x00\x00\x01\x00\x01", 14);
+                                     std::string(
+                                         "\x01"
+                                         "a\x00\x00\x01\x00\x01"
+                                         "\x01"
+                                         "b\x00\x00\x01\x00\x01",
+                                         14);
     const struct {
         std::string bytes;
         int rcode;  // -1: no reply
@@ -157,8 +173,8 @@ TEST_F(DnsStubTest, MalformedQueries) {
         {std::string("\x12\x34\x81\x80", 4) + header12.substr(4), -1},  // a response
         {header12.substr(0, 11), -1},
         {twoQuestions, 1},
-        {header12, 1},                                           // says one question, has none
-        {header12 + std::string(5000, 'x'), 1},                  // too large
+        {header12, 1},                                                 // says one question, has none
+        {header12 + std::string(5000, 'x'), 1},                        // too large
         {std::string("\x12\x34\x28\x00", 4) + header12.substr(4), 4},  // an UPDATE
     };
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
