@@ -57,7 +57,7 @@ public:
         /// Relay the questions the resolver does not answer; false: answer them REFUSED.
         bool forward = true;
         /// The server to relay to: "IP", "IP:PORT" or "[IPv6]:PORT". Empty: the first
-        /// nameserver line of `resolvConf`, read by the constructor.
+        /// nameserver line of `resolvConf`, read by the constructor and again by each start().
         std::string upstream;
         std::string resolvConf = "/etc/resolv.conf";
         std::chrono::milliseconds upstreamTimeout{2000};  // then SERVFAIL
