@@ -6,7 +6,7 @@
 #   scripts/fuzz.sh                      30 s per target
 #   scripts/fuzz.sh --seconds 600        10 minutes per target
 #   scripts/fuzz.sh --seconds 60 text    one target (service_answer, keyed_archive, text,
-#                                        server_request)
+#                                        server_request, dns_stub)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,7 +20,7 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text server_request daemon_request)
+[ ${#targets[@]} -eq 0 ] && targets=(service_answer keyed_archive text server_request daemon_request dns_stub)
 
 scripts/setup.sh
 cmake --preset fuzz >/dev/null
