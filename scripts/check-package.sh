@@ -39,7 +39,7 @@ for file in usr/bin/qeldns usr/bin/qel-httpdns-server usr/share/man/man1/qeldns.
             usr/include/QelHttpDnsSDK/QelHttpDnsSDK.h; do
     [ -e "$root/$file" ] || fail "$file is not in the package"
 done
-for file in libQelHttpDnsSDK.so pkgconfig/QelHttpDnsSDK.pc \
+for file in libQelHttpDnsSDK.so libnss_qelhttpdns.so.2 pkgconfig/QelHttpDnsSDK.pc \
             cmake/QelHttpDnsSDK/QelHttpDnsSDKConfig.cmake; do
     [ -e "$libdir/$file" ] || fail "${libdir#"$root"/}/$file is not in the package"
 done

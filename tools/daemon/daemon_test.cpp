@@ -107,7 +107,8 @@ struct Daemon {
 }  // namespace
 
 TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
-    const Daemon daemon;
+    const std::string stubPort = std::to_string(freePort(SOCK_DGRAM));
+    const Daemon daemon("dns_listen = 127.0.0.1:" + stubPort + "\ndns_upstream = refuse\n");
     using Strings = std::vector<std::string>;
     const struct {
         std::string name;
@@ -141,6 +142,10 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_BUSY; }));
     for (int fd : held) ::close(fd);
     EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_ANSWERED; }));
+    // What a program that reads no nsswitch.conf sees, through the DNS stub.
+    ChildProcess dig("/usr/bin/dig", {"@127.0.0.1", "-p", stubPort, "+short", "+tries=1", "www.example.test", "AAAA"});
+    EXPECT_EQ(dig.wait(), 0);
+    EXPECT_EQ(dig.output(), "2001:db8::10\n");
     // What every program sees through the name-service module, and a user through qeldns.
     EXPECT_EQ(throughTheModule(daemon.socket, "www.example.test.", AF_UNSPEC), "192.0.2.10 2001:db8::10");
     EXPECT_EQ(throughTheModule(daemon.socket, "v4only.test", AF_INET6), gai_strerror(EAI_NONAME));

@@ -10,7 +10,12 @@
 #include <memory>
 #include <string>
 
+#include <arpa/inet.h>
+
+#include <thread>
+
 #include "DaemonConfig.h"
+#include "DnsStub.h"
 #include "ResolveServer.h"
 #include "SdkResolver.h"
 
@@ -56,6 +61,36 @@ void sayWhatNeedsARestart(const DaemonConfig& was, const DaemonConfig& now) {
     }
 }
 
+// The DNS stub, when dns_listen asks for one. Its resolver must not block the stub's thread:
+// each question is resolved on a thread of its own, bounded by the stub's questions in flight.
+std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel::daemon::SdkResolver& sdk) {
+    using qel::daemon::StubAnswer;
+    qel::daemon::DnsStub::Options options;
+    options.listen = config.dnsListen;
+    options.forward = config.dnsUpstream != "refuse";
+    if (options.forward && config.dnsUpstream != "resolv.conf") options.upstream = config.dnsUpstream;
+    options.resolveTimeout = std::chrono::milliseconds(static_cast<int64_t>(config.timeout * 1000) + 100);
+    auto resolve = [&sdk, millis = static_cast<uint32_t>(config.timeout * 1000)](
+                       const std::string& name, int family, std::function<void(StubAnswer)> done) {
+        std::thread([&sdk, name, family, millis, done = std::move(done)] {
+            const qel::daemon::ResolveAnswer answer = sdk.resolve({family, millis, name});
+            StubAnswer stub;
+            stub.kind = answer.status == QEL_STATUS_ANSWERED  ? StubAnswer::Addresses
+                        : answer.status == QEL_STATUS_NOT_FOUND ? StubAnswer::NoName
+                                                                : StubAnswer::Failure;
+            for (const auto& address : answer.addresses) {
+                char text[INET6_ADDRSTRLEN];
+                const int af = address.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6;
+                if (inet_ntop(af, address.bytes.data(), text, sizeof text)) stub.addresses.emplace_back(text, address.ttl);
+            }
+            done(std::move(stub));
+        }).detach();
+    };
+    auto stub = std::make_unique<qel::daemon::DnsStub>(options, resolve);
+    stub->start();
+    return stub;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -93,6 +128,16 @@ int main(int argc, char** argv) {
         log(error);
         return 3;
     }
+    std::unique_ptr<qel::daemon::DnsStub> stub;
+    if (!config->dnsListen.empty()) {
+        try {
+            stub = startStub(*config, sdk);
+        } catch (const std::exception& failure) {
+            log(std::string("DNS stub: ") + failure.what());
+            return 3;
+        }
+        log("DNS stub on " + config->dnsListen);
+    }
     log("answering on " + config->socket);
     sd_notify(0, "READY=1\nSTATUS=answering");
     for (;;) {
@@ -116,6 +161,7 @@ int main(int argc, char** argv) {
         }
         sd_notify(0, "READY=1");
     }
+    if (stub) stub->stop();
     server.stop();
     log("stopped");
     return 0;  // the store writes what it still holds at exit
