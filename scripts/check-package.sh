@@ -48,7 +48,7 @@ programs=$(ls "$root/usr/bin" | tr '\n' ' ')
 "$root/usr/sbin/qel-httpdnsd" --help >/dev/null 2>&1 || true  # checked below with the library
 
 # Every man page renders without a warning (preconv reads their UTF-8).
-for page in man1/qeldns.1 man1/qel-httpdns-server.1 man8/qel-httpdnsd.8; do
+for page in man1/qeldns.1 man1/qel-httpdns-server.1 man8/qel-httpdnsd.8 man8/nss-qelhttpdns.8; do
     warnings=$(groff -k -man -Tutf8 -ww -z "$root/usr/share/man/$page" 2>&1)
     [ -z "$warnings" ] || fail "man page $page: $warnings"
 done
