@@ -10,16 +10,16 @@ bool QelDNSStaleRefresh::begin(const std::string& key, double now) {
     return true;
 }
 
-void QelDNSStaleRefresh::end(const std::string& key, bool failed, double now) {
+void QelDNSStaleRefresh::end(const std::string& key, bool failed, double started) {
     qel::platform::MutexLock lock(mutex_);
     if (!failed) {
         notBefore_.erase(key);
         return;
     }
-    notBefore_[key] = now + kPauseAfterFailure;
+    notBefore_[key] = started + kPauseAfterFailure;
     if (notBefore_.size() <= kKeysKept) return;
     // Many keys failing: forget the pauses that are over (never a refresh under way).
     for (auto it = notBefore_.begin(); it != notBefore_.end();) {
-        it = it->second <= now ? notBefore_.erase(it) : std::next(it);
+        it = it->second <= started ? notBefore_.erase(it) : std::next(it);
     }
 }

@@ -1,6 +1,7 @@
 // Which expired answers are being renewed in the background: at most one refresh per cache key
-// at a time, and none sooner than `kPauseAfterFailure` after the key's last one failed, so that
-// a failing service gets one request per key and pause however often the stale answer is read.
+// at a time, and none sooner than `kPauseAfterFailure` after the start of the key's last one
+// when it failed, so that a failing service gets one request per key and pause however often
+// the stale answer is read.
 //
 // Threads: any; one mutex, held only to look a key up.
 #pragma once
@@ -17,8 +18,8 @@ public:
 
     /// Whether a refresh of `key` may start at `now`; when it may, it counts as under way.
     bool begin(const std::string& key, double now);
-    /// The refresh of `key` ended at `now`, answered or `failed`.
-    void end(const std::string& key, bool failed, double now);
+    /// The refresh of `key` that began at `started` ended, answered or `failed`.
+    void end(const std::string& key, bool failed, double started);
 
 private:
     qel::platform::Mutex mutex_;

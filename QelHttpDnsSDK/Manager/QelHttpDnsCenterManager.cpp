@@ -188,21 +188,22 @@ std::optional<std::vector<std::string>> QelHttpDnsCenterManager::readStale(const
     if (!QelDNSCacheManager::shared().readAddresses(placed, true, cached)) return std::nullopt;
     const double now = qel::platform::Clock::currentTime();
     if (!(now - cached.expiresAt <= maxStale)) return std::nullopt;
-    if (staleRefresh_.begin(placed, now)) refreshStale(key, placed);
+    if (staleRefresh_.begin(placed, now)) refreshStale(key, placed, now);
     fromStore = cached.fromStore;
     return std::move(cached.ips);
 }
 
 // The key's own name and family are asked for (its suffix), and the answer kept where the stale
 // one was read, even when the network changes meanwhile.
-void QelHttpDnsCenterManager::refreshStale(const std::string& key, const std::string& placed) {
+void QelHttpDnsCenterManager::refreshStale(const std::string& key, const std::string& placed,
+                                           double started) {
     const bool v4 = key.size() > 3 && key.compare(key.size() - 3, 3, "_v4") == 0;
     const std::string domain = key.substr(0, key.size() >= 3 ? key.size() - 3 : 0);
     sendResolve(resolveUrl(), domain, v4 ? 1 : 2,
-                [this, placed](std::optional<QelDNSError> error, QelDNSIPModelListRef records) {
+                [this, placed, started](std::optional<QelDNSError> error,
+                                        QelDNSIPModelListRef records) {
                     if (!error) QelDNSCacheManager::shared().saveIPs(records, placed, cacheIP());
-                    staleRefresh_.end(placed, error.has_value(),
-                                      qel::platform::Clock::currentTime());
+                    staleRefresh_.end(placed, error.has_value(), started);
                 });
 }
 

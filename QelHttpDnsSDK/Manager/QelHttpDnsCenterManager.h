@@ -151,7 +151,7 @@ private:
     std::string placedKey(const std::string& key) const;
     // An expired answer young enough to give (see setMaxStale), its renewal started.
     std::optional<std::vector<std::string>> readStale(const std::string& key, bool& fromStore);
-    void refreshStale(const std::string& key, const std::string& placed);
+    void refreshStale(const std::string& key, const std::string& placed, double started);
 
     std::atomic<bool> serviceEnable_{false};
     std::atomic<bool> cacheIP_{false};
