@@ -12,6 +12,8 @@
 
 #include <arpa/inet.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "DaemonConfig.h"
@@ -61,6 +63,9 @@ void sayWhatNeedsARestart(const DaemonConfig& was, const DaemonConfig& now) {
     }
 }
 
+// Questions of the DNS stub being resolved: the resolver must outlive them.
+std::atomic<int> stubQuestions{0};
+
 // The DNS stub, when dns_listen asks for one. Its resolver must not block the stub's thread:
 // each question is resolved on a thread of its own, bounded by the stub's questions in flight.
 std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel::daemon::SdkResolver& sdk) {
@@ -72,6 +77,7 @@ std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel:
     options.resolveTimeout = std::chrono::milliseconds(static_cast<int64_t>(config.timeout * 1000) + 100);
     auto resolve = [&sdk, millis = static_cast<uint32_t>(config.timeout * 1000)](
                        const std::string& name, int family, std::function<void(StubAnswer)> done) {
+        ++stubQuestions;
         std::thread([&sdk, name, family, millis, done = std::move(done)] {
             const qel::daemon::ResolveAnswer answer = sdk.resolve({family, millis, name});
             StubAnswer stub;
@@ -84,6 +90,7 @@ std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel:
                 if (inet_ntop(af, address.bytes.data(), text, sizeof text)) stub.addresses.emplace_back(text, address.ttl);
             }
             done(std::move(stub));
+            --stubQuestions;
         }).detach();
     };
     auto stub = std::make_unique<qel::daemon::DnsStub>(options, resolve);
@@ -163,6 +170,10 @@ int main(int argc, char** argv) {
     }
     if (stub) stub->stop();
     server.stop();
+    // Each question ends within the lookup's deadline.
+    for (int waited = 0; stubQuestions.load() > 0 && waited < 100 * (config->timeout + 1); ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     log("stopped");
     return 0;  // the store writes what it still holds at exit
 }
