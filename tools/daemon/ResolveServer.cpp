@@ -106,6 +106,10 @@ void ResolveServer::stop() {
         acceptor_.join();
         std::unique_lock<std::mutex> lock(mutex_);
         idle_.wait(lock, [this] { return workers_ == 0; });
+        stopping_ = true;
+        work_.notify_all();
+        idle_.wait(lock, [this] { return threads_ == 0; });
+        stopping_ = false;
     }
     if (listenFd_ >= 0) ::close(listenFd_);
     if (stopFd_ >= 0) ::close(stopFd_);
@@ -132,8 +136,43 @@ void ResolveServer::acceptLoop() {
             ::close(fd);
             continue;
         }
-        std::thread([this, fd, peer] { serve(fd, peer.pid, peer.uid, peer.gid); }).detach();
+        dispatch(Job{fd, peer.pid, peer.uid, peer.gid});
     }
+}
+
+// A thread that finished a request waits a while for the next one: creating a thread costs more
+// than a cached lookup. A request never waits for a busy thread: without an idle one, a new one
+// starts (the workers stay within kMaxWorkers, see admit).
+void ResolveServer::dispatch(Job job) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    jobs_.push_back(job);
+    if (idleThreads_ > 0) {
+        --idleThreads_;  // this thread is spoken for
+        work_.notify_one();
+        return;
+    }
+    ++threads_;
+    std::thread([this] { runThread(); }).detach();
+}
+
+void ResolveServer::runThread() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        if (jobs_.empty()) {
+            ++idleThreads_;
+            const bool woken = work_.wait_for(lock, kThreadLinger, [this] { return !jobs_.empty() || stopping_; });
+            if (!woken || jobs_.empty()) {
+                --idleThreads_;
+                break;
+            }
+        }
+        const Job job = jobs_.front();
+        jobs_.pop_front();
+        lock.unlock();
+        serve(job.fd, job.pid, job.uid, job.gid);
+        lock.lock();
+    }
+    if (--threads_ == 0) idle_.notify_all();
 }
 
 bool ResolveServer::admit(pid_t pid) {
@@ -151,7 +190,8 @@ bool ResolveServer::admit(pid_t pid) {
 void ResolveServer::release(pid_t pid) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (--perPeer_[pid] == 0) perPeer_.erase(pid);
-    if (--workers_ == 0) idle_.notify_all();
+    --workers_;
+    idle_.notify_all();
 }
 
 void ResolveServer::serve(int fd, pid_t pid, uid_t uid, gid_t gid) {

@@ -1,6 +1,6 @@
 // The daemon's Unix socket: one request and one answer per connection (qel_resolve_protocol.h).
-// Each accepted connection gets a worker thread that reads the request within a deadline,
-// resolves it and answers. Bounded: QEL_MAX_REQUEST bytes per request, `maxPerPeer` requests
+// Each accepted connection gets a thread of its own (an idle one kept from an earlier request,
+// or a new one) that reads the request within a deadline, resolves it and answers. Bounded: QEL_MAX_REQUEST bytes per request, `maxPerPeer` requests
 // of one process at once and `kMaxWorkers` in all (past them the caller gets QEL_STATUS_BUSY at
 // once); a malformed request gets QEL_STATUS_BAD_REQUEST. Each request's line in the log names
 // the caller by its SO_PEERCRED (pid, uid, gid).
@@ -15,6 +15,8 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
+#include <deque>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -33,6 +35,7 @@ public:
 
     static constexpr size_t kMaxWorkers = 256;
     static constexpr int kReadDeadlineMillis = 2000;
+    static constexpr std::chrono::seconds kThreadLinger{10};  // an idle thread waits this long
 
     ResolveServer(Resolver resolver, Log log) : resolver_(std::move(resolver)), log_(std::move(log)) {}
     ~ResolveServer() { stop(); }
@@ -47,7 +50,15 @@ public:
     void setMaxPerPeer(size_t maxPerPeer) { maxPerPeer_.store(maxPerPeer); }
 
 private:
+    struct Job {
+        int fd;
+        pid_t pid;
+        uid_t uid;
+        gid_t gid;
+    };
     void acceptLoop();
+    void dispatch(Job job);
+    void runThread();
     void serve(int fd, pid_t pid, uid_t uid, gid_t gid);
     bool admit(pid_t pid);
     void release(pid_t pid);
@@ -61,9 +72,14 @@ private:
     std::atomic<size_t> maxPerPeer_{16};
 
     std::mutex mutex_;  // guards what follows
-    std::condition_variable idle_;
+    std::condition_variable idle_;  // a request or a thread ended
+    std::condition_variable work_;  // a request for an idle thread, or the stop
     std::map<pid_t, size_t> perPeer_;
-    size_t workers_ = 0;
+    size_t workers_ = 0;  // requests admitted and not yet answered
+    std::deque<Job> jobs_;
+    size_t threads_ = 0;      // threads running requests or waiting for one
+    size_t idleThreads_ = 0;  // of those, waiting and not yet spoken for
+    bool stopping_ = false;
 };
 
 }  // namespace qel::daemon
