@@ -102,7 +102,11 @@ void SdkResolver::apply(const DaemonConfig& config) {
 
 ResolveAnswer SdkResolver::resolve(const ResolveRequest& request) {
     double seconds = timeout_;
-    if (request.deadlineMillis != 0) seconds = std::min(seconds, request.deadlineMillis / 1000.0);
+    if (request.deadlineMillis != 0) {
+        // Answered a little before the caller gives up, so that it hears why rather than nothing.
+        const double margin = std::min(0.1, request.deadlineMillis / 10000.0);
+        seconds = std::min(seconds, request.deadlineMillis / 1000.0 - margin);
+    }
     struct Shared {
         std::mutex mutex;
         std::condition_variable done;
