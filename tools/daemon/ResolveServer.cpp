@@ -208,6 +208,9 @@ void ResolveServer::serve(int fd, pid_t pid, uid_t uid, gid_t gid) {
     const ResolveAnswer answer =
         request ? resolver_(*request) : refusal(QEL_STATUS_BAD_REQUEST, "malformed request");
     sendAnswer(fd, answer);
+    // Counted out before the caller can see the end of its answer, so that its next request
+    // never finds this one still counted.
+    release(pid);
     ::close(fd);
     const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
     std::string line = "pid " + std::to_string(pid) + " uid " + std::to_string(uid) + " gid " +
@@ -221,7 +224,6 @@ void ResolveServer::serve(int fd, pid_t pid, uid_t uid, gid_t gid) {
     }
     line += ", " + std::to_string(micros.count()) + " us";
     log_(line);
-    release(pid);
 }
 
 }  // namespace qel::daemon
