@@ -151,7 +151,7 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     EXPECT_EQ(throughTheModule(daemon.socket, "v4only.test", AF_INET6), gai_strerror(EAI_NONAME));
     ChildProcess qeldns(QELDNS_BINARY, {"--daemon", daemon.socket, "-a", "www.example.test"});
     EXPECT_EQ(qeldns.wait(), 0);
-    EXPECT_TRUE(contains(qeldns.output(), "www.example.test 2001:db8::10 (ttl 6")) << qeldns.output();
+    EXPECT_TRUE(contains(qeldns.output(), "www.example.test 2001:db8::10 (ttl ")) << qeldns.output();
     const std::string log = daemon.process->errors();
     EXPECT_TRUE(contains(log, "pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid()))) << log;
     EXPECT_FALSE(contains(log, kSecret) || contains(log, "request headers")) << log;
