@@ -6,10 +6,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
-echo "demo: building the SDK, qel-httpdns-server and qeldns (a release build: about 4 minutes"
-echo "      on two cores the first time, seconds after that)..."
+echo "demo: building the SDK, qel-httpdns-server, qeldns and qel-httpdnsd (a release build: about 4"
+echo "      minutes on two cores the first time, seconds after that)..."
 cmake --preset release -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF >/dev/null
-cmake --build --preset release -j2 --target qel-httpdns-server qeldns >/dev/null
+cmake --build --preset release -j2 --target qel-httpdns-server qeldns qel-httpdnsd >/dev/null
 echo "demo: built."
 
 bin=build/release/tools
@@ -102,5 +102,30 @@ openssl req $tls -keyout "$work/key.pem" -out "$work/cert.pem" -subj /CN=127.0.0
 serve secure --listen "$secure" --tls-cert "$work/cert.pem" --tls-key "$work/key.pem"
 listening $secure
 qeldns --server "https://$secure" --cacert "$work/ca.pem" --no-cache www.example.test
+
+step "8. The resolver daemon: one SDK for every program of the machine, asked on its socket"
+echo "   (as glibc does through the name-service module) and through its DNS stub"
+printf 'demo-secret\n' >"$work/secret" && chmod 600 "$work/secret"
+stub=127.0.0.1:18553
+cat >"$work/qel-httpdnsd.conf" <<EOF
+service_url = http://$login
+auth_id = demo
+auth_secret_file = $work/secret
+socket = $work/resolve.sock
+store = $work/daemon-store.sqlite3
+dns_listen = $stub
+dns_upstream = refuse
+EOF
+"$bin/daemon/qel-httpdnsd" --config "$work/qel-httpdnsd.conf" 2>"$work/daemon.log" &
+pids+=($!)
+for _ in $(seq 100); do [ -S "$work/resolve.sock" ] && break; sleep 0.05; done
+echo "\$ qeldns --daemon \$work/resolve.sock -a www.example.test"
+"$bin/qeldns" --daemon "$work/resolve.sock" -a www.example.test || echo "(exit status $?)"
+if command -v dig >/dev/null; then
+  echo "\$ dig @${stub%:*} -p ${stub#*:} +short www.example.test AAAA"
+  dig @"${stub%:*}" -p "${stub#*:}" +short +tries=1 www.example.test AAAA || echo "(exit status $?)"
+fi
+echo "the daemon's log (one line per request, with the caller's pid and uid):"
+sed 's/^/  /' "$work/daemon.log"
 
 step "Done: every process started here is stopped."
