@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "BenchMain.h"
+#include "BenchSdk.h"
 #include "QelHttpDnsSDK/Extras/QelDNSCacheProfile.h"
 #include "QelHttpDnsSDK/Platform/Clock.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
@@ -81,15 +82,7 @@ struct Fixture {
         qel::platform::Console::setSink([](const std::string&) {});
         qel::platform::MainBundle::setIdentifier("com.example.scale");
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
-        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
-        dns.customServerUrl(service.baseUrl());
-        dns.registerAuthId(std::string("acct"), std::string("secret"));
-        for (int i = 0; i < 2000 && dns.initStatus() != 4; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        dns.enableCacheIP(true);
-        // Two IPv4 lookups first: from then on every IPv4 lookup's key ends in "_v4".
-        for (int i = 0; i < 2; ++i) dns.getIPV4ByDomain(std::string("warm.test"), nullptr);
+        qel::bench::logInAndWarm(service.baseUrl(), "acct", "secret");
         for (int i = 0; i < kSizes[3]; ++i) names.push_back(nameOf(i));
         std::mt19937 random(7);
         order.resize(1 << 16);

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "BenchMain.h"
+#include "BenchSdk.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Extras/QelDNSResilience.h"
 #include "QelHttpDnsSDK/Extras/QelDNSTraceObserver.h"
@@ -74,45 +75,8 @@ constexpr char kHitDomain[] = "www.hit.example.test";
 constexpr char kMissDomain[] = "www.miss.example.test";
 const std::vector<std::string> kAddresses = {"192.0.2.1", "192.0.2.2"};
 constexpr int kMemoryDomains = 3000;
+using Answer = qel::bench::TimedAnswer;
 
-// Waits for one answer and keeps the moment it came.
-class Answer {
-public:
-    void reset() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answered_ = false;
-    }
-    void set(const Ips& ips) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            answered_ = true;
-            ok_ = ips && *ips == kAddresses;
-            at_ = Clock::now();
-        }
-        changed_.notify_one();
-    }
-    /// Whether the addresses came, within 20 s.
-    bool wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20), [this] { return answered_; }) &&
-               ok_;
-    }
-    bool answered() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return answered_;
-    }
-    double secondsSince(Clock::time_point start) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::chrono::duration<double>(at_ - start).count();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool answered_ = false;
-    bool ok_ = false;
-    Clock::time_point at_;
-};
 
 // Never destroyed: the manager it sets up lives for the process, and its sources and requests
 // refer to the fake network and the service. main removes the scratch directory.
@@ -170,7 +134,7 @@ struct Fixture {
     /// Looks `domain` up and waits for the addresses; true when they came before the call
     /// returned.
     static bool lookUp(const std::string& domain) {
-        Answer answer;
+        Answer answer(kAddresses);
         QelHttpDnsManager::shared().getIPV4ByDomain(
             domain, [&answer](std::optional<QelDNSError>, Ips ips) { answer.set(ips); });
         const bool synchronous = answer.answered();
@@ -465,7 +429,7 @@ void BM_Miss_getIPV4ByDomain(benchmark::State& state) {
     const bool cached = state.range(0) != 0;
     const std::optional<std::string> domain = kMissDomain;
     const std::string key = std::string(kMissDomain) + "_v4";
-    static Answer answer;  // outlives a late callback of the last lookup
+    static Answer answer(kAddresses);  // outlives a late callback of the last lookup
     int failures = 0;
     dns.enableCacheIP(cached);
     for (auto _ : state) {

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "BenchMain.h"
+#include "BenchSdk.h"
 #include "QelHttpDnsSDK/Core/QelHttpDnsManager.h"
 #include "QelHttpDnsSDK/Manager/QelDNSCacheManager.h"
 #include "QelHttpDnsSDK/Platform/Console.h"
@@ -117,15 +118,7 @@ struct Fixture {
         qel::platform::MainBundle::setIdentifier("com.example.store");
         qel::platform::UserDefaults::setStandardPath(scratch.file("defaults.sqlite3"));
         service.setAddresses(kMissDomain, kAddresses);
-        QelHttpDnsManager& dns = QelHttpDnsManager::shared();
-        dns.customServerUrl(service.baseUrl());
-        dns.registerAuthId(std::string("acct"), std::string("secret"));
-        for (int i = 0; i < 2000 && dns.initStatus() != 4; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        dns.enableCacheIP(true);
-        // Two IPv4 lookups first: from then on every IPv4 lookup's key ends in "_v4".
-        for (int i = 0; i < 2; ++i) dns.getIPV4ByDomain(std::string("warm.test"), nullptr);
+        qel::bench::logInAndWarm(service.baseUrl(), "acct", "secret");
     }
 };
 
@@ -134,37 +127,6 @@ Fixture& fixture() {
     return *instance;
 }
 
-// Waits for one answer and keeps the moment it came.
-class Answer {
-public:
-    void reset() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answered_ = false;
-    }
-    void set(const Ips& ips) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answered_ = true;
-        ok_ = ips && *ips == kAddresses;
-        at_ = Clock::now();
-        changed_.notify_one();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20), [this] { return answered_; }) &&
-               ok_;
-    }
-    double secondsSince(Clock::time_point start) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::chrono::duration<double>(at_ - start).count();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool answered_ = false;
-    bool ok_ = false;
-    Clock::time_point at_;
-};
 
 // One miss per iteration, its entry cleared (outside the timing) first. `cached`: cacheIP on,
 // so the answer is saved; `beside`: another thread starts saving kSaves answers just before;
@@ -174,7 +136,7 @@ void timeMisses(benchmark::State& state, bool cached, bool beside, bool locked =
     QelHttpDnsManager& dns = QelHttpDnsManager::shared();
     const std::optional<std::string> domain = kMissDomain;
     const std::string key = std::string(kMissDomain) + "_v4";
-    static Answer answer;  // outlives a late callback of the last lookup
+    static qel::bench::TimedAnswer answer(kAddresses);  // outlives a late callback of the last lookup
     int failures = 0;
     dns.enableCacheIP(cached);
     sqlite3* other = nullptr;
