@@ -50,7 +50,7 @@ check_headers() {
             c++ -std=c++17 "${warnings[@]}" -fsyntax-only -I"$include" -x c++ - ||
             fail "$name does not compile on its own"
     done < <(find "$include" -type f | sort)
-    ! find "$include" -path '*/Platform*' | grep -q . || fail "a platform header is installed"
+    [ -z "$(find "$include" -path '*/Platform*')" ] || fail "a platform header is installed"
 }
 
 # Every class an installed header defines is marked QEL_EXPORT, and is exported when its

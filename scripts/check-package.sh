@@ -52,7 +52,7 @@ for page in man1/qeldns.1 man1/qel-httpdns-server.1 man8/qel-httpdnsd.8 man8/nss
     warnings=$(groff -k -man -Tutf8 -ww -z "$root/usr/share/man/$page" 2>&1)
     [ -z "$warnings" ] || fail "man page $page: $warnings"
 done
-dpkg-deb -I "$deb" conffiles | grep -qx /etc/qel-httpdns/qel-httpdnsd.conf ||
+grep -qx /etc/qel-httpdns/qel-httpdnsd.conf <<<"$(dpkg-deb -I "$deb" conffiles)" ||
     fail "the daemon's configuration is not a conffile"
 
 # The maintainer scripts put the module before "dns" once, and take it off again.
@@ -73,13 +73,16 @@ for hosts in "files dns" "files mdns4_minimal [NOTFOUND=return] dns myhostname" 
 done
 
 # The packaged programs run with the packaged library (no RPATH points back to the build tree).
+# Outputs are read whole before grep -q looks at them: under pipefail, a writer that outlives
+# grep's early exit dies of SIGPIPE and fails the check at random.
 export LD_LIBRARY_PATH=$libdir
-ldd "$root/usr/bin/qeldns" | grep -q "$libdir/libQelHttpDnsSDK.so.1" ||
+grep -q "$libdir/libQelHttpDnsSDK.so.1" <<<"$(ldd "$root/usr/bin/qeldns")" ||
     fail "qeldns does not load the packaged library"
-"$root/usr/bin/qeldns" --help | grep -q '^usage: qeldns' || fail "qeldns --help failed"
-"$root/usr/bin/qel-httpdns-server" --help | grep -q '^Usage: qel-httpdns-server' ||
+grep -q '^usage: qeldns' <<<"$("$root/usr/bin/qeldns" --help)" || fail "qeldns --help failed"
+grep -q '^Usage: qel-httpdns-server' <<<"$("$root/usr/bin/qel-httpdns-server" --help)" ||
     fail "qel-httpdns-server --help failed"
-"$root/usr/sbin/qel-httpdnsd" --help | grep -q '^Usage: qel-httpdnsd' || fail "qel-httpdnsd --help failed"
+grep -q '^Usage: qel-httpdnsd' <<<"$("$root/usr/sbin/qel-httpdnsd" --help)" ||
+    fail "qel-httpdnsd --help failed"
 
 # An application builds against the unpacked root alone; without arguments it prints its usage.
 cmake -S examples/minimal -B "$work/minimal" -DCMAKE_PREFIX_PATH="$root/usr" \

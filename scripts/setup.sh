@@ -9,7 +9,7 @@ packages=(cmake g++ make pkg-config
 
 missing=()
 for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+  [ "$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null)" = 'install ok installed' ] ||
     missing+=("$package")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
