@@ -449,6 +449,10 @@ TEST_F(PublicManager, ALookupOnAnotherThreadIsReplacedByTheNextLookup) {
         EXPECT_EQ(again.ips, Strings{"192.0.2.1"}) << row.key;
         EXPECT_EQ(service.resolvedHosts().back(), "a.test");
     }
+    // The same thread, a name that begins its last one: a key of its own.
+    service.setAddresses("a.tes", {"192.0.2.3"});
+    ask("a.test", 1);
+    EXPECT_EQ(ask("a.tes", 1).trace.cacheKey, "a.tes_v4");
 }
 
 TEST_F(PublicManager, NoTraceWithoutAnObserverAndNoneForALookupInFlightWhenItChanged) {

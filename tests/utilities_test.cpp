@@ -17,4 +17,12 @@ TEST(QelDNSUntil, StopsAtTheFirstNulAndDecidesMegabyteTextsWithoutBacktracking) 
     EXPECT_FALSE(QelDNSUntil::isDomain(labels));
     EXPECT_TRUE(QelDNSUntil::isDomain(labels + "end"));
     EXPECT_FALSE(QelDNSUntil::isDomain("a" + std::string(1u << 20, '-')));
+    // Each rule once, beside the fuzzer's reference: which byte, and which after which.
+    for (const char* name : {"a", "Z9", "x-y.b--c.0", "az.AZ.09"}) {
+        EXPECT_TRUE(QelDNSUntil::isDomain(name)) << name;
+    }
+    for (const char* name : {"-a", "a-", "a.", ".a", "a..b", "a.-b", "a-.b", "a_b", "a b", "{",
+                             "`", "@", "[", "/", ":"}) {
+        EXPECT_FALSE(QelDNSUntil::isDomain(name)) << name;
+    }
 }

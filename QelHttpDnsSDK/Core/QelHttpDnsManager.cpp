@@ -321,7 +321,10 @@ bool QelHttpDnsManager::checkNetworkAvailable() {
 // slower: bench/public_manager_bench).
 bool QelHttpDnsManager::checkDomainIsValid(const std::optional<std::string>& domain) const {
     if (!QelDNSUntil::isDomain(domain)) return false;
-    // A host name can be an address only as a dotted quad: IPv6 text has colons.
+    // A host name can be an address only as a dotted quad (IPv6 text has colons), which starts
+    // and ends with a digit: most names are told apart by their first byte.
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    if (!isDigit(domain->front()) || !isDigit(domain->back())) return true;
     const bool digitsAndDots = domain->find_first_not_of("0123456789.") == std::string::npos;
     return !(digitsAndDots && QelDNSUntil::isIP(domain));
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -24,17 +25,14 @@ public:
     bool failCreation = false;  // set before the creations that must fail
 
     /// Flags that later reads answer.
-    void setFlags(uint32_t flags) {
-        Lock lock(mutex_);
-        flags_ = flags;
-    }
+    void setFlags(uint32_t flags) { flags_.store(flags, std::memory_order_release); }
     /// Reports on the calling thread (outside the lock, as a real source does) when scheduled,
     /// or when `evenUnscheduled`: a report already under way as the notifier stopped. Returns
     /// whether a callback ran.
     bool fire(bool evenUnscheduled = false) {
         std::unique_lock<std::mutex> lock(mutex_);
         Callback callback = scheduled_ || evenUnscheduled ? callback_ : nullptr;
-        const uint32_t flags = flags_;
+        const uint32_t flags = flags_.load(std::memory_order_acquire);
         lock.unlock();
         if (callback) callback(flags);
         return static_cast<bool>(callback);
@@ -57,9 +55,9 @@ private:
     struct Source final : platform::ReachabilitySource {
         explicit Source(FakeReachabilityFactory& factory) : fake(factory) {}
         ~Source() override { unschedule(); }
+        // Lock-free, as the route monitor's flags are: a lookup reads them on every call.
         bool getFlags(uint32_t& flags) override {
-            Lock lock(fake.mutex_);
-            flags = fake.flags_;
+            flags = fake.flags_.load(std::memory_order_acquire);
             return true;
         }
         bool setCallback(Callback callback) override {
@@ -80,7 +78,7 @@ private:
     }
 
     std::mutex mutex_;
-    uint32_t flags_;
+    std::atomic<uint32_t> flags_;
     std::string network_;
     bool scheduled_ = false;
     Callback callback_;
