@@ -18,20 +18,25 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Reads exactly `size` bytes into `out` (appended) before `deadline`.
-bool readFully(int fd, size_t size, std::vector<uint8_t>& out, Clock::time_point deadline) {
-    while (size > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd ready{fd, POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) return false;
+enum class Read { Some, NoneYet, Failed };
+
+// Appends to `out` what has arrived, at most `room` bytes; with `wait`, waits for something
+// until `deadline`. Failed when the peer closed or failed, or (waiting) the deadline passed.
+Read readSome(int fd, size_t room, std::vector<uint8_t>& out, bool wait, Clock::time_point deadline) {
+    for (;;) {
+        if (wait) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            pollfd ready{fd, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) return Read::Failed;
+        }
         uint8_t buffer[QEL_MAX_REQUEST];
-        const ssize_t got = ::recv(fd, buffer, std::min(size, sizeof buffer), 0);
+        const ssize_t got = ::recv(fd, buffer, std::min(room, sizeof buffer), wait ? 0 : MSG_DONTWAIT);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
+        if (got < 0 && !wait && (errno == EAGAIN || errno == EWOULDBLOCK)) return Read::NoneYet;
+        if (got <= 0) return Read::Failed;
         out.insert(out.end(), buffer, buffer + got);
-        size -= static_cast<size_t>(got);
+        return Read::Some;
     }
-    return true;
 }
 
 void sendAnswer(int fd, const ResolveAnswer& answer) {
@@ -123,21 +128,57 @@ void ResolveServer::acceptLoop() {
         pollfd ready[2] = {{listenFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
         if (::poll(ready, 2, -1) < 0 && errno != EINTR) return;
         if (ready[1].revents) return;
-        if (!(ready[0].revents & POLLIN)) continue;
-        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;  // EMFILE and the like: the caller retries or falls back
-        ucred peer{};
-        socklen_t length = sizeof peer;
-        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) peer = ucred{-1, 0, 0};
-        if (!admit(peer.pid)) {
-            sendAnswer(fd, refusal(QEL_STATUS_BUSY, "too many requests at once"));
-            log_("pid " + std::to_string(peer.pid) + " uid " + std::to_string(peer.uid) +
-                 ": busy, request refused");
-            ::close(fd);
-            continue;
-        }
-        dispatch(Job{fd, peer.pid, peer.uid, peer.gid});
+        if (ready[0].revents & POLLIN) acceptOne();
     }
+}
+
+// A cached name is answered here: handing it to a worker would cost a thread's wake-up, several
+// times the lookup itself.
+void ResolveServer::acceptOne() {
+    Job job;
+    job.fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (job.fd < 0) return;  // EMFILE and the like: the caller retries or falls back
+    job.start = Clock::now();
+    socklen_t length = sizeof job.peer;
+    if (::getsockopt(job.fd, SOL_SOCKET, SO_PEERCRED, &job.peer, &length) != 0) job.peer = ucred{-1, 0, 0};
+    if (!admit(job.peer.pid)) {
+        sendAnswer(job.fd, refusal(QEL_STATUS_BUSY, "too many requests at once"));
+        log_("pid " + std::to_string(job.peer.pid) + " uid " + std::to_string(job.peer.uid) +
+             ": busy, request refused");
+        ::close(job.fd);
+        return;
+    }
+    if (readRequest(job, false)) {
+        if (job.request) job.resolution = resolver_(*job.request);
+        if (job.malformed || job.resolution->ready()) return serve(job);
+    }
+    dispatch(std::move(job));
+}
+
+// Reads the request, decoding it once the bytes its header announces are there. Each read takes
+// all that has arrived (a caller sends its request at once): one system call for most requests,
+// and bytes after the request, which no caller should send, are read and ignored. False while
+// bytes are missing (only without `wait`); true once it is decoded or found malformed.
+bool ResolveServer::readRequest(Job& job, bool wait) {
+    const auto deadline = job.start + std::chrono::milliseconds(kReadDeadlineMillis);
+    std::vector<uint8_t>& bytes = job.bytes;
+    for (;;) {
+        std::optional<size_t> size;
+        if (bytes.size() >= QEL_REQUEST_HEADER) {
+            size = requestSize(bytes.data());
+            if (!size) break;
+            if (bytes.size() >= *size) {
+                bytes.resize(*size);
+                job.request = decodeRequest(bytes);
+                break;
+            }
+        }
+        const Read read = readSome(job.fd, QEL_MAX_REQUEST - bytes.size(), bytes, wait, deadline);
+        if (read == Read::NoneYet) return false;
+        if (read == Read::Failed) break;
+    }
+    job.malformed = !job.request;
+    return true;
 }
 
 // A thread that finished a request waits a while for the next one: creating a thread costs more
@@ -145,7 +186,7 @@ void ResolveServer::acceptLoop() {
 // starts (the workers stay within kMaxWorkers, see admit).
 void ResolveServer::dispatch(Job job) {
     std::lock_guard<std::mutex> lock(mutex_);
-    jobs_.push_back(job);
+    jobs_.push_back(std::move(job));
     if (idleThreads_ > 0) {
         --idleThreads_;  // this thread is spoken for
         work_.notify_one();
@@ -166,10 +207,10 @@ void ResolveServer::runThread() {
                 break;
             }
         }
-        const Job job = jobs_.front();
+        Job job = std::move(jobs_.front());
         jobs_.pop_front();
         lock.unlock();
-        serve(job.fd, job.pid, job.uid, job.gid);
+        serve(job);
         lock.lock();
     }
     if (--threads_ == 0) idle_.notify_all();
@@ -194,28 +235,26 @@ void ResolveServer::release(pid_t pid) {
     idle_.notify_all();
 }
 
-void ResolveServer::serve(int fd, pid_t pid, uid_t uid, gid_t gid) {
-    const auto start = Clock::now();
-    std::vector<uint8_t> bytes;
-    std::optional<ResolveRequest> request;
-    const auto deadline = start + std::chrono::milliseconds(kReadDeadlineMillis);
-    if (readFully(fd, QEL_REQUEST_HEADER, bytes, deadline)) {
-        if (const auto size = requestSize(bytes.data());
-            size && readFully(fd, *size - QEL_REQUEST_HEADER, bytes, deadline)) {
-            request = decodeRequest(bytes);
-        }
+// Reads what is missing of the request, waits for its answer and answers.
+void ResolveServer::serve(Job& job) {
+    if (!job.malformed && !job.request) {
+        readRequest(job, true);
+        if (job.request) job.resolution = resolver_(*job.request);
     }
-    const ResolveAnswer answer =
-        request ? resolver_(*request) : refusal(QEL_STATUS_BAD_REQUEST, "malformed request");
-    sendAnswer(fd, answer);
+    finish(job, job.malformed ? refusal(QEL_STATUS_BAD_REQUEST, "malformed request")
+                              : job.resolution->answer());
+}
+
+void ResolveServer::finish(Job& job, const ResolveAnswer& answer) {
+    sendAnswer(job.fd, answer);
     // Counted out before the caller can see the end of its answer, so that its next request
     // never finds this one still counted.
-    release(pid);
-    ::close(fd);
-    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
-    std::string line = "pid " + std::to_string(pid) + " uid " + std::to_string(uid) + " gid " +
-                       std::to_string(gid) + ": ";
-    line += request ? request->name + " " + familyName(request->family) : std::string("?");
+    release(job.peer.pid);
+    ::close(job.fd);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - job.start);
+    std::string line = "pid " + std::to_string(job.peer.pid) + " uid " + std::to_string(job.peer.uid) +
+                       " gid " + std::to_string(job.peer.gid) + ": ";
+    line += job.request ? job.request->name + " " + familyName(job.request->family) : std::string("?");
     line += ": " + std::string(statusName(answer.status));
     if (answer.status == QEL_STATUS_ANSWERED) {
         line += ", " + std::to_string(answer.addresses.size()) + " address(es)";

@@ -1,17 +1,21 @@
 // The daemon's Unix socket: one request and one answer per connection (qel_resolve_protocol.h).
-// Each accepted connection gets a thread of its own (an idle one kept from an earlier request,
-// or a new one) that reads the request within a deadline, resolves it and answers. Bounded: QEL_MAX_REQUEST bytes per request, `maxPerPeer` requests
-// of one process at once and `kMaxWorkers` in all (past them the caller gets QEL_STATUS_BUSY at
-// once); a malformed request gets QEL_STATUS_BAD_REQUEST. Each request's line in the log names
-// the caller by its SO_PEERCRED (pid, uid, gid).
+// The thread that accepts a connection reads what has arrived of its request without waiting;
+// a request there whole and answered at once by the resolver (a cached name) is answered on that
+// thread. Any other connection goes to a thread of its own (an idle one kept from an earlier
+// request, or a new one) that reads the rest of the request within a deadline, waits for the
+// resolver and answers. Bounded: QEL_MAX_REQUEST bytes per request, `maxPerPeer` requests of one
+// process at once and `kMaxWorkers` in all (past them the caller gets QEL_STATUS_BUSY at once);
+// a malformed request gets QEL_STATUS_BAD_REQUEST. Each request's line in the log names the
+// caller by its SO_PEERCRED (pid, uid, gid).
 //
 // The socket is made 0666: any program of the machine may resolve, as with nscd's socket; the
 // answers hold only addresses, never the account or the secret.
 //
 // Threads: `start` and `stop` from one thread; the resolver and the log are called from the
-// workers, concurrently.
+// accepting thread and the workers, concurrently.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -20,17 +24,22 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ResolveMessage.h"
+#include "Resolution.h"
 
 namespace qel::daemon {
 
 class ResolveServer {
 public:
-    using Resolver = std::function<ResolveAnswer(const ResolveRequest& request)>;
+    /// Begins resolving a request; must not block.
+    using Resolver = std::function<std::unique_ptr<Resolution>(const ResolveRequest& request)>;
     using Log = std::function<void(const std::string& line)>;
 
     static constexpr size_t kMaxWorkers = 256;
@@ -50,16 +59,24 @@ public:
     void setMaxPerPeer(size_t maxPerPeer) { maxPerPeer_.store(maxPerPeer); }
 
 private:
+    // A connection admitted: its caller, the request's bytes read so far and, once the request
+    // is whole, its resolution.
     struct Job {
-        int fd;
-        pid_t pid;
-        uid_t uid;
-        gid_t gid;
+        int fd = -1;
+        ucred peer{};
+        std::chrono::steady_clock::time_point start;
+        std::vector<uint8_t> bytes;
+        std::optional<ResolveRequest> request;
+        std::unique_ptr<Resolution> resolution;
+        bool malformed = false;
     };
     void acceptLoop();
+    void acceptOne();
+    bool readRequest(Job& job, bool wait);
     void dispatch(Job job);
     void runThread();
-    void serve(int fd, pid_t pid, uid_t uid, gid_t gid);
+    void serve(Job& job);
+    void finish(Job& job, const ResolveAnswer& answer);
     bool admit(pid_t pid);
     void release(pid_t pid);
 

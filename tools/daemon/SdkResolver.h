@@ -2,15 +2,18 @@
 // (memory and the store under /var/lib/qel-httpdns/), and answers the daemon's requests with
 // the resilience profile and the cache profile on. Its log lines go through `LogFilter`.
 //
-// Threads: `resolve` is called from any number of worker threads at once and blocks the caller
-// until the answer or the request's deadline; `apply` from the main thread.
+// Threads: `begin` and `resolve` are called from any number of threads at once; `begin` never
+// blocks, `resolve` blocks the caller until the answer or the request's deadline; `apply` from
+// the main thread.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "DaemonConfig.h"
 #include "ResolveMessage.h"
+#include "Resolution.h"
 
 namespace qel::daemon {
 
@@ -24,10 +27,14 @@ public:
     /// options, debug); the account, the service and the store need a restart.
     void apply(const DaemonConfig& config);
 
-    /// Looks `request.name` up in the family asked (both: IPv4 and IPv6 at once), waiting at
-    /// most the request's deadline (the configured timeout when shorter or 0). Every address
-    /// handed out is checked to be one of its family.
-    ResolveAnswer resolve(const ResolveRequest& request);
+    /// Starts looking `request.name` up in the family asked (both: IPv4 and IPv6 at once), with
+    /// the request's deadline (the configured timeout when shorter or 0). A name in the cache is
+    /// ready at once. Before the first login reply nothing starts here: the SDK would drop the
+    /// lookup, so the resolution's `answer` waits for the login within the deadline. Every
+    /// address handed out is checked to be one of its family.
+    std::unique_ptr<Resolution> begin(const ResolveRequest& request);
+    /// `begin` and the answer, waited for.
+    ResolveAnswer resolve(const ResolveRequest& request) { return begin(request)->answer(); }
 
     /// A log line of the SDK as the daemon writes it: requests and answers (with their
     /// replayable signatures) only when debugging, and then without the Authorization value;

@@ -66,8 +66,24 @@ void sayWhatNeedsARestart(const DaemonConfig& was, const DaemonConfig& now) {
 // Questions of the DNS stub being resolved: the resolver must outlive them.
 std::atomic<int> stubQuestions{0};
 
-// The DNS stub, when dns_listen asks for one. Its resolver must not block the stub's thread:
-// each question is resolved on a thread of its own, bounded by the stub's questions in flight.
+// A resolver's answer as the DNS stub takes it.
+qel::daemon::StubAnswer stubAnswer(const qel::daemon::ResolveAnswer& answer) {
+    using qel::daemon::StubAnswer;
+    StubAnswer stub;
+    stub.kind = answer.status == QEL_STATUS_ANSWERED    ? StubAnswer::Addresses
+                : answer.status == QEL_STATUS_NOT_FOUND ? StubAnswer::NoName
+                                                        : StubAnswer::Failure;
+    for (const auto& address : answer.addresses) {
+        char text[INET6_ADDRSTRLEN];
+        const int af = address.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6;
+        if (inet_ntop(af, address.bytes.data(), text, sizeof text)) stub.addresses.emplace_back(text, address.ttl);
+    }
+    return stub;
+}
+
+// The DNS stub, when dns_listen asks for one. Its resolver must not block the stub's thread: a
+// cached name is answered at once, any other question waited for on a thread of its own,
+// bounded by the stub's questions in flight.
 std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel::daemon::SdkResolver& sdk) {
     using qel::daemon::StubAnswer;
     qel::daemon::DnsStub::Options options;
@@ -77,19 +93,11 @@ std::unique_ptr<qel::daemon::DnsStub> startStub(const DaemonConfig& config, qel:
     options.resolveTimeout = std::chrono::milliseconds(static_cast<int64_t>(config.timeout * 1000) + 100);
     auto resolve = [&sdk, millis = static_cast<uint32_t>(config.timeout * 1000)](
                        const std::string& name, int family, std::function<void(StubAnswer)> done) {
+        std::shared_ptr<qel::daemon::Resolution> resolution = sdk.begin({family, millis, name});
+        if (resolution->ready()) return done(stubAnswer(resolution->answer()));
         ++stubQuestions;
-        std::thread([&sdk, name, family, millis, done = std::move(done)] {
-            const qel::daemon::ResolveAnswer answer = sdk.resolve({family, millis, name});
-            StubAnswer stub;
-            stub.kind = answer.status == QEL_STATUS_ANSWERED  ? StubAnswer::Addresses
-                        : answer.status == QEL_STATUS_NOT_FOUND ? StubAnswer::NoName
-                                                                : StubAnswer::Failure;
-            for (const auto& address : answer.addresses) {
-                char text[INET6_ADDRSTRLEN];
-                const int af = address.family == QEL_FAMILY_V4 ? AF_INET : AF_INET6;
-                if (inet_ntop(af, address.bytes.data(), text, sizeof text)) stub.addresses.emplace_back(text, address.ttl);
-            }
-            done(std::move(stub));
+        std::thread([resolution, done = std::move(done)] {
+            done(stubAnswer(resolution->answer()));
             --stubQuestions;
         }).detach();
     };
@@ -130,7 +138,7 @@ int main(int argc, char** argv) {
 
     qel::daemon::SdkResolver sdk(*config, log);
     qel::daemon::ResolveServer server(
-        [&sdk](const qel::daemon::ResolveRequest& request) { return sdk.resolve(request); }, log);
+        [&sdk](const qel::daemon::ResolveRequest& request) { return sdk.begin(request); }, log);
     if (!server.start(config->socket, config->maxPerPeer, error)) {
         log(error);
         return 3;
