@@ -12,9 +12,11 @@
 
 #include <arpa/inet.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ResolveMessage.h"
@@ -52,15 +54,20 @@ std::string throughTheModule(const std::string& socketPath, const char* name, in
     return addresses;
 }
 
-// Sends `bytes` to the socket and reads the answer to the end.
-std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std::vector<uint8_t>& bytes) {
+// Sends `bytes` to the socket (the first `pauseAfter` of them, a pause, the rest) and reads the
+// answer to the end.
+std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std::vector<uint8_t>& bytes,
+                                       size_t pauseAfter = 0) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::vector<uint8_t> answer;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+    const auto sent = [&](size_t from, size_t to) {
+        return ::send(fd, bytes.data() + from, to - from, MSG_NOSIGNAL) == static_cast<ssize_t>(to - from);
+    };
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && sent(0, pauseAfter) &&
+        (std::this_thread::sleep_for(std::chrono::milliseconds(pauseAfter ? 50 : 0)), sent(pauseAfter, bytes.size()))) {
         uint8_t buffer[QEL_MAX_ANSWER];
         for (ssize_t got; (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.insert(answer.end(), buffer, buffer + got);
     }
@@ -126,6 +133,11 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
         ASSERT_TRUE(answer) << row.name;
         EXPECT_EQ(answer->status, row.status) << row.name << " " << answer->message;
         EXPECT_EQ(addressesOf(*answer), row.addresses) << row.name;
+    }
+    // A request that arrives in parts, within its header or after it, is read to its end.
+    for (size_t pauseAfter : {5, QEL_REQUEST_HEADER + 3}) {
+        const auto answer = askSocket(daemon.socket, encodeRequest({QEL_FAMILY_V4, 2000, "www.example.test"}), pauseAfter);
+        EXPECT_EQ(answer ? addressesOf(*answer) : Strings{}, Strings{"192.0.2.10/60"}) << pauseAfter;
     }
     std::vector<uint8_t> control = encodeRequest({QEL_FAMILY_V4, 0, "a\nb.test"});
     for (const auto& bytes : {std::vector<uint8_t>{'Q', 'E', 'L', '2', 0, 0, 0, 1, 0, 0, 0, 0, 'a'}, control}) {
