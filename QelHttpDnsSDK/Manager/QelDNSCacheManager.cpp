@@ -79,9 +79,13 @@ void QelDNSCacheManager::setDict(const Dict& dict) {
 
 void QelDNSCacheManager::setMaxLists(size_t maxLists) {
     std::vector<List> evicted;
+    std::unordered_map<std::string, List> forgotten;  // freed outside the lock
     qel::platform::MutexLock lock(mutex_);
     lists_.setMaxSize(maxLists, evicted);
     if (!evicted.empty()) renewLocked();
+    storedLimit_ = maxLists == 0 ? kStoredListLimit : std::min(maxLists, kStoredListLimit);
+    // Decoded again when read: cheaper than choosing which to keep.
+    if (stored_.size() > storedLimit_) forgotten.swap(stored_);
 }
 
 void QelDNSCacheManager::renewLocked() {
@@ -195,7 +199,7 @@ QelDNSCacheManager::List QelDNSCacheManager::storedList(const std::string& domai
 }
 
 void QelDNSCacheManager::rememberStored(const std::string& domain, List list) const {
-    if (stored_.size() >= kStoredListLimit) {
+    if (stored_.size() >= storedLimit_) {
         // A random entry goes: the memo stays bounded without a hit having to record its use.
         const size_t buckets = stored_.bucket_count();
         for (size_t b = static_cast<size_t>(generation_.load(std::memory_order_relaxed)) % buckets;;

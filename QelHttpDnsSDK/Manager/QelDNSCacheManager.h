@@ -63,7 +63,8 @@ public:
     void setDict(const Dict& dict);
 
     /// The most names kept in memory (0, the default: no bound). Past it a name is evicted
-    /// (see QelDNSBoundedLists); its entry in the store stays.
+    /// (see QelDNSBoundedLists); its entry in the store stays. It bounds the memo of decoded
+    /// store entries too, when lower than `kStoredListLimit`.
     void setMaxLists(size_t maxLists);
 
     /// Keeps `ips` in memory under `domain`, replacing any earlier list; with `cacheToDisk`
@@ -136,6 +137,7 @@ private:
     // What the store holds, decoded (a null list: nothing). Any change of the store through
     // this process renews storedVersion_, so a read that raced a write is not remembered.
     mutable std::unordered_map<std::string, List> stored_ QEL_GUARDED_BY(mutex_);
+    size_t storedLimit_ QEL_GUARDED_BY(mutex_) = kStoredListLimit;
     mutable uint64_t storedVersion_ QEL_GUARDED_BY(mutex_) = 0;
     mutable const void* observedStore_ QEL_GUARDED_BY(mutex_) = nullptr;
     // Renewed (under mutex_) by every change of lists_: equal numbers mean the same state of
