@@ -33,6 +33,7 @@ constexpr size_t kMaxMessage = 65535;          // what a TCP length prefix can s
 constexpr size_t kPerConnInFlight = 16;        // questions one TCP connection may have waiting
 constexpr size_t kMaxPendingOut = 256 * 1024;  // answers a TCP client has not read yet
 constexpr uint16_t kOurUdpSize = 1232;         // what our OPT record offers (no IP fragmentation)
+constexpr unsigned kBadVersion = 16;           // BADVERS, an extended RCODE ldns has no name for
 // epoll keys below this name the fixed sockets; the rest are connections and relays.
 constexpr uint64_t kUdpKey = 0, kTcpKey = 1, kWakeKey = 2, kFirstKey = 16;
 
@@ -160,6 +161,17 @@ std::string refusal(const DnsQuery& query, ldns_pkt_rcode rcode) {
 std::string rcodeAnswer(const DnsQuery& query, ldns_pkt_rcode rcode) {
     Pkt pkt = replyTo(query, rcode);
     addQuestion(pkt.get(), query);
+    return toWire(pkt.get());
+}
+
+// An extended RCODE keeps its low 4 bits in the header and the rest in the OPT record, whose
+// version tells the client the one we speak.
+std::string badVersion(const DnsQuery& query) {
+    Pkt pkt = replyTo(query, static_cast<ldns_pkt_rcode>(kBadVersion & 0x0f));
+    addQuestion(pkt.get(), query);
+    ldns_pkt_set_edns_udp_size(pkt.get(), kOurUdpSize);
+    ldns_pkt_set_edns_version(pkt.get(), 0);
+    ldns_pkt_set_edns_extended_rcode(pkt.get(), uint8_t(kBadVersion >> 4));
     return toWire(pkt.get());
 }
 
@@ -446,6 +458,8 @@ struct DnsStub::Loop {
                 return sendTo(client, refusal(query, LDNS_RCODE_FORMERR), query);
             case DnsQueryDecoder::Verdict::NotImplemented:
                 return sendTo(client, refusal(query, LDNS_RCODE_NOTIMPL), query);
+            case DnsQueryDecoder::Verdict::BadVersion:
+                return sendTo(client, badVersion(query), query);
             case DnsQueryDecoder::Verdict::Query: break;
         }
         const bool address = query.qclass == LDNS_RR_CLASS_IN && !query.hostName.empty() &&

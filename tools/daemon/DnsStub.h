@@ -2,7 +2,8 @@
 // glibc's resolver (static Go binaries, musl containers): they send plain DNS to it over UDP or
 // TCP. A and AAAA questions of class IN for host names are answered by the daemon's resolver;
 // every other question is relayed to a classic DNS server (the first nameserver of
-// /etc/resolv.conf by default), or refused when relaying is off.
+// /etc/resolv.conf by default), or refused when relaying is off. A query in an EDNS version
+// above 0 is neither resolved nor relayed but answered BADVERS.
 //
 // Threads: the stub runs one thread of its own (an epoll loop) between start() and stop(); every
 // socket is read and written there. The resolver callback is called on that thread and must not

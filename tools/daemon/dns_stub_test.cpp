@@ -147,6 +147,8 @@ TEST_F(DnsStubTest, AnswersRelaysAndRefuses) {
         {0, "+noedns +ignore many.test AAAA", {"flags: qr[a-z ]* tc", "ANSWER: 0,"}},
         {0, "+noedns +tcp many.test AAAA", {"ANSWER: 40,", "2001:db8::28"}},
         {0, "+bufsize=1232 many.test AAAA", {"ANSWER: 40,", "udp: 1232"}},
+        {0, "+edns=1 +noednsneg v4.test A", {"status: BADVERS", "EDNS: version: 0", "ANSWER: 0,"}},
+        {0, "+tcp +edns=1 +noednsneg fwd.test TXT", {"status: BADVERS"}},
     };
     for (const auto& row : rows) {
         const std::string output = dig(stubs_[row.stub]->port(), row.question);
