@@ -80,6 +80,16 @@ std::optional<Address> parseAddress(const std::string& text, const char* default
     return address;
 }
 
+// The IP address without the port: one client host, whichever ports its connections come from.
+std::string hostOf(const Address& address) {
+    if (address.storage.ss_family == AF_INET) {
+        const in_addr& ip = reinterpret_cast<const sockaddr_in*>(&address.storage)->sin_addr;
+        return std::string(reinterpret_cast<const char*>(&ip), sizeof ip);
+    }
+    const in6_addr& ip = reinterpret_cast<const sockaddr_in6*>(&address.storage)->sin6_addr;
+    return std::string(reinterpret_cast<const char*>(&ip), sizeof ip);
+}
+
 std::optional<Address> firstNameserver(const std::string& resolvConf) {
     std::ifstream file(resolvConf);
     std::string line;
@@ -265,6 +275,7 @@ struct DnsStub::Loop {
         size_t inFlight = 0;
         bool eof = false;
         Clock::time_point lastActive;
+        std::string host;  // the client's, see hostOf
     };
 
     const Options& options;
@@ -277,6 +288,7 @@ struct DnsStub::Loop {
     uint64_t nextKey = kFirstKey;
     std::map<uint64_t, Pending> pending;
     std::map<uint64_t, Conn> conns;
+    std::map<std::string, size_t> connsOfHost;  // open TCP connections by client host
     std::mt19937 rng{std::random_device{}()};
 
     Loop(const Options& o, const Resolve& r, int u, int t, std::optional<Address> up)
@@ -350,15 +362,26 @@ struct DnsStub::Loop {
 
     void acceptTcp() {
         while (true) {
-            const int fd = accept4(tcp, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            Address peer;
+            peer.length = sizeof peer.storage;
+            const int fd = accept4(tcp, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (fd < 0) return;
             const uint64_t key = nextKey++;
-            if (conns.size() >= options.maxTcpConnections || !watch(fd, key, EPOLLIN)) {
+            std::string host = hostOf(peer);
+            if (!roomForConn(host) || !watch(fd, key, EPOLLIN)) {
                 close(fd);
                 continue;
             }
-            conns[key] = Conn{fd, {}, {}, 0, false, Clock::now()};
+            ++connsOfHost[host];
+            conns[key] = Conn{fd, {}, {}, 0, false, Clock::now(), std::move(host)};
         }
+    }
+
+    bool roomForConn(const std::string& host) const {
+        if (conns.size() >= options.maxTcpConnections) return false;
+        const auto found = connsOfHost.find(host);
+        return found == connsOfHost.end() || found->second < options.maxTcpPerPeer;
     }
 
     void serveConn(uint64_t key, uint32_t events) {
@@ -426,7 +449,9 @@ struct DnsStub::Loop {
     }
 
     void closeConn(uint64_t key) {
-        close(conns[key].fd);
+        const Conn& conn = conns[key];
+        close(conn.fd);
+        if (--connsOfHost[conn.host] == 0) connsOfHost.erase(conn.host);
         conns.erase(key);
     }
 
