@@ -1,7 +1,8 @@
 // The DNS stub's reading of a query (DnsQueryDecoder), on any bytes. Checked on every input:
 //  - shorter than a header, or a response: no reply; otherwise the refusal echoes the wire id;
-//  - a query is at most kMaxQuery bytes, opcode QUERY, one question on the wire, a UDP size of
-//    at least 512, a name in presentation form ending in a dot;
+//  - a query (or one answered BADVERS, which carries an OPT record) is at most kMaxQuery bytes,
+//    opcode QUERY, one question on the wire, a UDP size of at least 512, a name in presentation
+//    form ending in a dot;
 //  - the host name is empty or the name in lower case without its dot, made of letters, digits,
 //    hyphens, underscores and single dots;
 //  - the name survives the way back: written again with ldns as the question of a new query,
@@ -61,8 +62,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzzCheck(result.verdict != DnsQueryDecoder::Verdict::Drop,
               "a query with a header gets a reply");
     fuzzCheck(result.query.id == ldns_read_uint16(data), "the reply echoes the id");
-    if (result.verdict != DnsQueryDecoder::Verdict::Query) return 0;
+    const bool badVersion = result.verdict == DnsQueryDecoder::Verdict::BadVersion;
+    if (result.verdict != DnsQueryDecoder::Verdict::Query && !badVersion) return 0;
     const DnsQuery& query = result.query;
+    fuzzCheck(!badVersion || query.edns, "BADVERS only for a query with an OPT record");
     fuzzCheck(size <= DnsQueryDecoder::kMaxQuery, "a query is not oversized");
     fuzzCheck(LDNS_OPCODE_WIRE(data) == LDNS_PACKET_QUERY && LDNS_QDCOUNT(data) == 1,
               "a query is a standard query with one question");

@@ -68,7 +68,9 @@ DnsQueryDecoder::Result DnsQueryDecoder::decode(const uint8_t* data, size_t size
     if (result.query.edns) {
         result.query.udpSize = std::max<uint16_t>(512, ldns_pkt_edns_udp_size(pkt.get()));
     }
-    result.verdict = Verdict::Query;
+    // Only EDNS version 0 exists; a client asking in a later one expects to be told to step down.
+    result.verdict = result.query.edns && ldns_pkt_edns_version(pkt.get()) > 0 ? Verdict::BadVersion
+                                                                               : Verdict::Query;
     return result;
 }
 

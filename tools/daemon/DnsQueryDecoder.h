@@ -1,6 +1,6 @@
 // The DNS stub's reading of one query message: bytes in, either a query to answer or the reply
-// the bytes deserve (FORMERR, NOTIMP, or nothing). Pure and thread-safe: no state, no I/O, so a
-// fuzzer can drive it on any bytes.
+// the bytes deserve (FORMERR, NOTIMP, BADVERS, or nothing). Pure and thread-safe: no state, no I/O,
+// so a fuzzer can drive it on any bytes.
 #pragma once
 
 #include <cstddef>
@@ -33,6 +33,7 @@ public:
         Query,           // a well-formed standard query with one question
         FormatError,     // answer FORMERR (query.id, opcode and recursionDesired are read)
         NotImplemented,  // another opcode: answer NOTIMP (same fields read)
+        BadVersion,      // an EDNS version above 0: answer BADVERS (the whole query is read)
         Drop,            // no reply: shorter than a header, or a response (no reply loops)
     };
     struct Result {

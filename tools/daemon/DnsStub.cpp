@@ -33,6 +33,7 @@ constexpr size_t kMaxMessage = 65535;          // what a TCP length prefix can s
 constexpr size_t kPerConnInFlight = 16;        // questions one TCP connection may have waiting
 constexpr size_t kMaxPendingOut = 256 * 1024;  // answers a TCP client has not read yet
 constexpr uint16_t kOurUdpSize = 1232;         // what our OPT record offers (no IP fragmentation)
+constexpr unsigned kBadVersion = 16;           // BADVERS, an extended RCODE ldns has no name for
 // epoll keys below this name the fixed sockets; the rest are connections and relays.
 constexpr uint64_t kUdpKey = 0, kTcpKey = 1, kWakeKey = 2, kFirstKey = 16;
 
@@ -77,6 +78,16 @@ std::optional<Address> parseAddress(const std::string& text, const char* default
     address.length = found->ai_addrlen;
     freeaddrinfo(found);
     return address;
+}
+
+// The IP address without the port: one client host, whichever ports its connections come from.
+std::string hostOf(const Address& address) {
+    if (address.storage.ss_family == AF_INET) {
+        const in_addr& ip = reinterpret_cast<const sockaddr_in*>(&address.storage)->sin_addr;
+        return std::string(reinterpret_cast<const char*>(&ip), sizeof ip);
+    }
+    const in6_addr& ip = reinterpret_cast<const sockaddr_in6*>(&address.storage)->sin6_addr;
+    return std::string(reinterpret_cast<const char*>(&ip), sizeof ip);
 }
 
 std::optional<Address> firstNameserver(const std::string& resolvConf) {
@@ -160,6 +171,17 @@ std::string refusal(const DnsQuery& query, ldns_pkt_rcode rcode) {
 std::string rcodeAnswer(const DnsQuery& query, ldns_pkt_rcode rcode) {
     Pkt pkt = replyTo(query, rcode);
     addQuestion(pkt.get(), query);
+    return toWire(pkt.get());
+}
+
+// An extended RCODE keeps its low 4 bits in the header and the rest in the OPT record, whose
+// version tells the client the one we speak.
+std::string badVersion(const DnsQuery& query) {
+    Pkt pkt = replyTo(query, static_cast<ldns_pkt_rcode>(kBadVersion & 0x0f));
+    addQuestion(pkt.get(), query);
+    ldns_pkt_set_edns_udp_size(pkt.get(), kOurUdpSize);
+    ldns_pkt_set_edns_version(pkt.get(), 0);
+    ldns_pkt_set_edns_extended_rcode(pkt.get(), uint8_t(kBadVersion >> 4));
     return toWire(pkt.get());
 }
 
@@ -253,6 +275,7 @@ struct DnsStub::Loop {
         size_t inFlight = 0;
         bool eof = false;
         Clock::time_point lastActive;
+        std::string host;  // the client's, see hostOf
     };
 
     const Options& options;
@@ -265,6 +288,7 @@ struct DnsStub::Loop {
     uint64_t nextKey = kFirstKey;
     std::map<uint64_t, Pending> pending;
     std::map<uint64_t, Conn> conns;
+    std::map<std::string, size_t> connsOfHost;  // open TCP connections by client host
     std::mt19937 rng{std::random_device{}()};
 
     Loop(const Options& o, const Resolve& r, int u, int t, std::optional<Address> up)
@@ -338,15 +362,26 @@ struct DnsStub::Loop {
 
     void acceptTcp() {
         while (true) {
-            const int fd = accept4(tcp, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            Address peer;
+            peer.length = sizeof peer.storage;
+            const int fd = accept4(tcp, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (fd < 0) return;
             const uint64_t key = nextKey++;
-            if (conns.size() >= options.maxTcpConnections || !watch(fd, key, EPOLLIN)) {
+            std::string host = hostOf(peer);
+            if (!roomForConn(host) || !watch(fd, key, EPOLLIN)) {
                 close(fd);
                 continue;
             }
-            conns[key] = Conn{fd, {}, {}, 0, false, Clock::now()};
+            ++connsOfHost[host];
+            conns[key] = Conn{fd, {}, {}, 0, false, Clock::now(), std::move(host)};
         }
+    }
+
+    bool roomForConn(const std::string& host) const {
+        if (conns.size() >= options.maxTcpConnections) return false;
+        const auto found = connsOfHost.find(host);
+        return found == connsOfHost.end() || found->second < options.maxTcpPerPeer;
     }
 
     void serveConn(uint64_t key, uint32_t events) {
@@ -414,7 +449,9 @@ struct DnsStub::Loop {
     }
 
     void closeConn(uint64_t key) {
-        close(conns[key].fd);
+        const Conn& conn = conns[key];
+        close(conn.fd);
+        if (--connsOfHost[conn.host] == 0) connsOfHost.erase(conn.host);
         conns.erase(key);
     }
 
@@ -446,6 +483,8 @@ struct DnsStub::Loop {
                 return sendTo(client, refusal(query, LDNS_RCODE_FORMERR), query);
             case DnsQueryDecoder::Verdict::NotImplemented:
                 return sendTo(client, refusal(query, LDNS_RCODE_NOTIMPL), query);
+            case DnsQueryDecoder::Verdict::BadVersion:
+                return sendTo(client, badVersion(query), query);
             case DnsQueryDecoder::Verdict::Query: break;
         }
         const bool address = query.qclass == LDNS_RR_CLASS_IN && !query.hostName.empty() &&

@@ -2,7 +2,8 @@
 // glibc's resolver (static Go binaries, musl containers): they send plain DNS to it over UDP or
 // TCP. A and AAAA questions of class IN for host names are answered by the daemon's resolver;
 // every other question is relayed to a classic DNS server (the first nameserver of
-// /etc/resolv.conf by default), or refused when relaying is off.
+// /etc/resolv.conf by default), or refused when relaying is off. A query in an EDNS version
+// above 0 is neither resolved nor relayed but answered BADVERS.
 //
 // Threads: the stub runs one thread of its own (an epoll loop) between start() and stop(); every
 // socket is read and written there. The resolver callback is called on that thread and must not
@@ -11,8 +12,9 @@
 // start(), stop() and the destructor are for one owning thread.
 //
 // Bounds: a deadline for each answer (SERVFAIL after it), queries of at most
-// DnsQueryDecoder::kMaxQuery bytes, a cap on open TCP connections, on queries in flight (per
-// TCP connection and in all), and an idle timeout on TCP connections.
+// DnsQueryDecoder::kMaxQuery bytes, a cap on open TCP connections (per client address and in
+// all), on queries in flight (per TCP connection and in all), and an idle timeout on TCP
+// connections.
 #pragma once
 
 #include <chrono>
@@ -64,6 +66,7 @@ public:
         std::chrono::milliseconds resolveTimeout{5000};   // the resolver's, then SERVFAIL
         std::chrono::milliseconds tcpIdle{10000};         // a TCP connection with nothing to do
         size_t maxTcpConnections = 64;
+        size_t maxTcpPerPeer = 8;   // of one client address, so one cannot hold them all
         size_t maxInFlight = 1024;  // questions waiting for the resolver or the upstream
     };
 

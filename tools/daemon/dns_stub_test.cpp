@@ -48,6 +48,16 @@ std::string dig(uint16_t port, const std::string& question) {
     return run("dig @127.0.0.1 -p " + std::to_string(port) + " +tries=1 +time=3 " + question + " 2>&1");
 }
 
+int connectTcp(uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in stub{};
+    stub.sin_family = AF_INET;
+    stub.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    stub.sin_port = htons(port);
+    connect(fd, reinterpret_cast<sockaddr*>(&stub), sizeof stub);
+    return fd;
+}
+
 class DnsStubTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -147,6 +157,8 @@ TEST_F(DnsStubTest, AnswersRelaysAndRefuses) {
         {0, "+noedns +ignore many.test AAAA", {"flags: qr[a-z ]* tc", "ANSWER: 0,"}},
         {0, "+noedns +tcp many.test AAAA", {"ANSWER: 40,", "2001:db8::28"}},
         {0, "+bufsize=1232 many.test AAAA", {"ANSWER: 40,", "udp: 1232"}},
+        {0, "+edns=1 +noednsneg v4.test A", {"status: BADVERS", "EDNS: version: 0", "ANSWER: 0,"}},
+        {0, "+tcp +edns=1 +noednsneg fwd.test TXT", {"status: BADVERS"}},
     };
     for (const auto& row : rows) {
         const std::string output = dig(stubs_[row.stub]->port(), row.question);
@@ -199,6 +211,22 @@ TEST_F(DnsStubTest, MalformedQueries) {
     }
     close(fd);
     EXPECT_NE(dig(stubs_[0]->port(), "v4.test A").find("192.0.2.1"), std::string::npos);
+}
+
+TEST_F(DnsStubTest, OneClientAddressCannotHoldEveryTcpConnection) {
+    const uint16_t port = stubs_[0]->port();
+    std::vector<int> held;
+    for (size_t i = 0; i <= DnsStub::Options{}.maxTcpPerPeer; ++i) held.push_back(connectTcp(port));
+    timeval wait{3, 0};  // so that a connection left open fails the test instead of hanging it
+    setsockopt(held.back(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    char byte;
+    EXPECT_EQ(recv(held.back(), &byte, 1, 0), 0) << "the connection past the cap is closed";
+    EXPECT_NE(dig(port, "-b 127.0.0.2 +tcp v4.test A").find("192.0.2.1"), std::string::npos);
+    for (int fd : held) close(fd);
+    // The stub sees them close in its own time; then this address is served again.
+    std::string output;
+    for (int i = 0; i < 20 && output.find("192.0.2.1") == std::string::npos; ++i) output = dig(port, "+tcp v4.test A");
+    EXPECT_NE(output.find("192.0.2.1"), std::string::npos) << output;
 }
 
 }  // namespace
