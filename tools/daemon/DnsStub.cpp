@@ -633,31 +633,55 @@ struct DnsStub::Loop {
 
 // --- the owner's side ----------------------------------------------------------------------------
 
+namespace {
+
+uint16_t portOf(const Address& address) {
+    return ntohs(address.storage.ss_family == AF_INET
+                     ? reinterpret_cast<const sockaddr_in*>(&address.storage)->sin_port
+                     : reinterpret_cast<const sockaddr_in6*>(&address.storage)->sin6_port);
+}
+
+// A UDP and a TCP socket bound to `listen`'s one port, `bound` set to it. For port 0 the kernel
+// picks the UDP port, which may be taken in TCP: a few ports are tried then. False with errno
+// set (and both sockets -1) when it cannot.
+bool bindBoth(const Address& listen, int& udp, int& tcp, Address& bound) {
+    const int on = 1;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        udp = nonBlockingSocket(listen.storage.ss_family, SOCK_DGRAM);
+        tcp = nonBlockingSocket(listen.storage.ss_family, SOCK_STREAM);
+        if (tcp >= 0) setsockopt(tcp, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        if (listen.storage.ss_family == AF_INET6) {
+            // [::] means IPv6 only: an IPv4 listener is a second stub.
+            if (udp >= 0) setsockopt(udp, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+            if (tcp >= 0) setsockopt(tcp, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        }
+        bound = listen;
+        if (udp >= 0 && tcp >= 0 && bind(udp, listen.get(), listen.length) == 0 &&
+            getsockname(udp, reinterpret_cast<sockaddr*>(&bound.storage), &bound.length) == 0 &&
+            bind(tcp, bound.get(), bound.length) == 0 && ::listen(tcp, 64) == 0) {
+            return true;
+        }
+        const int error = errno;
+        if (udp >= 0) close(udp);
+        if (tcp >= 0) close(tcp);
+        udp = tcp = -1;
+        errno = error;
+        if (portOf(listen) != 0 || error != EADDRINUSE) return false;
+    }
+    return false;
+}
+
+}  // namespace
+
 DnsStub::DnsStub(Options options, Resolve resolve)
     : options_(std::move(options)), resolve_(std::move(resolve)) {
     const auto listen = parseAddress(options_.listen, nullptr);
     if (!listen) throw DnsStubError("malformed listening address: " + options_.listen);
-    udp_ = nonBlockingSocket(listen->storage.ss_family, SOCK_DGRAM);
-    tcp_ = nonBlockingSocket(listen->storage.ss_family, SOCK_STREAM);
-    const int on = 1;
-    if (tcp_ >= 0) setsockopt(tcp_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (listen->storage.ss_family == AF_INET6) {
-        // [::] means IPv6 only: an IPv4 listener is a second stub.
-        if (udp_ >= 0) setsockopt(udp_, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-        if (tcp_ >= 0) setsockopt(tcp_, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-    }
     Address bound = *listen;
-    if (udp_ < 0 || tcp_ < 0 || bind(udp_, listen->get(), listen->length) != 0 ||
-        getsockname(udp_, reinterpret_cast<sockaddr*>(&bound.storage), &bound.length) != 0 ||
-        bind(tcp_, bound.get(), bound.length) != 0 || ::listen(tcp_, 64) != 0) {
-        const std::string reason = std::strerror(errno);
-        if (udp_ >= 0) close(udp_);
-        if (tcp_ >= 0) close(tcp_);
-        throw DnsStubError("cannot listen on " + options_.listen + ": " + reason);
+    if (!bindBoth(*listen, udp_, tcp_, bound)) {
+        throw DnsStubError("cannot listen on " + options_.listen + ": " + std::strerror(errno));
     }
-    port_ = ntohs(bound.storage.ss_family == AF_INET
-                      ? reinterpret_cast<const sockaddr_in*>(&bound.storage)->sin_port
-                      : reinterpret_cast<const sockaddr_in6*>(&bound.storage)->sin6_port);
+    port_ = portOf(bound);
     try {
         findUpstream(options_, udp_);  // a bad one fails here, not at start()
     } catch (...) {

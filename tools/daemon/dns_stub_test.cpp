@@ -60,26 +60,32 @@ int connectTcp(uint16_t port) {
 
 class DnsStubTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        const std::string port = std::to_string(freeUdpPort());
-        std::vector<std::string> args{"dnsmasq",
-                                      "--no-daemon",
-                                      "--conf-file=/dev/null",
-                                      "--port=" + port,
-                                      "--listen-address=127.0.0.1",
-                                      "--bind-interfaces",
-                                      "--no-resolv",
-                                      "--no-hosts",
-                                      "--pid-file=",
-                                      "--txt-record=fwd.test,hello",
-                                      "--mx-host=fwd.test,mail.fwd.test,10"};
-        std::vector<char*> argv;
-        for (auto& arg : args) argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        ASSERT_EQ(posix_spawnp(&dnsmasq_, "dnsmasq", nullptr, nullptr, argv.data(), environ), 0);
-        for (int i = 0; i < 50 && dig(uint16_t(std::stoi(port)), "fwd.test TXT").find("hello") == std::string::npos; ++i) {
-            usleep(100 * 1000);
+    // dnsmasq on a port free in UDP; it also needs the port in TCP and exits when another
+    // program holds it there, so a few ports are tried.
+    std::string startDnsmasq() {
+        for (int attempt = 0; attempt < 8; ++attempt) {
+            const std::string port = std::to_string(freeUdpPort());
+            std::vector<std::string> args{"dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=" + port,
+                                          "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv",
+                                          "--no-hosts", "--pid-file=", "--txt-record=fwd.test,hello",
+                                          "--mx-host=fwd.test,mail.fwd.test,10"};
+            std::vector<char*> argv;
+            for (auto& arg : args) argv.push_back(arg.data());
+            argv.push_back(nullptr);
+            if (posix_spawnp(&dnsmasq_, "dnsmasq", nullptr, nullptr, argv.data(), environ) != 0) break;
+            for (int i = 0; i < 50 && waitpid(dnsmasq_, nullptr, WNOHANG) == 0; ++i) {
+                if (dig(uint16_t(std::stoi(port)), "fwd.test TXT").find("hello") != std::string::npos) return port;
+                usleep(100 * 1000);
+            }
+            kill(dnsmasq_, SIGTERM), waitpid(dnsmasq_, nullptr, 0);
+            dnsmasq_ = 0;
         }
+        return std::string();
+    }
+
+    void SetUp() override {
+        const std::string port = startDnsmasq();
+        ASSERT_FALSE(port.empty()) << "dnsmasq did not start";
         // A socket that never answers: the upstream of a stub that must give up.
         silent_ = socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in address{};
