@@ -22,14 +22,21 @@ std::string TempFile::read() const {
     return content.str();
 }
 
+// Free in both protocols: a DNS listener binds the one port in UDP and in TCP.
 int freePort(int type) {
-    const int fd = socket(AF_INET, type, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
+    for (int attempt = 0; attempt < 32; ++attempt) {
+        const int fd = socket(AF_INET, type, 0);
+        const int other = socket(AF_INET, type == SOCK_DGRAM ? SOCK_STREAM : SOCK_DGRAM, 0);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        const bool free = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                          getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+                          bind(other, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        close(fd);
+        close(other);
+        if (free) return ntohs(address.sin_port);
+    }
+    return 0;
 }
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments) {

@@ -24,7 +24,7 @@ struct TempFile {
     const std::string path_ = directory.file("file");
 };
 
-/// A port on 127.0.0.1 that nothing listens on at the moment of the call (TCP or UDP).
+/// A port on 127.0.0.1 that nothing uses at the moment of the call, in TCP nor in UDP.
 int freePort(int type);
 
 /// A program with its output in files, killed with the object if still running.
