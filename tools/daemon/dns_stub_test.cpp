@@ -23,7 +23,8 @@ extern char** environ;
 namespace qel::daemon {
 namespace {
 
-uint16_t freeUdpPort() {
+// A UDP socket on 127.0.0.1 and a port the kernel chose; `port` set to it.
+int boundUdpSocket(uint16_t& port) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -31,8 +32,14 @@ uint16_t freeUdpPort() {
     socklen_t length = sizeof address;
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+uint16_t freeUdpPort() {
+    uint16_t port = 0;
+    close(boundUdpSocket(port));
+    return port;
 }
 
 std::string run(const std::string& command) {
@@ -87,13 +94,8 @@ protected:
         const std::string port = startDnsmasq();
         ASSERT_FALSE(port.empty()) << "dnsmasq did not start";
         // A socket that never answers: the upstream of a stub that must give up.
-        silent_ = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        bind(silent_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        getsockname(silent_, reinterpret_cast<sockaddr*>(&address), &length);
+        uint16_t silentPort = 0;
+        silent_ = boundUdpSocket(silentPort);
 
         const auto resolve = [this](const std::string& name, int family, std::function<void(StubAnswer)> done) {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -117,7 +119,7 @@ protected:
         options.forward = false;
         stubs_.push_back(std::make_unique<DnsStub>(options, resolve));
         options.forward = true;
-        options.upstream = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        options.upstream = "127.0.0.1:" + std::to_string(silentPort);
         options.upstreamTimeout = std::chrono::milliseconds(300);
         stubs_.push_back(std::make_unique<DnsStub>(options, resolve));
         for (auto& stub : stubs_) stub->start();
