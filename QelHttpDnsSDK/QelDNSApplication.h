@@ -35,7 +35,8 @@ public:
     /// used, so call it at start; returns false, changing nothing, once the store is open.
     /// A file another user could have read or written is not used (a symbolic link, a file not
     /// owned by the effective user or open to group or others, or one in a directory they can
-    /// write): the library logs why and caches in memory only.
+    /// write): the library logs why and caches in memory only. ":memory:" asks for that: the
+    /// store lives in memory and nothing is written to a file.
     static bool setStorePath(const std::string& path);
 
     /// The proxy every request to the service goes through: nullopt (the default) takes the

@@ -35,7 +35,8 @@ SdkResolver::SdkResolver(const DaemonConfig& config, std::function<void(const st
         if (!kept.empty()) log(kept);
     });
     QelDNSApplication::setBundleIdentifier(config.appId);
-    if (!config.store.empty()) QelDNSApplication::setStorePath(config.store);
+    // Empty: memory only, not the SDK's default file under the user's home.
+    QelDNSApplication::setStorePath(config.store.empty() ? ":memory:" : config.store);
     QelDNSTraceObserver::install(SdkResolution::noteTrace);
     QelDNSResilienceOptions resilience;
     resilience.deadline = config.timeout;
