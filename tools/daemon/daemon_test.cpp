@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -88,7 +89,7 @@ std::vector<std::string> addressesOf(const ResolveAnswer& answer) {
 
 // The service, a secret file only its owner reads, a configuration and the daemon.
 struct Daemon {
-    explicit Daemon(const std::string& extra = "") {
+    explicit Daemon(const std::string& extra = "", bool keepsAStore = true) : withStore(keepsAStore) {
         secret.write(std::string(kSecret) + "\n");
         ::chmod(secret.path().c_str(), 0600);
         writeConfig(extra);
@@ -97,7 +98,7 @@ struct Daemon {
     }
     void writeConfig(const std::string& extra) const {
         config.write("service_url = " + service.url() + "\nauth_id = " + kAuthId + "\nauth_secret_file = " +
-                     secret.path() + "\nsocket = " + socket + "\nstore = " + scratch.file("store") +
+                     secret.path() + "\nsocket = " + socket + "\nstore = " + (withStore ? scratch.file("store") : "") +
                      "\ntimeout = 2\nmax_per_peer = 2\n" + extra);
     }
     std::optional<ResolveAnswer> ask(const std::string& name, int family) const {
@@ -109,6 +110,7 @@ struct Daemon {
     qel::test::ScratchDirectory scratch;
     TempFile secret, config;
     const std::string socket = scratch.file("resolve.sock");
+    const bool withStore;
     std::unique_ptr<ChildProcess> process;
 };
 
@@ -204,4 +206,17 @@ TEST(Daemon, RefusesABadConfigurationByItsLineAndKeepsTheOneInUseOnAFailedReload
     ::kill(daemon.process->pid, SIGTERM);
     EXPECT_EQ(daemon.process->wait(), 0);
     EXPECT_NE(::access(daemon.socket.c_str(), F_OK), 0) << "the socket is removed";
+
+    // An empty store setting keeps the store in memory: nothing appears under the daemon's home.
+    const qel::test::ScratchDirectory home;
+    const std::string realHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+    ::setenv("HOME", home.path().c_str(), 1);
+    {
+        Daemon memoryOnly("", false);
+        EXPECT_EQ(memoryOnly.ask("www.example.test", QEL_FAMILY_V4)->status, QEL_STATUS_ANSWERED);
+        ::kill(memoryOnly.process->pid, SIGTERM);
+        EXPECT_EQ(memoryOnly.process->wait(), 0);
+    }
+    ::setenv("HOME", realHome.c_str(), 1);
+    EXPECT_TRUE(std::filesystem::is_empty(home.path()));
 }
