@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -237,13 +238,17 @@ struct Inbox {
     ~Inbox() {
         if (wake >= 0) close(wake);
     }
+    // The loop's own thread: an answer it posts (a cached name, answered while the loop handed
+    // the question over) is delivered after the events at hand without waking the loop.
+    std::atomic<std::thread::id> loopThread{};
+
     void post(uint64_t token, StubAnswer answer) {
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (!open) return;
             answers.emplace_back(token, std::move(answer));
         }
-        poke();
+        if (std::this_thread::get_id() != loopThread.load(std::memory_order_relaxed)) poke();
     }
     void poke() const {
         const uint64_t one = 1;
@@ -289,6 +294,7 @@ struct DnsStub::Loop {
     std::map<uint64_t, Pending> pending;
     std::map<uint64_t, Conn> conns;
     std::map<std::string, size_t> connsOfHost;  // open TCP connections by client host
+    std::vector<uint8_t> udpBuffer = std::vector<uint8_t>(kMaxMessage + 1);  // one, reused
     std::mt19937 rng{std::random_device{}()};
 
     Loop(const Options& o, const Resolve& r, int u, int t, std::optional<Address> up)
@@ -310,6 +316,7 @@ struct DnsStub::Loop {
     }
 
     void run() {
+        inbox->loopThread.store(std::this_thread::get_id(), std::memory_order_relaxed);
         std::vector<epoll_event> events(64);
         while (true) {
             {
@@ -321,6 +328,7 @@ struct DnsStub::Loop {
             }
             const int n = epoll_wait(epoll, events.data(), int(events.size()), waitMs());
             for (int i = 0; i < n; ++i) dispatch(events[i].data.u64, events[i].events);
+            deliverAnswers();
             expire();
         }
     }
@@ -348,7 +356,7 @@ struct DnsStub::Loop {
     // --- clients ---------------------------------------------------------------------------------
 
     void readUdp() {
-        std::vector<uint8_t> buffer(kMaxMessage + 1);
+        std::vector<uint8_t>& buffer = udpBuffer;
         for (int i = 0; i < 64; ++i) {  // then let the other sockets have a turn
             Client client;
             client.peer.length = sizeof client.peer.storage;
@@ -518,6 +526,10 @@ struct DnsStub::Loop {
     void drainInbox() {
         uint64_t count;
         (void)!read(inbox->wake, &count, sizeof count);
+        deliverAnswers();
+    }
+
+    void deliverAnswers() {
         std::deque<std::pair<uint64_t, StubAnswer>> answers;
         {
             std::lock_guard<std::mutex> lock(inbox->mutex);
