@@ -182,13 +182,13 @@ bool ResolveServer::readRequest(Job& job, bool wait) {
 }
 
 // A thread that finished a request waits a while for the next one: creating a thread costs more
-// than a cached lookup. A request never waits for a busy thread: without an idle one, a new one
-// starts (the workers stay within kMaxWorkers, see admit).
+// than waiting for a lookup. A request never waits for a busy thread: without an idle one, a new
+// one starts (the workers stay within kMaxWorkers, see admit).
 void ResolveServer::dispatch(Job job) {
     std::lock_guard<std::mutex> lock(mutex_);
     jobs_.push_back(std::move(job));
-    if (idleThreads_ > 0) {
-        --idleThreads_;  // this thread is spoken for
+    // Every waiting thread takes one queued request: a new thread only when they are fewer.
+    if (idleThreads_ >= jobs_.size()) {
         work_.notify_one();
         return;
     }
@@ -196,17 +196,18 @@ void ResolveServer::dispatch(Job job) {
     std::thread([this] { runThread(); }).detach();
 }
 
+// A thread counts itself idle only while it waits, so the count is always the threads that
+// will take a queued request; one that waited kThreadLinger for nothing ends.
 void ResolveServer::runThread() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        if (jobs_.empty()) {
+        bool lingered = false;
+        while (jobs_.empty() && !stopping_ && !lingered) {
             ++idleThreads_;
-            const bool woken = work_.wait_for(lock, kThreadLinger, [this] { return !jobs_.empty() || stopping_; });
-            if (!woken || jobs_.empty()) {
-                --idleThreads_;
-                break;
-            }
+            lingered = work_.wait_for(lock, kThreadLinger) == std::cv_status::timeout;
+            --idleThreads_;
         }
+        if (jobs_.empty()) break;  // lingered long enough, or stopping
         Job job = std::move(jobs_.front());
         jobs_.pop_front();
         lock.unlock();

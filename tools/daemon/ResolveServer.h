@@ -95,7 +95,7 @@ private:
     size_t workers_ = 0;  // requests admitted and not yet answered
     std::deque<Job> jobs_;
     size_t threads_ = 0;      // threads running requests or waiting for one
-    size_t idleThreads_ = 0;  // of those, waiting and not yet spoken for
+    size_t idleThreads_ = 0;  // of those, waiting for a request
     bool stopping_ = false;
 };
 
