@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <arpa/inet.h>
@@ -167,6 +168,19 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     ChildProcess qeldns(QELDNS_BINARY, {"--daemon", daemon.socket, "-a", "www.example.test"});
     EXPECT_EQ(qeldns.wait(), 0);
     EXPECT_TRUE(contains(qeldns.output(), "www.example.test 2001:db8::10 (ttl ")) << qeldns.output();
+    // 8 processes asking at once, each name a lookup on the network: the daemon keeps a few
+    // threads for them, not one for almost every request.
+    std::vector<pid_t> askers;
+    for (int p = 0; p < 8; ++p) {
+        if ((askers.emplace_back(::fork())) == 0) {
+            for (int i = 0; i < 150; ++i) daemon.ask("n" + std::to_string(p * 1000 + i) + ".test", QEL_FAMILY_V4);
+            ::_exit(0);
+        }
+    }
+    for (pid_t asker : askers) ::waitpid(asker, nullptr, 0);
+    const auto threads = std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(daemon.process->pid) + "/task"),
+                                       std::filesystem::directory_iterator());
+    EXPECT_LE(threads, 32);
     const std::string log = daemon.process->errors();
     EXPECT_TRUE(contains(log, "pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid()))) << log;
     EXPECT_FALSE(contains(log, kSecret) || contains(log, "request headers")) << log;
