@@ -4,7 +4,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,6 +78,18 @@ std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std:
     }
     ::close(fd);
     return decodeAnswer(answer);
+}
+
+// The status of the answer read from `fd` within 5 s, or -1.
+int readAnswer(int fd) {
+    std::vector<uint8_t> bytes;
+    uint8_t buffer[QEL_MAX_ANSWER];
+    pollfd ready{fd, POLLIN, 0};
+    for (ssize_t got; ::poll(&ready, 1, 5000) == 1 && (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        bytes.insert(bytes.end(), buffer, buffer + got);
+    }
+    const auto answer = decodeAnswer(bytes);
+    return answer ? answer->status : -1;
 }
 
 std::vector<std::string> addressesOf(const ResolveAnswer& answer) {
@@ -156,8 +171,33 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
         ::connect(held.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
     EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_BUSY; }));
-    for (int fd : held) ::close(fd);
+    // They said nothing: past the read deadline each is told so and dropped.
+    for (int fd : held) {
+        EXPECT_EQ(readAnswer(fd), QEL_STATUS_BAD_REQUEST);
+        ::close(fd);
+    }
     EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_ANSWERED; }));
+    // 1 000 clients at once: each is answered or told "busy", none is left without a reason.
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    const std::vector<uint8_t> request = encodeRequest({QEL_FAMILY_V4, 2000, "www.example.test"});
+    std::vector<int> clients;
+    for (int i = 0; i < 1000; ++i) {
+        sockaddr_un address{AF_UNIX, {}};
+        std::strncpy(address.sun_path, daemon.socket.c_str(), sizeof address.sun_path - 1);
+        clients.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ::connect(clients.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        (void)!::send(clients.back(), request.data(), request.size(), MSG_NOSIGNAL);
+    }
+    std::map<int, int> outcomes;
+    for (int fd : clients) {
+        ++outcomes[readAnswer(fd)];
+        ::close(fd);
+    }
+    EXPECT_EQ(outcomes[QEL_STATUS_ANSWERED] + outcomes[QEL_STATUS_BUSY], 1000);
+    EXPECT_GE(outcomes[QEL_STATUS_ANSWERED], 1);
     // What a program that reads no nsswitch.conf sees, through the DNS stub.
     ChildProcess dig("/usr/bin/dig", {"@127.0.0.1", "-p", stubPort, "+short", "+tries=1", "www.example.test", "AAAA"});
     EXPECT_EQ(dig.wait(), 0);
