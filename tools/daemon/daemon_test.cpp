@@ -59,19 +59,30 @@ std::string throughTheModule(const std::string& socketPath, const char* name, in
     return addresses;
 }
 
+sockaddr_un socketAddress(const std::string& path) {
+    sockaddr_un address{AF_UNIX, {}};
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+// A socket connected to `address` (or not, when the daemon refuses): system calls only, so a
+// forked child may use it.
+int connectTo(const sockaddr_un& address) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    (void)!::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return fd;
+}
+
 // Sends `bytes` to the socket (the first `pauseAfter` of them, a pause, the rest) and reads the
 // answer to the end.
 std::optional<ResolveAnswer> askSocket(const std::string& socketPath, const std::vector<uint8_t>& bytes,
                                        size_t pauseAfter = 0) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = connectTo(socketAddress(socketPath));
     std::vector<uint8_t> answer;
     const auto sent = [&](size_t from, size_t to) {
         return ::send(fd, bytes.data() + from, to - from, MSG_NOSIGNAL) == static_cast<ssize_t>(to - from);
     };
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && sent(0, pauseAfter) &&
+    if (sent(0, pauseAfter) &&
         (std::this_thread::sleep_for(std::chrono::milliseconds(pauseAfter ? 50 : 0)), sent(pauseAfter, bytes.size()))) {
         uint8_t buffer[QEL_MAX_ANSWER];
         for (ssize_t got; (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.insert(answer.end(), buffer, buffer + got);
@@ -165,10 +176,7 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     // Two requests of this process under way (max_per_peer = 2): a third is told "busy" at once.
     std::vector<int> held;
     for (int i = 0; i < 2; ++i) {
-        sockaddr_un address{AF_UNIX, {}};
-        std::strncpy(address.sun_path, daemon.socket.c_str(), sizeof address.sun_path - 1);
-        held.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::connect(held.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        held.push_back(connectTo(socketAddress(daemon.socket)));
     }
     EXPECT_TRUE(eventually([&] { return daemon.ask("www.example.test", QEL_FAMILY_V4)->status == QEL_STATUS_BUSY; }));
     // They said nothing: past the read deadline each is told so and dropped.
@@ -185,10 +193,7 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     const std::vector<uint8_t> request = encodeRequest({QEL_FAMILY_V4, 2000, "www.example.test"});
     std::vector<int> clients;
     for (int i = 0; i < 1000; ++i) {
-        sockaddr_un address{AF_UNIX, {}};
-        std::strncpy(address.sun_path, daemon.socket.c_str(), sizeof address.sun_path - 1);
-        clients.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::connect(clients.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        clients.push_back(connectTo(socketAddress(daemon.socket)));
         (void)!::send(clients.back(), request.data(), request.size(), MSG_NOSIGNAL);
     }
     std::map<int, int> outcomes;
@@ -214,16 +219,14 @@ TEST(Daemon, AnswersEachFamilyRefusesWhatItCannotAndNeverShowsTheSecret) {
     // allocator locked by a thread it does not have, so it makes only system calls.
     std::vector<std::vector<uint8_t>> requests;
     for (int i = 0; i < 1200; ++i) requests.push_back(encodeRequest({QEL_FAMILY_V4, 2000, "n" + std::to_string(i) + ".test"}));
-    sockaddr_un address{AF_UNIX, {}};
-    std::strncpy(address.sun_path, daemon.socket.c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = socketAddress(daemon.socket);
     std::vector<pid_t> askers;
     for (int p = 0; p < 8; ++p) {
         if ((askers.emplace_back(::fork())) == 0) {
             for (size_t i = static_cast<size_t>(p); i < requests.size(); i += 8) {
-                const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                const int fd = connectTo(address);
                 uint8_t answer[QEL_MAX_ANSWER];
-                if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                    ::send(fd, requests[i].data(), requests[i].size(), MSG_NOSIGNAL) > 0) {
+                if (::send(fd, requests[i].data(), requests[i].size(), MSG_NOSIGNAL) > 0) {
                     while (::recv(fd, answer, sizeof answer, 0) > 0) {
                     }
                 }
